@@ -1,0 +1,43 @@
+// Reader of a load file, the text file that says which blocks a boot consists of: two header lines,
+// then records of four tokens separated by white space (address, size in words, section file name,
+// comment). The first character of an address or a size is dropped, the rest is hexadecimal.
+//
+// A record that cannot be meant (a token that is too long, a number that is not hexadecimal or too
+// large) is delivered with its problem named, so that no byte of it is sent. Reads as it goes, on
+// the thread that boots the card; the file is closed with the object.
+#pragma once
+
+#include <fstream>
+#include <string>
+
+class BootLoadFile {
+  public:
+    static constexpr int kMaxNumberLength = 6;
+    static constexpr int kMaxFileNameLength = 31;
+    static constexpr int kMaxCommentLength = 15;
+
+    struct Record {
+        unsigned long address;                    // 20 bits
+        int size;                                 // words, 0 to 0xFFFF
+        char addressToken[kMaxNumberLength + 2];  // with "0x" in place of its first character
+        char sectionFileName[kMaxFileNameLength + 1];
+        std::string problem;  // what is wrong with the record; empty when nothing is
+
+        bool isValid() const { return problem.empty(); }
+    };
+
+    explicit BootLoadFile(const char* fileName);
+
+    // False when there is no such file, or it is none that can be read, such as a directory.
+    bool isOpen() const { return file.is_open(); }
+    // Skips the two header lines; false when the file ends before them.
+    bool skipHeader();
+    // Reads the next record; false at the end of the file, also when the last record is not whole.
+    bool readRecord(Record& record);
+    // The number of the record read last, the first being 1.
+    int recordNumber() const { return recordsRead; }
+
+  private:
+    std::ifstream file;
+    int recordsRead = 0;
+};

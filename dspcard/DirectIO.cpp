@@ -1,0 +1,65 @@
+#include "DirectIO.h"
+
+#include <fcntl.h>
+#include <sys/io.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <iostream>
+#include <mutex>
+
+#include "CardPorts.h"
+#include "ConsoleLine.h"
+#include "FileDescriptor.h"
+
+DirectIO* DirectIO::sInstance = nullptr;
+
+DirectIO& DirectIO::getInstance() {
+    static std::once_flag made;
+    std::call_once(made, [] { sInstance = new DirectIO; });
+    return *sInstance;
+}
+
+void DirectIO::allowPortAccess() {
+    if (ioperm(kBasePortBoard0, kNumCardPorts, 1) == -1) {
+        ConsoleLine(std::cerr) << "failed to allow port access, errno=" << errno;
+        return;
+    }
+    portsEnabled = true;
+    std::cerr << "Ports enabled OK\n";
+}
+
+void DirectIO::disallowPortAccess() {
+    ioperm(kBasePortBoard0, kNumCardPorts, 0);
+    portsEnabled = false;
+    std::cerr << "Ports disabled OK\n";
+}
+
+void* DirectIO::mapMemory(unsigned long baseAddr, unsigned long length) {
+    ConsoleLine(std::cout) << "Opening /dev/mem";
+    const FileDescriptor memory(open("/dev/mem", O_RDWR));
+    if (!memory.isOpen()) {
+        ConsoleLine(std::cerr) << "Couldn't access /dev/mem";
+        return nullptr;
+    }
+    void* const mapping = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
+                               static_cast<off_t>(baseAddr));
+    if (mapping == MAP_FAILED) {
+        ConsoleLine(std::cerr) << "mmap failed errno=" << errno;
+        return nullptr;
+    }
+    baseMemory = mapping;
+    memoryLength = static_cast<std::uint32_t>(length);
+    return baseMemory;
+}
+
+void DirectIO::unmapMemory() {
+    if (baseMemory == nullptr) {
+        return;
+    }
+    if (munmap(baseMemory, memoryLength) < 0) {
+        ConsoleLine(std::cerr) << "Munmap failed! errno=" << errno;
+    }
+    baseMemory = nullptr;
+    memoryLength = 0;
+}

@@ -1,0 +1,203 @@
+// The packets: every message between the cards and the client.
+//
+// Event packets (types 1 to 4 and 7) are made by the boards on the runner thread and deleted by
+// whoever takes them from the send queue. Command packets (types 5 and 6) are made from the
+// client's bytes on the client's thread and deleted by the read/write cycle after the exchange of
+// the board that received them. A packet has one owner at a time, holds no lock, and does not
+// change once it has been queued.
+//
+// Channel numbers in packets are global: lines are numbered over both cards. They are carried as
+// one byte, as are type codes and error codes.
+#pragma once
+
+#include <ptime.h>
+#include <ptypes.h>
+
+#include <memory>
+
+enum PacketType : int {
+    PACKET_TRIGGER = 1,
+    PACKET_CLI = 2,
+    PACKET_DTMF = 3,
+    PACKET_RECORDED_DATA = 4,
+    PACKET_PLAYBACK_DATA = 5,
+    PACKET_LINE_SETTINGS = 6,
+    PACKET_ERROR = 7,
+};
+
+enum BeepType : unsigned char {
+    BEEP_OFF = 0,
+    BEEP_LOW = 1,
+    BEEP_MID = 2,
+    BEEP_HIGH = 3,
+};
+
+// Why a board reports trouble; byte 0 of an ErrorPacket.
+enum ErrorCode : int {
+    ERROR_MISSED_TRANSFER = 1,
+    ERROR_TOO_SLOW = 2,
+    ERROR_LOCKED_UP = 3,
+    ERROR_MEMORY_NOT_MAPPED = 4,
+};
+
+class Packet : public pt::unknown {
+  public:
+    Packet(const Packet&) = delete;
+    Packet& operator=(const Packet&) = delete;
+
+    virtual int getType() const = 0;
+    // Number of payload bytes, and the first of them; valid as long as the packet.
+    virtual int getLength() const = 0;
+    virtual unsigned char* getData() const = 0;
+    // Fills the payload from length bytes, the inverse of getData and getLength. Only for packets
+    // that are built from the client's bytes.
+    virtual void read(unsigned char* theData, int length) = 0;
+    // The text for log lines.
+    virtual pt::string toString() const;
+
+    // When the packet was made: milliseconds since 1970-01-01 00:00:00 UTC, by the system clock.
+    pt::large getTimeStamp() const { return timestamp; }
+
+  protected:
+    Packet();
+
+  private:
+    const pt::large timestamp;
+};
+
+// A line became triggered (a call starts) or its trigger dropped (the call ends).
+// Payload: 1 or 0, channel.
+class TriggerPacket : public Packet {
+  public:
+    TriggerPacket(bool startCall, int channel);
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Fatal: triggers come from cards only.
+    void read(unsigned char* data, int length) override;
+    pt::string toString() const override;
+
+  private:
+    unsigned char data[2];
+};
+
+// Caller identification of a line. Payload: channel, n, n characters; n is at most 50.
+class CLIPacket : public Packet {
+  public:
+    CLIPacket();
+    CLIPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Fewer than 2 bytes give an empty packet; more than 128 are cut.
+    void read(unsigned char* theData, int length) override;
+    pt::string toString() const override;
+    int getChannel() const;
+
+  private:
+    char data[128];
+};
+
+// DTMF digits heard on a line. Payload as of CLIPacket.
+class DTMFPacket : public Packet {
+  public:
+    DTMFPacket();
+    DTMFPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Fewer than 2 bytes give an empty packet; more than 128 are cut.
+    void read(unsigned char* theData, int length) override;
+    pt::string toString() const override;
+    int getChannel() const;
+
+  private:
+    unsigned char data[128];
+};
+
+// Trouble with a card. Payload: code, n, the first n characters of the message; n is at most 50.
+class ErrorPacket : public Packet {
+  public:
+    ErrorPacket();
+    ErrorPacket(int code, const char* message);
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Fewer than 2 bytes give an empty packet; more than 300 are cut.
+    void read(unsigned char* theData, int length) override;
+    pt::string toString() const override;
+    int getCode() const;
+
+  private:
+    unsigned char data[300];
+};
+
+// The audio of every line of one board for one transfer, 2402 payload bytes: number of channels (4
+// or 8), the board's first channel, then 600 (four channels) or 300 (eight) bytes for each port,
+// as the DSP encoded them. The audio is zero until addAudioData fills it.
+class RecordedDataPacket : public Packet {
+  public:
+    RecordedDataPacket(bool fourChannel, int firstChannel);
+
+    // Copies one port's audio from data; null leaves that port's area as it was. A channel that
+    // the board does not have is refused with a log line; one outside 0 to 15 is fatal.
+    void addAudioData(int channel, unsigned char* data);
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Fatal: audio is recorded by cards only.
+    void read(unsigned char* data, int length) override;
+    pt::string toString() const override;
+
+  private:
+    const int numberOfChannels;
+    const int dataLengthPerChannel;
+    const std::unique_ptr<unsigned char[]> channelData;
+};
+
+// Audio to be played out through card 0. Payload: 0 to 600 bytes in the card's encoding.
+class PlaybackDataPacket : public Packet {
+  public:
+    PlaybackDataPacket();
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Keeps the first 600 bytes; a negative length counts as 0.
+    void read(unsigned char* data, int len) override;
+    pt::string toString() const override;
+
+  private:
+    unsigned char playbackData[600];
+    int length;
+};
+
+// The settings of all 16 channels of the system. Payload: 48 bytes, for each channel its BeepType,
+// its TriggerType and its trigger delay in seconds. A new packet holds the default settings.
+class LineSettingsPacket : public Packet {
+  public:
+    LineSettingsPacket();
+    // A copy for a further board, stamped with the time of the copy.
+    explicit LineSettingsPacket(const LineSettingsPacket* orig);
+
+    // The settings of a channel, which must be 0 to 15.
+    unsigned char getBeepType(int channel) const;
+    unsigned char getTrigType(int channel) const;
+    unsigned char getTrigDelaySecs(int channel) const;
+
+    int getType() const override;
+    int getLength() const override;
+    unsigned char* getData() const override;
+    // Keeps the first 48 bytes; the entries that fewer bytes do not reach keep the defaults, so
+    // that a line does not silently stop triggering.
+    void read(unsigned char* theData, int length) override;
+    pt::string toString() const override;
+
+  private:
+    unsigned char data[48];
+};

@@ -1,0 +1,26 @@
+#include <algorithm>
+
+#include "Packet.h"
+
+PlaybackDataPacket::PlaybackDataPacket() : playbackData{}, length(0) {}
+
+int PlaybackDataPacket::getType() const {
+    return PACKET_PLAYBACK_DATA;
+}
+
+int PlaybackDataPacket::getLength() const {
+    return length;
+}
+
+unsigned char* PlaybackDataPacket::getData() const {
+    return const_cast<unsigned char*>(playbackData);
+}
+
+void PlaybackDataPacket::read(unsigned char* data, int len) {
+    length = std::clamp(len, 0, static_cast<int>(sizeof(playbackData)));
+    std::copy_n(data, length, playbackData);
+}
+
+pt::string PlaybackDataPacket::toString() const {
+    return "PlaybackDataPacket";
+}
