@@ -1,0 +1,116 @@
+package com.zivolt.hardware.dsp.client;
+
+import java.util.Arrays;
+import java.util.Objects;
+
+/** The settings of all lines, as they are sent to the cards at once. Never changes once built. */
+public final class LineSettings {
+    /** Number of lines that there are settings for, whether or not a card carries them. */
+    public static final int LINES = 16;
+
+    private final LineSetting[] lines;
+
+    private LineSettings(LineSetting[] lines) {
+        this.lines = lines;
+    }
+
+    /**
+     * Begins with {@link LineSetting#DEFAULT} on every line.
+     *
+     * @return a new builder
+     */
+    public static Builder builder() {
+        return new Builder();
+    }
+
+    /**
+     * The setting of one line.
+     *
+     * @param channel line, 0 to 15
+     * @return its setting
+     * @throws IllegalArgumentException when there is no such line
+     */
+    public LineSetting line(int channel) {
+        return lines[checkedChannel(channel)];
+    }
+
+    /**
+     * The table as the cards take it.
+     *
+     * @return a new array of 48 bytes: beep, trigger and delay of each line
+     */
+    public byte[] toBytes() {
+        byte[] table = new byte[3 * LINES];
+        for (int channel = 0; channel < LINES; ++channel) {
+            table[3 * channel] = lines[channel].beep().code();
+            table[3 * channel + 1] = lines[channel].trigger().code();
+            table[3 * channel + 2] = (byte) lines[channel].delaySeconds();
+        }
+        return table;
+    }
+
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof LineSettings settings && Arrays.equals(lines, settings.lines);
+    }
+
+    @Override
+    public int hashCode() {
+        return Arrays.hashCode(lines);
+    }
+
+    @Override
+    public String toString() {
+        return "LineSettings" + Arrays.toString(lines);
+    }
+
+    static int checkedChannel(int channel) {
+        if (channel < 0 || channel >= LINES) {
+            throw new IllegalArgumentException(
+                    "Lines are 0 to " + (LINES - 1) + ", not " + channel);
+        }
+        return channel;
+    }
+
+    /** Builds {@link LineSettings}; later calls override earlier ones. */
+    public static final class Builder {
+        private final LineSetting[] lines = new LineSetting[LINES];
+
+        private Builder() {
+            Arrays.fill(lines, LineSetting.DEFAULT);
+        }
+
+        /**
+         * Sets every line.
+         *
+         * @param setting what every line gets
+         * @return this builder
+         */
+        public Builder allLines(LineSetting setting) {
+            Arrays.fill(lines, Objects.requireNonNull(setting, "setting"));
+            return this;
+        }
+
+        /**
+         * Sets one line.
+         *
+         * @param channel line, 0 to 15
+         * @param setting what it gets
+         * @return this builder
+         * @throws IllegalArgumentException when there is no such line
+         */
+        public Builder line(int channel, LineSetting setting) {
+            lines[checkedChannel(channel)] = Objects.requireNonNull(setting, "setting");
+            return this;
+        }
+
+        /**
+         * The settings as they stand; the builder may be used on.
+         *
+         * @return the settings
+         */
+        public LineSettings build() {
+            return new LineSettings(lines.clone());
+        }
+    }
+}
