@@ -1,0 +1,397 @@
+#include "model/Card.h"
+
+#include <algorithm>
+
+namespace cardsim {
+
+namespace {
+
+constexpr std::uint16_t kFourOnHook = 0x04;
+constexpr std::uint16_t kEightOffHook = 0x04;
+constexpr std::uint16_t kEightFpgaTrigger = 0x08;
+constexpr int kOddLineShift = 4;
+constexpr std::uint16_t kNotInReset = 0xFF;
+
+void writeText(volatile std::uint16_t* words, const std::string& text) {
+    std::string bytes(1, static_cast<char>(text.size()));
+    bytes += text;
+    bytes.resize(bytes.size() + bytes.size() % 2, '\0');
+    for (std::size_t i = 0; i < bytes.size(); i += 2) {
+        words[i / 2] = static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[i]) |
+                                                  static_cast<unsigned char>(bytes[i + 1]) << 8);
+    }
+}
+
+}  // namespace
+
+Card::Card(int slotNumber, const CardOptions& options, volatile std::uint16_t* memory,
+           MachineReport& machineReport)
+    : slot(slotNumber),
+      transfer(layoutOf(options.channels)),
+      period_us(options.period_us == 0 ? transfer.period_us : options.period_us),
+      audio(options.audio),
+      report(machineReport.cards[slotNumber]),
+      timeline(machineReport.timeline),
+      plannedFaults(options.faults, slotNumber, options.seed) {
+    report.channels = static_cast<std::uint32_t>(transfer.channels);
+    buffers[0].words = memory;
+    buffers[1].words = memory + layout::kSecondBuffer;
+    lines.reserve(static_cast<std::size_t>(transfer.channels));
+    for (int port = 0; port < transfer.channels; ++port) {
+        lines.emplace_back(now, transfer.defaultThreshold);
+    }
+}
+
+std::uint16_t Card::in(std::uint16_t offset, std::uint64_t accessTime) {
+    advance(accessTime);
+    if (strikes(FaultKind::kAbsent)) {
+        return portMap::kNobody;
+    }
+    switch (offset) {
+        case portMap::kData:
+            return readData();
+        case portMap::kControl:
+            return readStatus();
+        case portMap::kBuffer1:
+            return readHandOver(buffers[1]);
+        case portMap::kReset:
+            return portMap::kNobody;
+        default:
+            return readLineStatus((offset - portMap::kLines) / 2);
+    }
+}
+
+void Card::out(std::uint16_t offset, std::uint16_t value, std::uint64_t accessTime) {
+    advance(accessTime);
+    if (strikes(FaultKind::kAbsent)) {
+        return;
+    }
+    registers[offset / 2] = value;
+    if (offset == portMap::kControl) {
+        control(value);
+    } else if (offset == portMap::kBuffer1 && value == portMap::kRun) {
+        release(buffers[1]);
+    }
+}
+
+// Everything else that is written to the control register, such as the register defaults, leaves
+// the DSP alone.
+void Card::control(std::uint16_t value) {
+    if (value == portMap::kStop && written(portMap::kReset) == portMap::kResetArmed) {
+        stop();
+    } else if (value == portMap::kStrobe && state == State::kBooting) {
+        strobe();
+    } else if (value == portMap::kRun) {
+        switch (state) {
+            case State::kStopped:
+                startRom();
+                break;
+            case State::kBooting:
+                endStrobe();
+                break;
+            case State::kRunning:
+                release(buffers[0]);
+                break;
+        }
+    }
+}
+
+void Card::stop() {
+    state = State::kStopped;
+    wantsByte = byteBusy = byteRefused = dead = false;
+    for (Buffer& buffer : buffers) {
+        buffer.handedOver = buffer.isTakenBack = false;
+    }
+}
+
+void Card::startRom() {
+    state = State::kBooting;
+    rom.restart();
+    wantsByte = true;
+}
+
+void Card::strobe() {
+    if (!wantsByte) {
+        rom.giveUp();
+        return;
+    }
+    wantsByte = false;
+    byteBusy = strikes(FaultKind::kByteStuck);
+    byteRefused = strikes(FaultKind::kByteRefused);
+    if (!byteBusy) {
+        rom.take(static_cast<std::uint8_t>(written(portMap::kData) & 0xFF));
+    }
+}
+
+void Card::endStrobe() {
+    wantsByte = rom.currentState() == BootRom::State::kLoading && !byteBusy && !byteRefused;
+    if (rom.currentState() == BootRom::State::kDone) {
+        startFirmware();
+    }
+}
+
+void Card::startFirmware() {
+    state = State::kRunning;
+    nextBuffer = 0;
+    nextTurn = now + period_us;
+    transferCounter = 0;
+    samples = 0;
+    ++report.boots;
+    recordImage();
+    dead = strikes(FaultKind::kDeadAfterBoot);
+}
+
+void Card::recordImage() {
+    const std::vector<BootRom::Block>& image = rom.image();
+    report.imageBlocks = static_cast<std::uint32_t>(image.size());
+    report.imageWords = 0;
+    report.imageChecksum = 0;
+    for (std::size_t i = 0; i < image.size(); ++i) {
+        const BootRom::Block& block = image[i];
+        const std::uint16_t checksum = checksumOf(block.words);
+        const auto words = static_cast<std::uint32_t>(block.words.size());
+        report.imageWords += words;
+        report.imageChecksum = (report.imageChecksum + checksum) & 0xFFFF;
+        if (i < CardReport::kMaxBlocks) {
+            report.blocks[i] = {block.address, static_cast<std::uint16_t>(words), checksum};
+        }
+    }
+    remember(report.imageChecksum);
+}
+
+std::uint16_t Card::readData() {
+    if (state != State::kStopped) {
+        return kNotInReset;
+    }
+    const auto echo = static_cast<std::uint16_t>(written(portMap::kData) & 0xFF);
+    return strikes(FaultKind::kWrongEcho) ? echo ^ 0xFF : echo;
+}
+
+std::uint16_t Card::readStatus() {
+    std::uint16_t status = transfer.channels == 8 ? portMap::kEightChannels : std::uint16_t{0};
+    if (state == State::kBooting) {
+        status |= wantsByte ? portMap::kWantsByte : 0;
+        status |= byteBusy ? portMap::kByteBusy : 0;
+    } else if (state == State::kRunning) {
+        status |= readHandOver(buffers[0]);
+    }
+    return status;
+}
+
+std::uint16_t Card::readHandOver(Buffer& buffer) {
+    const bool seen = buffer.handedOver;
+    if (seen && buffer.isTakenBack) {
+        buffer.handedOver = buffer.isTakenBack = false;
+    }
+    return seen ? portMap::kHandedOver : std::uint16_t{0};
+}
+
+std::uint16_t Card::readLineStatus(int k) {
+    if (transfer.channels == 4) {
+        return line(k).isOffHook() ? std::uint16_t{0} : kFourOnHook;
+    }
+    unsigned status = 0;
+    for (int odd = 0; odd < 2; ++odd) {
+        const Line& pair = line(2 * k + odd);
+        const unsigned bits =
+            (pair.isOffHook() ? kEightOffHook : 0u) | (pair.isTriggered() ? kEightFpgaTrigger : 0u);
+        status |= bits << (odd * kOddLineShift);
+    }
+    return static_cast<std::uint16_t>(status);
+}
+
+void Card::advance(std::uint64_t until) {
+    while (state == State::kRunning && !dead && nextTurn <= until) {
+        now = nextTurn;
+        nextTurn += period_us;
+        takeTurn();
+    }
+    now = std::max(now, until);
+}
+
+void Card::takeTurn() {
+    Buffer& buffer = buffers[nextBuffer];
+    nextBuffer ^= 1;
+    if (buffer.handedOver) {
+        ++transferCounter;
+        ++report.missed;
+        return;
+    }
+    handOver(buffer);
+    Buffer& other = buffers[nextBuffer];
+    if (strikes(FaultKind::kBothBuffers) && !other.handedOver) {
+        nextBuffer ^= 1;
+        handOver(other);
+    }
+}
+
+void Card::handOver(Buffer& buffer) {
+    takeFromHost(buffer);
+    advanceCounter();
+    fill(buffer);
+    buffer.handedOver = true;
+    buffer.isTakenBack = strikes(FaultKind::kTakenBack);
+    ++report.handOvers;
+}
+
+void Card::release(Buffer& buffer) {
+    if (state == State::kRunning && buffer.handedOver) {
+        buffer.handedOver = buffer.isTakenBack = false;
+        ++report.served;
+    }
+}
+
+void Card::takeFromHost(const Buffer& buffer) {
+    if (buffer.words[transfer.command] == layout::kApplySettings) {
+        applySettings(buffer);
+        buffer.words[transfer.command] = 0;
+    } else {
+        play(buffer);
+    }
+}
+
+void Card::applySettings(const Buffer& buffer) {
+    for (int port = 0; port < transfer.channels; ++port) {
+        const volatile std::uint16_t* const entry =
+            buffer.words + transfer.command + layout::kSettings + 3 * port;
+        const Line::Settings settings = {entry[0], entry[1], entry[2]};
+        line(port).apply(settings);
+        ++report.commands[port];
+        remember(settings.beep);
+        remember(settings.trigger);
+        remember(settings.delay_ms);
+    }
+}
+
+void Card::play(const Buffer& buffer) {
+    char bytes[2 * 300];
+    for (int i = 0; i < transfer.audioWords; ++i) {
+        const std::uint16_t word = buffer.words[transfer.playbackAudio + i];
+        bytes[2 * i] = static_cast<char>(word & 0xFF);
+        bytes[2 * i + 1] = static_cast<char>(word >> 8);
+        remember(word);
+    }
+    const auto count = static_cast<std::size_t>(2 * transfer.audioWords);
+    report.bytesPlayed += count;
+    if (speaker) {
+        speaker(bytes, count);
+    }
+}
+
+void Card::advanceCounter() {
+    if (strikes(FaultKind::kCounterStuck)) {
+        return;
+    }
+    ++transferCounter;
+    if (strikes(FaultKind::kCounterJump)) {
+        transferCounter += static_cast<std::uint32_t>(plannedFaults.random().between(1, 1000));
+    }
+}
+
+void Card::fill(const Buffer& buffer) {
+    buffer.words[layout::kCounter] = static_cast<std::uint16_t>(transferCounter & 0xFFFF);
+    buffer.words[layout::kCounter + 1] = static_cast<std::uint16_t>(transferCounter >> 16);
+    for (int port = 0; port < transfer.channels; ++port) {
+        fillPort(buffer.words + transfer.firstPort + port * transfer.portWords, port);
+    }
+    samples += static_cast<std::uint64_t>(2 * transfer.audioWords);
+    if (transfer.debug != 0) {
+        buffer.words[transfer.debug] = 0;
+    }
+    remember(transferCounter);
+    if (const Fault* const nonsense = plannedFaults.strikes(FaultKind::kNonsense)) {
+        ++report.faults;
+        scribble(buffer, nonsense->field);
+    }
+}
+
+void Card::fillPort(volatile std::uint16_t* port, int number) {
+    Line& telephone = line(number);
+    const std::uint16_t voice = telephone.isVoiceActive() ? layout::kVoiceActive : std::uint16_t{0};
+    port[layout::kLevel] = static_cast<std::uint16_t>(telephone.level() | voice);
+    port[layout::kOffHook] = telephone.isOffHook() ? 1 : 0;
+    port[layout::kTriggered] = telephone.isTriggered() ? 1 : 0;
+    port[layout::kRinging] = telephone.isRinging() ? 1 : 0;
+    fillAudio(port + transfer.audio, number);
+    writeText(port + transfer.digits,
+              telephone.takeDigits(static_cast<std::size_t>(transfer.digitsBytes - 1)));
+    writeText(port + transfer.caller, telephone.takeCaller(layout::kCallerBytes - 1));
+    remember(port[layout::kLevel]);
+    remember(port[transfer.digits]);
+    remember(port[transfer.caller]);
+}
+
+void Card::fillAudio(volatile std::uint16_t* words, int number) {
+    const auto port = static_cast<unsigned>(number);
+    for (int i = 0; i < transfer.audioWords; ++i) {
+        const auto position = static_cast<unsigned>(i);
+        words[i] = audio == AudioSource::kPattern
+                       ? patternWord(static_cast<unsigned>(slot), port, transferCounter, position)
+                       : pleasantWord(port, line(number).isSpeaking(), samples + 2 * position);
+    }
+}
+
+void Card::scribble(const Buffer& buffer, FaultField field) {
+    Random& random = plannedFaults.random();
+    if (field == FaultField::kAnyField) {
+        field = static_cast<FaultField>(
+            random.between(0, static_cast<std::uint64_t>(FaultField::kAnyField) - 1));
+    }
+    const auto anyWord = [&random] { return static_cast<std::uint16_t>(random.next() & 0xFFFF); };
+    const auto channel = random.between(0, static_cast<std::uint64_t>(transfer.channels) - 1);
+    volatile std::uint16_t* const port = buffer.words + transfer.firstPort +
+                                         static_cast<std::ptrdiff_t>(channel) * transfer.portWords;
+    const auto anyText = [&](int start, int bytes) {
+        for (int i = 0; i < bytes / 2; ++i) {
+            port[start + i] = anyWord();
+        }
+    };
+    switch (field) {
+        case FaultField::kLevel:
+            port[layout::kLevel] = anyWord();
+            break;
+        case FaultField::kOffHook:
+            port[layout::kOffHook] = anyWord();
+            break;
+        case FaultField::kTriggered:
+            port[layout::kTriggered] = anyWord();
+            break;
+        case FaultField::kRinging:
+            port[layout::kRinging] = anyWord();
+            break;
+        case FaultField::kDigits:
+            anyText(transfer.digits, transfer.digitsBytes);
+            break;
+        case FaultField::kCaller:
+            anyText(transfer.caller, layout::kCallerBytes);
+            break;
+        case FaultField::kDebug:
+            if (transfer.debug != 0) {
+                buffer.words[transfer.debug] = anyWord();
+            }
+            break;
+        case FaultField::kCounter:
+            buffer.words[layout::kCounter] = anyWord();
+            break;
+        case FaultField::kAudio:
+            port[transfer.audio + static_cast<int>(random.between(
+                                      0, static_cast<std::uint64_t>(transfer.audioWords) - 1))] =
+                anyWord();
+            break;
+        case FaultField::kAnyField:
+            break;
+    }
+}
+
+void Card::remember(std::uint64_t what) {
+    constexpr std::uint64_t kFnvPrime = 0x100000001B3;
+    timeline = (timeline ^ what ^ static_cast<std::uint64_t>(slot) << 63) * kFnvPrime;
+}
+
+bool Card::strikes(FaultKind kind) {
+    const bool struck = plannedFaults.strikes(kind) != nullptr;
+    report.faults += struck ? 1 : 0;
+    return struck;
+}
+
+}  // namespace cardsim

@@ -1,0 +1,134 @@
+#include "pc/SimulatedPc.h"
+
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace cardsim {
+
+namespace {
+
+constexpr off_t kCardMemory = 0xD0000;
+constexpr std::size_t kCardMemoryLength = 0x4000;
+
+std::uint64_t machineTime() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
+           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
+}
+
+CardOptions cardOptions(const SimulatedPc::Options& options, int slot) {
+    CardOptions card;
+    card.channels = options.channels[slot];
+    card.period_us = options.period_ms * 1000;
+    card.audio = options.audio;
+    card.faults = options.faults;
+    card.seed = options.seed;
+    return card;
+}
+
+Cards makeCards(const SimulatedPc::Options& options, volatile std::uint16_t* memory,
+                MachineReport& report) {
+    std::optional<CardOptions> slots[portMap::kMaxCards];
+    for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
+        if (options.channels[slot] != 0) {
+            slots[slot] = cardOptions(options, slot);
+        }
+    }
+    return Cards(slots, memory, report);
+}
+
+}  // namespace
+
+SimulatedPc::MemoryFile::MemoryFile() : file(memfd_create("card-memory", MFD_CLOEXEC)) {
+    void* address = MAP_FAILED;
+    if (file != -1 && ftruncate(file, kCardMemory + off_t{kCardMemoryLength}) == 0) {
+        address =
+            mmap(nullptr, kCardMemoryLength, PROT_READ | PROT_WRITE, MAP_SHARED, file, kCardMemory);
+    }
+    if (address == MAP_FAILED) {
+        throw std::system_error(errno, std::generic_category(), "memory of the simulated cards");
+    }
+    mapping = static_cast<volatile std::uint16_t*>(address);
+}
+
+SimulatedPc::MemoryFile::~MemoryFile() {
+    munmap(const_cast<std::uint16_t*>(mapping), kCardMemoryLength);
+    close(file);
+}
+
+int SimulatedPc::MemoryFile::duplicate() const {
+    return dup(file);
+}
+
+SimulatedPc::SimulatedPc(const Options& options)
+    : virtualTime(options.virtualTime),
+      started(machineTime()),
+      machineReport(options.report == nullptr ? ownReport : *options.report),
+      slots(makeCards(options, memory.words(), machineReport)) {
+    attachHardware(this);
+}
+
+SimulatedPc::~SimulatedPc() {
+    attachHardware(nullptr);
+}
+
+std::uint64_t SimulatedPc::now() const {
+    return virtualTime ? elapsed.load() : machineTime() - started;
+}
+
+void SimulatedPc::at(std::uint64_t milliseconds, std::function<void()> action) {
+    const std::lock_guard<std::recursive_mutex> guard(lock);
+    slots.at(milliseconds * 1000, std::move(action));
+}
+
+std::uint64_t SimulatedPc::timeOfAccess() {
+    if (virtualTime) {
+        ++elapsed;
+    }
+    return now();
+}
+
+std::uint32_t SimulatedPc::in(std::uint16_t port, int bytes) {
+    const std::lock_guard<std::recursive_mutex> guard(lock);
+    return slots.in(port, bytes, timeOfAccess());
+}
+
+void SimulatedPc::out(std::uint16_t port, int bytes, std::uint32_t value) {
+    const std::lock_guard<std::recursive_mutex> guard(lock);
+    slots.out(port, bytes, value, timeOfAccess());
+}
+
+int SimulatedPc::openMemory() {
+    return memory.duplicate();
+}
+
+bool SimulatedPc::sleep(std::uint64_t microseconds) {
+    if (!virtualTime) {
+        return false;
+    }
+    {
+        const std::lock_guard<std::recursive_mutex> guard(lock);
+        const std::uint64_t left = end - std::min<std::uint64_t>(end, elapsed);
+        elapsed += std::min(microseconds, left);
+        slots.advance(elapsed);
+    }
+    if (elapsed >= end) {
+        switchOff();
+    }
+    return true;
+}
+
+bool SimulatedPc::processorTime(std::clock_t& ticks) {
+    if (virtualTime) {
+        ticks = static_cast<std::clock_t>(elapsed.load());
+    }
+    return virtualTime;
+}
+
+}  // namespace cardsim

@@ -1,0 +1,98 @@
+// A PC with simulated cards: the card slots, the memory file that stands for physical memory, and a
+// clock, behind the traps. Made by a test or by the preload library; attaches itself for as long as
+// it lives. All accesses are served under one lock, on the thread that makes them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "model/Cards.h"
+#include "traps/Hardware.h"
+
+namespace cardsim {
+
+// Thrown out of the sleep of the thread that drives the cards once the time of a run is over: the
+// way out of a program that never ends by itself.
+struct PowerOff : std::exception {
+    const char* what() const noexcept override { return "the simulated PC was switched off"; }
+};
+
+class SimulatedPc : public Hardware {
+  public:
+    struct Options {
+        int channels[portMap::kMaxCards] = {4, 0};  // by slot: 4, 8, or 0 for an empty one
+        std::uint64_t seed = 1;
+        std::uint32_t period_ms = 0;  // 0: that of each kind of card
+        AudioSource audio = AudioSource::kPattern;
+        std::vector<Fault> faults;
+        // Time passes only by what the thread that drives the cards sleeps, and by one microsecond
+        // for each of its port accesses; otherwise it is the machine's.
+        bool virtualTime = true;
+        // Where the report goes; null: into the PC itself.
+        MachineReport* report = nullptr;
+    };
+
+    explicit SimulatedPc(const Options& options);
+    ~SimulatedPc() override;
+    SimulatedPc(const SimulatedPc&) = delete;
+    SimulatedPc& operator=(const SimulatedPc&) = delete;
+
+    Cards& cards() { return slots; }
+    Card& card(int slot) { return slots.card(slot); }
+    Line& line(int slot, int port) { return card(slot).line(port); }
+    const MachineReport& report() const { return machineReport; }
+    std::uint64_t now() const;
+
+    // Does something when that much time has passed since the PC was made. The action may use the
+    // cards and the program, but must not sleep.
+    void at(std::uint64_t milliseconds, std::function<void()> action);
+    // Ends a run in virtual time at the first sleep that reaches that much time since the PC was
+    // made.
+    void endAt(std::uint64_t milliseconds) { end = milliseconds * 1000; }
+
+    std::uint32_t in(std::uint16_t port, int bytes) override;
+    void out(std::uint16_t port, int bytes, std::uint32_t value) override;
+    int grantPorts() override { return 0; }
+    int openPorts() override { return 0; }
+    int openMemory() override;
+    bool sleep(std::uint64_t microseconds) override;
+    bool processorTime(std::clock_t& ticks) override;
+
+  protected:
+    // The end of the run has come, on the thread that drives the cards and without the lock.
+    virtual void switchOff() { throw PowerOff(); }
+
+  private:
+    // A file that holds the cards' memory at its physical address.
+    class MemoryFile {
+      public:
+        MemoryFile();
+        ~MemoryFile();
+        MemoryFile(const MemoryFile&) = delete;
+        MemoryFile& operator=(const MemoryFile&) = delete;
+        int duplicate() const;
+        volatile std::uint16_t* words() const { return mapping; }
+
+      private:
+        int file;
+        volatile std::uint16_t* mapping;
+    };
+
+    std::uint64_t timeOfAccess();
+
+    const bool virtualTime;
+    const std::uint64_t started;
+    MachineReport ownReport{};
+    MachineReport& machineReport;
+    MemoryFile memory;
+    std::recursive_mutex lock;  // a planned action may use the cards
+    Cards slots;
+    std::atomic<std::uint64_t> elapsed{0};  // microseconds of virtual time
+    std::atomic<std::uint64_t> end{~std::uint64_t{0}};
+};
+
+}  // namespace cardsim

@@ -1,0 +1,45 @@
+// What stands behind the traps: the machine's answer to port instructions, /dev/port, /dev/mem,
+// port permission, sleeps and processor time. The traps only decode and forward; a simulated PC or
+// a test's scripted cards implement this.
+//
+// in, out, sleep and the grants are called on whatever thread of the program makes the access; in
+// and out also from within a signal handler, on the thread whose instruction it was.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+namespace cardsim {
+
+class Hardware {
+  public:
+    virtual ~Hardware() = default;
+
+    // A read or write of 1, 2 or 4 bytes at an I/O port.
+    virtual std::uint32_t in(std::uint16_t port, int bytes) = 0;
+    virtual void out(std::uint16_t port, int bytes, std::uint32_t value) = 0;
+
+    // Whether a thread may have port permission, and whether /dev/port may be opened: 0, or -1
+    // with errno set.
+    virtual int grantPorts() = 0;
+    virtual int openPorts() = 0;
+    // A new descriptor of a file that stands for physical memory, or -1 with errno set.
+    virtual int openMemory() = 0;
+
+    // The thread that drives the cards wants to sleep. True: the time has passed; false: it shall
+    // sleep for real. May throw: the program's sleep lets the exception through.
+    virtual bool sleep(std::uint64_t microseconds) = 0;
+    // True: ticks is what clock() answers; false: the real processor time.
+    virtual bool processorTime(std::clock_t& ticks) = 0;
+};
+
+// Puts hardware behind the traps, or none (null): then every call goes to the machine itself. The
+// hardware stays the caller's and must be there as long as it is attached.
+void attachHardware(Hardware* hardware);
+Hardware* attachedHardware();
+
+// Set by whoever wants to be asked for hardware as late as possible: called once, at the first
+// ioperm or opening of /dev/port or /dev/mem without hardware; may attach some.
+void onFirstUse(void (*attach)());
+
+}  // namespace cardsim

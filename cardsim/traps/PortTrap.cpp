@@ -1,0 +1,120 @@
+#include "traps/PortTrap.h"
+
+#include <signal.h>
+#include <ucontext.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <mutex>
+
+#include "traps/Hardware.h"
+#include "traps/PortInstruction.h"
+
+namespace cardsim {
+
+namespace {
+
+constexpr unsigned long kFirstPort = 0x300;
+constexpr unsigned long kNumPorts = 32;
+
+// One bit a port. Initial-exec: the handler must not allocate.
+thread_local std::uint32_t permittedPorts __attribute__((tls_model("initial-exec"))) = 0;
+
+std::atomic<const void*> drivingThread{nullptr};
+struct sigaction previousAction;
+
+const void* thisThread() {
+    return &permittedPorts;
+}
+
+bool mayAccess(unsigned long port, int bytes) {
+    const unsigned long first = port - kFirstPort;
+    if (port < kFirstPort || first + static_cast<unsigned long>(bytes) > kNumPorts) {
+        return false;
+    }
+    const std::uint64_t wanted = ((std::uint64_t{1} << bytes) - 1) << first;
+    return (permittedPorts & wanted) == wanted;
+}
+
+// Carries out the port instruction that the thread stands at and steps over it.
+bool carryOut(ucontext_t& context) {
+    auto& registers = context.uc_mcontext.gregs;
+    PortInstruction instruction{};
+    const auto* const code = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
+    const auto port = static_cast<std::uint16_t>(registers[REG_RDX]);
+    Hardware* const hardware = attachedHardware();
+    if (hardware == nullptr || !decodePortInstruction(code, instruction) ||
+        !mayAccess(port, instruction.bytes)) {
+        return false;
+    }
+    const auto accumulator = static_cast<std::uint64_t>(registers[REG_RAX]);
+    const std::uint64_t mask = (std::uint64_t{1} << (8 * instruction.bytes)) - 1;
+    if (instruction.isOut) {
+        hardware->out(port, instruction.bytes, static_cast<std::uint32_t>(accumulator & mask));
+    } else {
+        const std::uint64_t value = hardware->in(port, instruction.bytes) & mask;
+        // A 32-bit result clears the upper half of rax; narrower ones leave the rest alone.
+        const std::uint64_t kept = instruction.bytes == 4 ? 0 : accumulator & ~mask;
+        registers[REG_RAX] = static_cast<greg_t>(kept | value);
+    }
+    registers[REG_RIP] += instruction.length;
+    return true;
+}
+
+void handOn(int signal, siginfo_t* info, void* context) {
+    if ((previousAction.sa_flags & SA_SIGINFO) != 0) {
+        previousAction.sa_sigaction(signal, info, context);
+    } else if (previousAction.sa_handler != SIG_DFL && previousAction.sa_handler != SIG_IGN) {
+        previousAction.sa_handler(signal);
+    } else {
+        // The fault comes again as soon as the handler returns, and then it kills.
+        struct sigaction deadly {};
+        deadly.sa_handler = SIG_DFL;
+        sigaction(SIGSEGV, &deadly, nullptr);
+    }
+}
+
+void onFault(int signal, siginfo_t* info, void* context) {
+    const int savedErrno = errno;
+    if (info->si_code == SI_KERNEL && carryOut(*static_cast<ucontext_t*>(context))) {
+        errno = savedErrno;
+        return;
+    }
+    handOn(signal, info, context);
+}
+
+void installHandler() {
+    static std::once_flag installed;
+    std::call_once(installed, [] {
+        struct sigaction action {};
+        action.sa_sigaction = onFault;
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGSEGV, &action, &previousAction);
+    });
+}
+
+}  // namespace
+
+int setPortPermission(unsigned long from, unsigned long count, bool on) {
+    if (from < kFirstPort || count > kNumPorts || from + count > kFirstPort + kNumPorts) {
+        errno = EINVAL;
+        return -1;
+    }
+    const std::uint64_t ports = ((std::uint64_t{1} << count) - 1) << (from - kFirstPort);
+    if (on) {
+        permittedPorts |= static_cast<std::uint32_t>(ports);
+        drivingThread = thisThread();
+        installHandler();
+    } else {
+        permittedPorts &= ~static_cast<std::uint32_t>(ports);
+    }
+    return 0;
+}
+
+bool drivesCards() {
+    return drivingThread == thisThread();
+}
+
+}  // namespace cardsim
