@@ -1,6 +1,6 @@
 // Cards that do no more than a test tells them: registers that read as set, and a record of every
 // access. They stand behind the traps, under the driver's own port and device calls. Time is what
-// the driver sleeps, plus one microsecond of processor time for each port access.
+// the driver sleeps, plus accessTime_us for each port access.
 #pragma once
 
 #include <sys/mman.h>
@@ -29,13 +29,13 @@ class ScriptedCards : public cardsim::Hardware {
     ~ScriptedCards() override { cardsim::attachHardware(nullptr); }
 
     std::uint32_t in(std::uint16_t port, int) override {
-        ++elapsed_us;
+        elapsed_us += accessTime_us;
         const std::uint32_t value = onRead ? onRead(port) : registers[port];
         accesses.push_back({false, port, static_cast<int>(value)});
         return value;
     }
     void out(std::uint16_t port, int, std::uint32_t value) override {
-        ++elapsed_us;
+        elapsed_us += accessTime_us;
         accesses.push_back({true, port, static_cast<int>(value)});
         if (onWrite) {
             onWrite(port, value);
@@ -76,6 +76,7 @@ class ScriptedCards : public cardsim::Hardware {
     std::vector<PortAccess> accesses;
     std::vector<std::uint64_t> slept_us;
     std::clock_t elapsed_us = 0;
+    std::clock_t accessTime_us = 1;
     int portsErrno = 0;
     int devPortErrno = 0;
     int devMemErrno = 0;

@@ -135,6 +135,7 @@ TEST_F(Hardware, DetectsEachPairingOfCards) {
 TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
     plugIn(0x300, 0);
     plugIn(0x310, 4);
+    DirectIO().allowPortAccess();
     EXPECT_EQ(2, detect());
     const auto portTest = [](int base) {
         return std::vector<PortAccess>{{true, base + 14, 8}, {true, base + 2, 0x12},
@@ -153,7 +154,8 @@ TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
     EXPECT_EQ(expected, cards.accesses);
     EXPECT_THAT(cards.slept_us, testing::ElementsAre(100, 100, 100));
     EXPECT_EQ(
-        "board0 present\nnumChannels opening /dev/port\nFound 4 chan board\nchannelsBoard0=4\n"
+        "Ports enabled OK\nboard0 present\nnumChannels opening /dev/port\nFound 4 chan "
+        "board\nchannelsBoard0=4\n"
         "board1 present\nnumChannels opening /dev/port\nFound 8 channel board\n",
         printed());
     const std::string echo = "Attempt to write to baseIOPort\nAttempt to read from baseIOPort \n";
