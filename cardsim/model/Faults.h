@@ -36,14 +36,17 @@ enum class FaultField {
     kAudio
 };
 
+// A fault and when it strikes: at its opportunities first to last, counted from 1 since the fault was
+// planned, and at each of those with a probability.
 struct Fault {
-    enum class When { kOnce, kFrom, kRandom };
+    static constexpr int kEveryCard = -1;
+    static constexpr std::uint64_t kForEver = ~std::uint64_t{0};
 
     FaultKind kind = FaultKind::kAbsent;
-    int card = -1;  // -1: every card
-    When when = When::kFrom;
-    std::uint64_t opportunity = 1;  // kOnce, kFrom: the number of the opportunity, from 1
-    double probability = 0;         // kRandom: at each opportunity
+    int card = kEveryCard;
+    std::uint64_t first = 1;
+    std::uint64_t last = kForEver;
+    double probability = 1;
     FaultField field = FaultField::kAnyField;
 };
 
@@ -59,9 +62,14 @@ class Faults {
     Random& random() { return randomness; }
 
   private:
-    bool strikesNow(const Fault& fault);
+    struct Planned {
+        Fault fault;
+        std::uint64_t seenBefore;  // opportunities until it was planned
+    };
 
-    std::vector<Fault> planned;
+    bool strikesNow(const Planned& plan);
+
+    std::vector<Planned> planned;
     std::uint64_t seen[kNumFaultKinds] = {};
     Random randomness;
 };
