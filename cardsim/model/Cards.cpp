@@ -60,6 +60,19 @@ void Cards::at(std::uint64_t time, std::function<void()> action) {
     plan.emplace(time, std::move(action));
 }
 
+int Cards::lines() const {
+    int count = 0;
+    for (const auto& card : cards) {
+        count += card == nullptr ? 0 : card->channels();
+    }
+    return count;
+}
+
+Line& Cards::line(int number) {
+    const int inFirst = cards[0] == nullptr ? 0 : cards[0]->channels();
+    return number < inFirst ? cards[0]->line(number) : cards[1]->line(number - inFirst);
+}
+
 Card* Cards::cardAt(std::uint16_t port) const {
     const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
     const bool inRange = port >= portMap::kFirstBase && slot < portMap::kMaxCards;

@@ -30,6 +30,9 @@ class Cards {
     bool isPresent(int slot) const { return cards[slot] != nullptr; }
     // The slot must not be empty.
     Card& card(int slot) { return *cards[slot]; }
+    // The lines of both cards, the second card's after those of the first.
+    int lines() const;
+    Line& line(int number);
 
   private:
     Card* cardAt(std::uint16_t port) const;

@@ -36,8 +36,8 @@ enum class FaultField {
     kAudio
 };
 
-// A fault and when it strikes: at its opportunities first to last, counted from 1 since the fault was
-// planned, and at each of those with a probability.
+// A fault and when it strikes: at its opportunities first to last, counted from 1 since the fault
+// was planned, and at each of those with a probability.
 struct Fault {
     static constexpr int kEveryCard = -1;
     static constexpr std::uint64_t kForEver = ~std::uint64_t{0};

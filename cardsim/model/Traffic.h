@@ -7,7 +7,7 @@
 
 namespace cardsim {
 
-// Lets calls happen on all lines of the cards, from now on and for as long as the cards live. What
+// Lets calls happen on all lines of the cards from time 0 on, for as long as the cards live. What
 // happens on a line, and when, follows from the seed alone, whatever the other lines and the host
 // do.
 void planTraffic(Cards& cards, std::uint64_t seed);
