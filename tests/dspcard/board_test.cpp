@@ -7,6 +7,7 @@
 #include <random>
 
 #include "BoardMgr.h"
+#include "Console.h"
 #include "DSPBoardEightChannel.h"
 #include "DSPBoardFourChannel.h"
 #include "ScriptedCards.h"
@@ -17,10 +18,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 // What the hardware fixes, in bytes from the start of a transfer buffer.
 struct Layout {
@@ -46,8 +43,6 @@ std::vector<int> payload(const Packet& packet) {
 class Board : public testing::TestWithParam<Variant> {
   protected:
     Board() : variant(GetParam()), layout(variant.layout) {
-        CaptureStderr();
-        CaptureStdout();
         cards.registers = {{0x300, 0xFF}, {0x310, 0xFF}};
         BoardMgr::getInstance();
         std::unique_ptr<Packet>(MessageDispatcher::getInstance().getPacketFromSendQueue());
@@ -58,20 +53,7 @@ class Board : public testing::TestWithParam<Variant> {
             board = std::make_unique<DSPBoardFourChannel>(variant.board, memory(),
                                                           variant.firstChannel());
         }
-        printed();
-        CaptureStderr();
-        CaptureStdout();
-    }
-    ~Board() override { printed(); }
-
-    void printed() {
-        out = GetCapturedStdout();
-        err = GetCapturedStderr();
-    }
-    void printAnew() {
-        printed();
-        CaptureStderr();
-        CaptureStdout();
+        console.take();
     }
 
     char* memory() { return reinterpret_cast<char*>(words.data()); }
@@ -153,7 +135,7 @@ class Board : public testing::TestWithParam<Variant> {
     ScriptedCards cards;
     std::unique_ptr<DSPBoard> board;
     std::uint32_t counted = 0;
-    std::string out, err;
+    Console console;
 };
 
 TEST_P(Board, DeliversTheAudioOfEveryPortOfBothBuffers) {
@@ -195,19 +177,19 @@ TEST_P(Board, ReportsInOrderWhileRecording) {
                                            ElementsAre(2, first + 2, 4, '0', '8', '1', '5'),
                                            ElementsAre(3, first + 3, 2, '#', '*')))
         << "triggers wait for the transfer after the settings";
-    printAnew();
+    console.take();
     exchange();
     auto packets = takePackets();
     ASSERT_EQ(5u, packets.size());
     EXPECT_THAT(payload(*packets[0]), ElementsAre(1, first + 1));
     EXPECT_EQ(4, packets[4]->getType());
-    printAnew();
+    console.take();
     const std::string digitsLine = "Sending Packet to Java: channel=2 length=3\n";
     const std::string callerLine = "Sending CLI Packet to Java: channel=2 length=4\n";
     EXPECT_EQ(variant.eight()
                   ? callerLine
                   : digitsLine + callerLine + "Sending Packet to Java: channel=3 length=2\n",
-              out);
+              console.out);
 
     setText(0, 2, layout.digits, 0x80, "");
     setText(0, 2, layout.caller, 0, "");
@@ -309,8 +291,9 @@ TEST_P(Board, WritesTheCommandBlockInsteadOfPlayback) {
     EXPECT_EQ(0xEE, *at(0, 4)) << "the command is sent once";
     EXPECT_EQ(variant.sendsPlayback(),
               playbackBytes(0) != std::string(playbackBytes(0).size(), '\xEE'));
-    printAnew();
-    EXPECT_THAT(err, HasSubstr("Updateing Line Settings!!!\nLineSettingsPacket:\nChan=0 Beep=0, "));
+    console.take();
+    EXPECT_THAT(console.err,
+                HasSubstr("Updateing Line Settings!!!\nLineSettingsPacket:\nChan=0 Beep=0, "));
 }
 
 TEST_P(Board, PlaysMonitorDataOnBoardZeroAndSilenceOtherwise) {
@@ -346,22 +329,23 @@ TEST_P(Board, PlaysMonitorDataOnBoardZeroAndSilenceOtherwise) {
     board->setEnablePlayback(false);
     board->setMonitoringChannel(variant.firstChannel() + 3);
     std::fill_n(port(0, 3, 8), layout.audioLength, static_cast<unsigned char>('L'));
-    printAnew();
+    console.take();
     exchange(0, 5);
     EXPECT_EQ(variant.board == 0 ? std::string(size, 'L') : untouched, playbackBytes(1));
-    printAnew();
+    console.take();
     EXPECT_EQ(variant.eight() ? 0u : std::string::npos,
-              variant.eight() ? 0u : out.find("Copying monitor data to buffer\nERROR"));
-    EXPECT_EQ(!variant.eight(), out.find("Copying monitor data to buffer\n") != std::string::npos);
+              variant.eight() ? 0u : console.out.find("Copying monitor data to buffer\nERROR"));
+    EXPECT_EQ(!variant.eight(),
+              console.out.find("Copying monitor data to buffer\n") != std::string::npos);
 
     // A line of the other card is monitored, and nothing of it has arrived.
     ring.clear();
     board->setMonitoringChannel(15);
     exchange(0, 6);
-    printAnew();
+    console.take();
     EXPECT_EQ(
         variant.eight() && variant.board == 0 ? "ERROR: Monitoring but buffer is empty\n" : "",
-        out);
+        console.out);
     EXPECT_EQ(variant.board == 0 ? silentBytes() : untouched, playbackBytes(1));
 }
 
@@ -390,9 +374,9 @@ TEST_P(Board, JudgesTheTransferCounter) {
             EXPECT_EQ(3, reports[0][1]);
         }
     }
-    printAnew();
-    EXPECT_THAT(err, HasSubstr("ERROR! Missed Xfer \n"));
-    EXPECT_THAT(err, HasSubstr("ERROR! DSP Board Locked Up\n"));
+    console.take();
+    EXPECT_THAT(console.err, HasSubstr("ERROR! Missed Xfer \n"));
+    EXPECT_THAT(console.err, HasSubstr("ERROR! DSP Board Locked Up\n"));
 }
 
 TEST_P(Board, SaysWhenTheDSPDidNotWait) {
@@ -405,8 +389,8 @@ TEST_P(Board, SaysWhenTheDSPDidNotWait) {
     const auto reports = takeReports();
     ASSERT_EQ(1u, reports.size());
     EXPECT_EQ(2, reports[0][1]);
-    printAnew();
-    EXPECT_THAT(err,
+    console.take();
+    EXPECT_THAT(console.err,
                 HasSubstr(variant.eight() ? "ERROR! ReadWrite Too Slow, Buffer already changed\n"
                                           : "ERROR! Too Slow! Buffer already change\n"));
 }
@@ -432,8 +416,8 @@ TEST_P(Board, FindsAndReleasesBuffersThroughItsStatusPorts) {
     DSPBoard::unlockBuffer(lower + 1);
     const std::vector<PortAccess> release = {{false, base + 4, 0}, {true, base + 4, 0x1A}};
     EXPECT_EQ(release, cards.accesses);
-    printAnew();
-    EXPECT_EQ("PROBLEM! Unlocking a buffer which is not locked\n", out);
+    console.take();
+    EXPECT_EQ("PROBLEM! Unlocking a buffer which is not locked\n", console.out);
     EXPECT_EQ(lower + 1, DSPBoard::getOtherBufferNumber(lower));
     EXPECT_EQ(lower, DSPBoard::getOtherBufferNumber(lower + 1));
     for (int buffer = -1; buffer < 5; ++buffer) {
@@ -460,18 +444,18 @@ TEST_P(Board, TracesEveryTransferAndTheLinesOfEveryTenth) {
     for (int portNumber = 2; portNumber < layout.ports; ++portNumber) {
         lines += std::to_string(portNumber) + " VOX 0\n";
     }
-    printAnew();
-    EXPECT_EQ("Transfer Count = 12\nTransfer Count = 21\n" + lines, out);
+    console.take();
+    EXPECT_EQ("Transfer Count = 12\nTransfer Count = 21\n" + lines, console.out);
 
     counted = 30;
     applySettings(TS_OFF_HOOK);
-    printAnew();
+    console.take();
     cards.registers[variant.base() + 6] = variant.eight() ? 0x04 : 0x00;
     cards.registers[variant.base() + 8] = variant.eight() ? 0x00 : 0x04;
     counted = 40;
     exchange();
-    printAnew();
-    EXPECT_THAT(out, HasSubstr("Transfer Count = 41\n0 OH Triggered\n1 OH \n"));
+    console.take();
+    EXPECT_THAT(console.out, HasSubstr("Transfer Count = 41\n0 OH Triggered\n1 OH \n"));
 }
 
 TEST_P(Board, SurvivesAnyContentOfItsBuffers) {
@@ -503,14 +487,16 @@ TEST_P(Board, SurvivesAnyContentOfItsBuffers) {
 }
 
 TEST(FourChannelBoard, PrintsNoMoreDebugWordsThanThereAre) {
+    Console console;
     ScriptedCards cards;
     cards.registers = {{0x300, 0xFF}, {0x310, 0xFF}};
     std::vector<std::uint16_t> words(0x1000, 7);
     DSPBoardFourChannel board(0, reinterpret_cast<char*>(words.data()), 0);
     const auto debugLines = [&] {
-        CaptureStdout();
+        console.take();
         board.printDebugBuffer();
-        return GetCapturedStdout();
+        console.take();
+        return console.out;
     };
     EXPECT_EQ("Debug Buffer: \n\n", debugLines()) << "the area starts as zero";
     words[3578 / 2] = 3;
@@ -531,9 +517,10 @@ TEST(BaseBoardDeathTest, KnowsFourBuffers) {
 TEST(BaseBoard, DoesNothingOfItsOwn) {
     ScriptedCards cards;
     DSPBoard board(1, 4, nullptr, 4);
-    CaptureStdout();
+    Console console;
     board.doReadWrite(0, nullptr);
-    EXPECT_EQ("doReadWrite should be overwritten \n", GetCapturedStdout());
+    console.take();
+    EXPECT_EQ("doReadWrite should be overwritten \n", console.out);
     EXPECT_FALSE(board.bootload());
     EXPECT_FALSE(board.readVOXTrigger(0));
 }

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include "BoardMgr.h"
+#include "Console.h"
 #include "DSPDetect.h"
 #include "DirectIO.h"
 #include "MemIO.h"
@@ -15,26 +16,12 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 class Hardware : public testing::Test {
   protected:
-    Hardware() {
-        CaptureStderr();
-        CaptureStdout();
-    }
-    ~Hardware() override {
-        if (capturing) {
-            printed();
-        }
-    }
     std::string printed() {
-        capturing = false;
-        out = GetCapturedStdout();
-        return GetCapturedStderr();
+        console.take();
+        return console.err;
     }
 
     // A card at base whose data port echoes what is written to it, from attempt on, XORed with
@@ -57,8 +44,7 @@ class Hardware : public testing::Test {
 
     ScriptedCards cards;
     int channels[2] = {};
-    std::string out;
-    bool capturing = true;
+    Console console;
 };
 
 TEST_F(Hardware, ReportsPermissionAsTheKernelGivesIt) {
@@ -93,7 +79,7 @@ TEST_F(Hardware, MapsCardMemoryOrSaysWhyNot) {
     EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
     directIO.unmapMemory();
     EXPECT_EQ("Couldn't access /dev/mem\nmmap failed errno=22\n", printed());
-    EXPECT_EQ("Opening /dev/mem\nOpening /dev/mem\nOpening /dev/mem\n", out);
+    EXPECT_EQ("Opening /dev/mem\nOpening /dev/mem\nOpening /dev/mem\n", console.out);
 }
 
 TEST_F(Hardware, MovesWordsInOrderAndNothingElse) {
@@ -165,7 +151,7 @@ TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
     };
     EXPECT_EQ(
         "DSPDetect: Opening /dev/port\n" + test("0", "768") + test("1", "784") + test("0", "768"),
-        out);
+        console.out);
 }
 
 TEST_F(Hardware, AllowsTheFirstPatternThreeAttemptsAndTheSecondOne) {
@@ -198,7 +184,7 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
         "Couldn't access /dev/port errno=13\nno Dev port so returning 0 channels\n"
         "numChannels opening /dev/port\nCannot determine no of channels for board 2\n",
         printed());
-    EXPECT_THAT(out, EndsWith("Doing port test for board 2\n"));
+    EXPECT_THAT(console.out, EndsWith("Doing port test for board 2\n"));
 }
 
 TEST_F(Hardware, ChecksMemoryWithTwoWordsBehindEachOther) {
@@ -210,7 +196,7 @@ TEST_F(Hardware, ChecksMemoryWithTwoWordsBehindEachOther) {
     EXPECT_TRUE(detector.memTest(nullptr, 0));
     printed();
     EXPECT_EQ("DSPDetect: Opening /dev/port\nMemTest: board= 1\nboard 1 passed simple mem test\n",
-              out);
+              console.out);
 }
 
 TEST_F(Hardware, MakesNoBoardWithoutItsMemory) {
