@@ -22,6 +22,39 @@ void writeText(volatile std::uint16_t* words, const std::string& text) {
     }
 }
 
+struct Place {
+    int start;
+    int count;
+};
+
+// Where a field lies in a buffer of that layout, in words; no words when it has none. port: the
+// start of the port, for fields that each port has.
+Place placeOf(FaultField field, const TransferLayout& transfer, int port) {
+    switch (field) {
+        case FaultField::kLevel:
+            return {port + layout::kLevel, 1};
+        case FaultField::kOffHook:
+            return {port + layout::kOffHook, 1};
+        case FaultField::kTriggered:
+            return {port + layout::kTriggered, 1};
+        case FaultField::kRinging:
+            return {port + layout::kRinging, 1};
+        case FaultField::kDigits:
+            return {port + transfer.digits, transfer.digitsBytes / 2};
+        case FaultField::kCaller:
+            return {port + transfer.caller, layout::kCallerBytes / 2};
+        case FaultField::kDebug:
+            return {transfer.debug, transfer.debug == 0 ? 0 : 1};
+        case FaultField::kCounter:
+            return {layout::kCounter, 2};
+        case FaultField::kAudio:
+            return {port + transfer.audio, transfer.audioWords};
+        case FaultField::kAnyField:
+            break;
+    }
+    return {0, 0};
+}
+
 }  // namespace
 
 Card::Card(int slotNumber, const CardOptions& options, volatile std::uint16_t* memory,
@@ -107,7 +140,12 @@ void Card::stop() {
 void Card::startRom() {
     state = State::kBooting;
     rom.restart();
-    wantsByte = true;
+    askForByte();
+}
+
+void Card::askForByte() {
+    byteRefused = byteRefused || (!wantsByte && strikes(FaultKind::kByteRefused));
+    wantsByte = !byteRefused;
 }
 
 void Card::strobe() {
@@ -117,16 +155,16 @@ void Card::strobe() {
     }
     wantsByte = false;
     byteBusy = strikes(FaultKind::kByteStuck);
-    byteRefused = strikes(FaultKind::kByteRefused);
     if (!byteBusy) {
         rom.take(static_cast<std::uint8_t>(written(portMap::kData) & 0xFF));
     }
 }
 
 void Card::endStrobe() {
-    wantsByte = rom.currentState() == BootRom::State::kLoading && !byteBusy && !byteRefused;
     if (rom.currentState() == BootRom::State::kDone) {
         startFirmware();
+    } else if (rom.currentState() == BootRom::State::kLoading && !byteBusy) {
+        askForByte();
     }
 }
 
@@ -219,7 +257,7 @@ void Card::takeTurn() {
     }
     handOver(buffer);
     Buffer& other = buffers[nextBuffer];
-    if (strikes(FaultKind::kBothBuffers) && !other.handedOver) {
+    if (!other.handedOver && strikes(FaultKind::kBothBuffers)) {
         nextBuffer ^= 1;
         handOver(other);
     }
@@ -300,7 +338,6 @@ void Card::fill(const Buffer& buffer) {
     }
     remember(transferCounter);
     if (const Fault* const nonsense = plannedFaults.strikes(FaultKind::kNonsense)) {
-        ++report.faults;
         scribble(buffer, nonsense->field);
     }
 }
@@ -334,52 +371,16 @@ void Card::fillAudio(volatile std::uint16_t* words, int number) {
 void Card::scribble(const Buffer& buffer, FaultField field) {
     Random& random = plannedFaults.random();
     if (field == FaultField::kAnyField) {
-        field = static_cast<FaultField>(
-            random.between(0, static_cast<std::uint64_t>(FaultField::kAnyField) - 1));
+        const FaultField last = transfer.debug == 0 ? FaultField::kCaller : FaultField::kDebug;
+        field = static_cast<FaultField>(random.between(0, static_cast<std::uint64_t>(last)));
     }
-    const auto anyWord = [&random] { return static_cast<std::uint16_t>(random.next() & 0xFFFF); };
-    const auto channel = random.between(0, static_cast<std::uint64_t>(transfer.channels) - 1);
-    volatile std::uint16_t* const port = buffer.words + transfer.firstPort +
-                                         static_cast<std::ptrdiff_t>(channel) * transfer.portWords;
-    const auto anyText = [&](int start, int bytes) {
-        for (int i = 0; i < bytes / 2; ++i) {
-            port[start + i] = anyWord();
-        }
-    };
-    switch (field) {
-        case FaultField::kLevel:
-            port[layout::kLevel] = anyWord();
-            break;
-        case FaultField::kOffHook:
-            port[layout::kOffHook] = anyWord();
-            break;
-        case FaultField::kTriggered:
-            port[layout::kTriggered] = anyWord();
-            break;
-        case FaultField::kRinging:
-            port[layout::kRinging] = anyWord();
-            break;
-        case FaultField::kDigits:
-            anyText(transfer.digits, transfer.digitsBytes);
-            break;
-        case FaultField::kCaller:
-            anyText(transfer.caller, layout::kCallerBytes);
-            break;
-        case FaultField::kDebug:
-            if (transfer.debug != 0) {
-                buffer.words[transfer.debug] = anyWord();
-            }
-            break;
-        case FaultField::kCounter:
-            buffer.words[layout::kCounter] = anyWord();
-            break;
-        case FaultField::kAudio:
-            port[transfer.audio + static_cast<int>(random.between(
-                                      0, static_cast<std::uint64_t>(transfer.audioWords) - 1))] =
-                anyWord();
-            break;
-        case FaultField::kAnyField:
-            break;
+    const auto channels = static_cast<std::uint64_t>(transfer.channels);
+    const auto port = static_cast<int>(random.between(0, channels - 1));
+    const auto [start, count] =
+        placeOf(field, transfer, transfer.firstPort + port * transfer.portWords);
+    report.faults += count == 0 ? 0 : 1;
+    for (int i = 0; i < count; ++i) {
+        buffer.words[start + i] = static_cast<std::uint16_t>(random.next() & 0xFFFF);
     }
 }
 

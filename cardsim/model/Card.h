@@ -66,6 +66,7 @@ class Card {
     };
 
     void control(std::uint16_t value);
+    void askForByte();
     void strobe();
     void endStrobe();
     void stop();

@@ -4,6 +4,29 @@
 
 namespace cardsim {
 
+namespace {
+
+constexpr std::uint32_t maskOf(int bytes) {
+    return bytes == 1 ? 0xFF : 0xFFFF;
+}
+
+constexpr std::uint16_t offsetOf(std::uint16_t port) {
+    return static_cast<std::uint16_t>(port % portMap::kPortsOfCard & ~1u);
+}
+
+// Calls access(port, bytes, shift) for each register that an access touches: words at even ports.
+template <class Access>
+void splitAtRegisters(std::uint16_t port, int bytes, Access access) {
+    for (int done = 0; done < bytes;) {
+        const auto part = static_cast<std::uint16_t>(port + done);
+        const int width = part % 2 != 0 || bytes - done == 1 ? 1 : 2;
+        access(part, width, 8 * done);
+        done += width;
+    }
+}
+
+}  // namespace
+
 Cards::Cards(const std::optional<CardOptions> (&slots)[portMap::kMaxCards],
              volatile std::uint16_t* memory, MachineReport& machineReport)
     : report(machineReport) {
@@ -19,32 +42,26 @@ Cards::Cards(const std::optional<CardOptions> (&slots)[portMap::kMaxCards],
 std::uint32_t Cards::in(std::uint16_t port, int bytes, std::uint64_t now) {
     ++report.portAccesses;
     advance(now);
-    Card* const card = cardAt(port);
-    if (card == nullptr) {
-        return ~0u;
-    }
-    const auto offset = static_cast<std::uint16_t>(port % portMap::kPortsOfCard);
-    const auto even = static_cast<std::uint16_t>(offset & ~1u);
-    std::uint32_t value = card->in(even, now) >> (8 * (offset - even));
-    if (bytes == 4) {
-        value |= std::uint32_t{card->in(static_cast<std::uint16_t>(even + 2), now)} << 16;
-    }
+    std::uint32_t value = 0;
+    splitAtRegisters(port, bytes, [&](std::uint16_t part, int width, int shift) {
+        Card* const card = cardAt(part);
+        const std::uint32_t word =
+            card == nullptr ? portMap::kNobody : card->in(offsetOf(part), now);
+        value |= (word >> (part % 2 * 8) & maskOf(width)) << shift;
+    });
     return value;
 }
 
 void Cards::out(std::uint16_t port, int bytes, std::uint32_t value, std::uint64_t now) {
     ++report.portAccesses;
     advance(now);
-    Card* const card = cardAt(port);
-    if (card == nullptr) {
-        return;
-    }
-    const auto offset = static_cast<std::uint16_t>(port % portMap::kPortsOfCard & ~1u);
-    card->out(offset, static_cast<std::uint16_t>(value & (bytes == 1 ? 0xFF : 0xFFFF)), now);
-    if (bytes == 4) {
-        card->out(static_cast<std::uint16_t>(offset + 2), static_cast<std::uint16_t>(value >> 16),
-                  now);
-    }
+    splitAtRegisters(port, bytes, [&](std::uint16_t part, int width, int shift) {
+        Card* const card = cardAt(part);
+        if (card != nullptr && part % 2 == 0) {
+            card->out(offsetOf(part), static_cast<std::uint16_t>(value >> shift & maskOf(width)),
+                      now);
+        }
+    });
 }
 
 void Cards::advance(std::uint64_t until) {

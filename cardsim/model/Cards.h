@@ -18,7 +18,8 @@ class Cards {
     Cards(const std::optional<CardOptions> (&slots)[portMap::kMaxCards],
           volatile std::uint16_t* memory, MachineReport& report);
 
-    // An access of 1, 2 or 4 bytes to a port from 0x300 to 0x31F; others read as nobody.
+    // An access of 1, 2 or 4 bytes; ports outside of 0x300 to 0x31F read as nobody. A byte written
+    // to an odd port reaches no register.
     std::uint32_t in(std::uint16_t port, int bytes, std::uint64_t now);
     void out(std::uint16_t port, int bytes, std::uint32_t value, std::uint64_t now);
     // Lets the cards and the plan catch up.

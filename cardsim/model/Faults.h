@@ -11,13 +11,13 @@ namespace cardsim {
 enum class FaultKind {
     kAbsent,         // every access: nobody answers
     kWrongEcho,      // every echo of the data port in reset
-    kByteRefused,    // every boot byte: never asked for again before the next reset
+    kByteRefused,    // every boot byte: never asked for, nor any other before the next reset
     kByteStuck,      // every boot byte: busy until the next reset
     kDeadAfterBoot,  // every start of the firmware: nothing is ever handed over
     kCounterStuck,   // every hand-over: the counter does not advance
     kCounterJump,    // every hand-over: the counter advances too far
     kTakenBack,      // every hand-over: the buffer is taken back as soon as the host has seen it
-    kBothBuffers,    // every turn: both buffers are handed over at once
+    kBothBuffers,    // every hand-over while the other is free: both are handed over at once
     kNonsense,       // every hand-over: a field of the buffer holds anything
 };
 constexpr int kNumFaultKinds = 10;
@@ -30,10 +30,10 @@ enum class FaultField {
     kRinging,
     kDigits,
     kCaller,
-    kDebug,
+    kDebug,  // only four-channel cards have it
     kAnyField,
     kCounter,
-    kAudio
+    kAudio,
 };
 
 // A fault and when it strikes: at its opportunities first to last, counted from 1 since the fault

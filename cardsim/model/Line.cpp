@@ -23,16 +23,27 @@ void Line::setOffHook(bool isOffHook) {
 }
 
 void Line::setLevel(std::uint16_t level) {
-    if (isLoud()) {
-        wasLoud = true;
-        quietSince = now;
-    }
+    rememberLoudness();
     voiceLevel = std::min(level, layout::kMaxLevel);
 }
 
 void Line::setSpeaking(bool isSpeaking) {
     speaks = isSpeaking;
     setLevel(isSpeaking ? kSpeechLevel : kQuietLevel);
+}
+
+void Line::apply(const Settings& settings) {
+    rememberLoudness();
+    set = settings;
+    wasLoud = wasLoud && set.trigger <= layout::kMaxLevel;
+}
+
+// Before the level or the settings change: the delay counts from here if the line was loud.
+void Line::rememberLoudness() {
+    if (isLoud()) {
+        quietSince = now;
+    }
+    wasLoud = isVoiceActive();
 }
 
 bool Line::isVoiceActive() const {

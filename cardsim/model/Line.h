@@ -37,7 +37,7 @@ class Line {
     std::uint64_t callsSoFar() const { return calls; }
 
     // For the card.
-    void apply(const Settings& settings) { set = settings; }
+    void apply(const Settings& settings);
     // The level has reached the threshold, now or within the delay.
     bool isVoiceActive() const;
     // What the line's own trigger source says.
@@ -48,6 +48,7 @@ class Line {
   private:
     static std::string takeFront(std::string& waiting, std::size_t atMost);
     bool isLoud() const { return voiceLevel >= set.trigger; }
+    void rememberLoudness();
 
     const std::uint64_t& now;
     Settings set;

@@ -23,7 +23,7 @@ struct Kind {
 constexpr Kind kKinds[] = {
     {"absent", FaultKind::kAbsent, "nobody answers at an access to a port"},
     {"wrong-echo", FaultKind::kWrongEcho, "the data port in reset echoes another byte"},
-    {"byte-refused", FaultKind::kByteRefused, "after a boot byte no other is ever asked for"},
+    {"byte-refused", FaultKind::kByteRefused, "a boot byte is never asked for"},
     {"byte-stuck", FaultKind::kByteStuck, "a boot byte is never taken: busy until the next reset"},
     {"dead-after-boot", FaultKind::kDeadAfterBoot, "the firmware is started and does nothing"},
     {"counter-stuck", FaultKind::kCounterStuck, "a buffer comes with the counter of the last one"},

@@ -58,13 +58,17 @@ int openPortDevice(Hardware& hardware) {
     }
     // A real file keeps the offset, so that lseek needs no help.
     const int fd = memfd_create("dev-port", MFD_CLOEXEC);
+    if (fd == -1) {
+        return -1;
+    }
     for (auto& slot : portDescriptors) {
         int free = 0;
-        if (fd != -1 && slot.compare_exchange_strong(free, fd + 1)) {
+        if (slot.compare_exchange_strong(free, fd + 1)) {
             ++openPortDescriptors;
             return fd;
         }
     }
+    close(fd);
     errno = EMFILE;
     return -1;
 }

@@ -114,7 +114,8 @@ int setPortPermission(unsigned long from, unsigned long count, bool on) {
 }
 
 bool drivesCards() {
-    return drivingThread == thisThread();
+    // A new thread may get the address of one that has ended, but not its permission.
+    return permittedPorts != 0 && drivingThread == thisThread();
 }
 
 }  // namespace cardsim
