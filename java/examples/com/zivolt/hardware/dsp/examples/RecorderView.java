@@ -62,9 +62,9 @@ sealed interface RecorderView {
             }
             painted = now;
             StringBuilder screen = new StringBuilder(CLEAR);
-            screen.append("line  state      caller                digits                bytes\n");
+            screen.append("line  state      caller                digits                     bytes\n");
             for (RecordedLine line : lines) {
-                screen.append("%4d  %-9s  %-20.20s  %-12.12s  %12d%n".formatted(line.channel(),
+                screen.append("%4d  %-9s  %-20.20s  %-20.20s  %9d%n".formatted(line.channel(),
                         line.callFile() != null ? "RECORDING" : "idle", printable(line.caller()),
                         printable(line.digits()), line.bytes()));
             }
