@@ -21,17 +21,6 @@ class RefusalsTest {
 
     @Test
     void badCommandsHurtNothing() throws InterruptedException {
-        byte[] table = new byte[48];
-        bridge.putPacket((byte) 6, 48, null);
-        bridge.putPacket((byte) 6, -1, table);
-        bridge.putPacket((byte) 6, Integer.MIN_VALUE, table);
-        bridge.putPacket((byte) 6, 49, table);
-        bridge.putPacket((byte) 5, Integer.MAX_VALUE, table);
-        for (int type = 0; type < 256; ++type) {
-            if (type != 5 && type != 6) {
-                bridge.putPacket((byte) type, 48, table);
-            }
-        }
         long seed = Long.getLong("seed", System.nanoTime());
         System.out.println("random commands from -Dseed=" + seed);
         sendRandomCommands(new Random(seed));
@@ -39,10 +28,26 @@ class RefusalsTest {
 
         client.apply(LineSettings.builder()
                 .allLines(new LineSetting(Trigger.OFF_HOOK, Beep.OFF, 3)).build());
+        sendSettingsThatMustBeRefused();
         client.start();
         client.startRecording();
         Await.event(client, CardEvent.CallStarted.class::isInstance);
         Await.event(client, CardEvent.CallEnded.class::isInstance);
+    }
+
+    /** Would keep every line from triggering. */
+    private void sendSettingsThatMustBeRefused() {
+        byte[] never = new byte[48];
+        bridge.putPacket((byte) 6, 48, null);
+        bridge.putPacket((byte) 6, -1, never);
+        bridge.putPacket((byte) 6, Integer.MIN_VALUE, never);
+        bridge.putPacket((byte) 6, 49, never);
+        bridge.putPacket((byte) 6, Integer.MAX_VALUE, never);
+        for (int type = 0; type < 256; ++type) {
+            if (type != 5 && type != 6) {
+                bridge.putPacket((byte) type, 48, never);
+            }
+        }
     }
 
     /** One in 64 has the type of line settings; these make calls impossible on every line. */
