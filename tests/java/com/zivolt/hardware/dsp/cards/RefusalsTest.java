@@ -31,6 +31,9 @@ class RefusalsTest {
         sendSettingsThatMustBeRefused();
         client.start();
         client.startRecording();
+        for (int i = 0; i < COMMANDS; ++i) {  // by then every command has been taken
+            Await.event(client, CardEvent.AudioRecorded.class::isInstance);
+        }
         Await.event(client, CardEvent.CallStarted.class::isInstance);
         Await.event(client, CardEvent.CallEnded.class::isInstance);
     }
