@@ -83,10 +83,13 @@ class Entry {
         return caller;
     }
 
+    // Of a value that is there.
+    std::string originOfValue(const char* key) const {
+        return originOf(path, table.get(key)->source());
+    }
+
     [[noreturn]] void refuseValue(const char* key, const std::string& reason) const {
-        const toml::node* const node = table.get(key);
-        refuse(node == nullptr ? origin() : originOf(path, node->source()),
-               std::string(key) + " " + reason);
+        refuse(originOfValue(key), std::string(key) + " " + reason);
     }
 
     // To be called when everything has been asked for.
@@ -189,7 +192,7 @@ class Reader {
         try {
             event.fault = parseFault(entry.text("fault"));
         } catch (const std::invalid_argument& error) {
-            refuse(event.origin, error.what());
+            refuse(entry.originOfValue("fault"), error.what());
         }
         events.push_back(event);
     }

@@ -1,0 +1,26 @@
+// What a run of the simulated cards is to be like: made by the launcher from its command line,
+// handed to the preload library as text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "model/Audio.h"
+#include "model/Scenario.h"
+
+namespace cardsim {
+
+struct Configuration {
+    SimulatedPc::Options pc;  // but for the report, which stays null
+    bool traffic = false;
+    std::vector<ScenarioEvent> events;
+    std::string speakerFile;   // gets appended what card 0 plays; empty: nobody listens
+    std::uint64_t end_ms = 0;  // of a run in virtual time; 0: it goes on until the program ends
+};
+
+std::string textOf(const Configuration& configuration);
+// text: as textOf wrote it; throws std::exception at any other.
+Configuration configurationFrom(const std::string& text);
+
+}  // namespace cardsim
