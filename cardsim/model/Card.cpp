@@ -1,6 +1,7 @@
 #include "model/Card.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace cardsim {
 
@@ -332,6 +333,9 @@ void Card::fill(const Buffer& buffer) {
     for (int port = 0; port < transfer.channels; ++port) {
         fillPort(buffer.words + transfer.firstPort + port * transfer.portWords, port);
     }
+    report.calls = std::accumulate(
+        lines.begin(), lines.end(), std::uint64_t{0},
+        [](std::uint64_t sum, const Line& each) { return sum + each.callsSoFar(); });
     samples += static_cast<std::uint64_t>(2 * transfer.audioWords);
     if (transfer.debug != 0) {
         buffer.words[transfer.debug] = 0;
