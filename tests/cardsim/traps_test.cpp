@@ -1,0 +1,353 @@
+// The traps, with the instructions and calls that programs make: port instructions, port
+// permission, /dev/port, /dev/mem, sleeps and clock.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/io.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "pc/SimulatedPc.h"
+#include "traps/Hardware.h"
+
+extern "C" int __open_2(const char* path, int flags);
+
+namespace {
+
+using cardsim::PowerOff;
+using cardsim::SimulatedPc;
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+using testing::KilledBySignal;
+
+struct Access {
+    char direction;
+    int port, bytes;
+    std::uint32_t value;
+    bool operator==(const Access& other) const {
+        return direction == other.direction && port == other.port && bytes == other.bytes &&
+               value == other.value;
+    }
+};
+
+// Answers every access from a pattern, and keeps a record. It also spoils errno, as any code may.
+class Recorder : public cardsim::Hardware {
+  public:
+    Recorder() { cardsim::attachHardware(this); }
+    ~Recorder() override { cardsim::attachHardware(nullptr); }
+
+    std::uint32_t in(std::uint16_t port, int bytes) override {
+        errno = ENOTTY;
+        accesses.push_back({'i', port, bytes, answer});
+        return answer;
+    }
+    void out(std::uint16_t port, int bytes, std::uint32_t value) override {
+        errno = ENOTTY;
+        accesses.push_back({'o', port, bytes, value});
+    }
+    int grantPorts() override { return fail(portsErrno); }
+    int openPorts() override { return fail(portsErrno); }
+    int openMemory() override { return fail(memoryErrno); }
+    bool sleep(std::uint64_t microseconds) override {
+        slept.push_back(microseconds);
+        return true;
+    }
+    bool processorTime(std::clock_t&) override { return false; }
+
+    std::uint32_t answer = 0xDDCCBBAA;
+    std::vector<Access> accesses;
+    std::vector<std::uint64_t> slept;
+    int portsErrno = 0;
+    int memoryErrno = EPERM;
+
+  private:
+    static int fail(int number) {
+        errno = number;
+        return number == 0 ? 0 : -1;
+    }
+};
+
+class Traps : public testing::Test {
+  protected:
+    // Deaths run in a fresh process: the fault handler is installed but once.
+    Traps() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
+
+constexpr std::uint64_t kAccumulator = 0x1122334455667788;
+// The upper half of edx is no part of the port.
+constexpr std::uint32_t kPort = 0xFFFF0304;
+
+TEST_F(Traps, CarryOutEveryFormOfPortInstruction) {
+    Recorder hardware;
+    ASSERT_EQ(0, ioperm(0x300, 32, 1));
+    errno = 0;
+    std::uint64_t byte = kAccumulator;
+    std::uint64_t word = kAccumulator;
+    std::uint64_t whole = kAccumulator;
+    asm volatile("inb %%dx, %%al" : "+a"(byte) : "d"(kPort));
+    asm volatile("inw %%dx, %%ax" : "+a"(word) : "d"(kPort));
+    asm volatile("inl %%dx, %%eax" : "+a"(whole) : "d"(kPort));
+    EXPECT_EQ(0x11223344556677AAu, byte);
+    EXPECT_EQ(0x112233445566BBAAu, word);
+    EXPECT_EQ(0x00000000DDCCBBAAu, whole);
+    asm volatile("outb %%al, %%dx" : : "a"(kAccumulator), "d"(kPort));
+    asm volatile("outw %%ax, %%dx" : : "a"(kAccumulator), "d"(kPort));
+    asm volatile("outl %%eax, %%dx" : : "a"(kAccumulator), "d"(kPort));
+    outw(0x1234, 0x31E);
+    EXPECT_EQ(0xBBAA, inw(0x31E));
+    EXPECT_EQ(0, errno);
+    const std::vector<Access> expected = {{'i', 0x304, 1, 0xDDCCBBAA}, {'i', 0x304, 2, 0xDDCCBBAA},
+                                          {'i', 0x304, 4, 0xDDCCBBAA}, {'o', 0x304, 1, 0x88},
+                                          {'o', 0x304, 2, 0x7788},     {'o', 0x304, 4, 0x55667788},
+                                          {'o', 0x31E, 2, 0x1234},     {'i', 0x31E, 2, 0xDDCCBBAA}};
+    EXPECT_EQ(expected, hardware.accesses);
+}
+
+TEST_F(Traps, GivePermissionToThePortsAndTheThreadThatAskedForThem) {
+    Recorder hardware;
+    hardware.portsErrno = EPERM;
+    EXPECT_EQ(-1, ioperm(0x300, 32, 1));
+    EXPECT_EQ(EPERM, errno);
+    hardware.portsErrno = 0;
+    for (const auto& [from, count] :
+         {std::pair(0x2FFul, 2ul), std::pair(0x300ul, 33ul), std::pair(0x31Ful, ~0ul)}) {
+        EXPECT_EQ(-1, ioperm(from, count, 1));
+        EXPECT_EQ(EINVAL, errno);
+    }
+    ASSERT_EQ(0, ioperm(0x300, 4, 1));
+    EXPECT_EQ(0xBBAA, inw(0x302));
+    EXPECT_DEATH(inw(0x303), "");
+    EXPECT_DEATH(outw(0, 0x304), "");
+    EXPECT_DEATH(std::thread([] { inw(0x300); }).join(), "");
+    ASSERT_EQ(0, ioperm(0x302, 1, 0));
+    EXPECT_EQ(0xAA, inb(0x303));
+    EXPECT_DEATH(inw(0x302), "");
+    EXPECT_EQ(2u, hardware.accesses.size());
+}
+
+void touchForbiddenPage() {
+    void* const page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    *static_cast<volatile int*>(page) = 1;
+}
+
+TEST_F(Traps, HandForeignFaultsOnToWhoeverStoodThereBefore) {
+    Recorder hardware;
+    const auto install = [](auto prepare) {
+        struct sigaction action {};
+        prepare(action);
+        sigaction(SIGSEGV, &action, nullptr);
+        ioperm(0x300, 32, 1);
+        inw(0x300);
+    };
+    const auto informed = [](struct sigaction& action) {
+        action.sa_flags = SA_SIGINFO;
+        action.sa_sigaction = [](int, siginfo_t* info, void* context) {
+            _exit(info->si_code == SEGV_ACCERR && context != nullptr ? 42 : 1);
+        };
+    };
+    const auto plain = [](struct sigaction& action) {
+        action.sa_handler = [](int signal) { _exit(signal == SIGSEGV ? 43 : 1); };
+    };
+    const auto standard = [](struct sigaction& action) { action.sa_handler = SIG_DFL; };
+    EXPECT_EXIT((install(informed), touchForbiddenPage()), ExitedWithCode(42), "");
+    EXPECT_EXIT((install(plain), touchForbiddenPage()), ExitedWithCode(43), "");
+    EXPECT_EXIT((install(standard), touchForbiddenPage()), KilledBySignal(SIGSEGV), "");
+    // A fault by the kernel's rules that is no port instruction, and one with the hardware gone.
+    EXPECT_EXIT(
+        {
+            install(plain);
+            asm volatile("hlt");
+        },
+        ExitedWithCode(43), "");
+    EXPECT_EXIT(
+        {
+            install(plain);
+            cardsim::attachHardware(nullptr);
+            inw(0x300);
+        },
+        ExitedWithCode(43), "");
+}
+
+TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
+    Recorder hardware;
+    hardware.portsErrno = EACCES;
+    EXPECT_EQ(-1, open("/dev/port", O_RDWR));
+    EXPECT_EQ(EACCES, errno);
+    hardware.portsErrno = 0;
+    const int ports = open("/dev/port", O_RDWR);
+    const int others = __open_2("/dev/port", O_RDWR);
+    ASSERT_NE(-1, ports);
+    ASSERT_NE(-1, others);
+    unsigned char bytes[3] = {};
+    EXPECT_EQ(0x302, lseek(ports, 0x302, SEEK_SET));
+    EXPECT_EQ(1, read(ports, bytes, 1));
+    EXPECT_EQ(0xAA, bytes[0]);
+    EXPECT_EQ(2, write(ports, "\x12\x34", 2));
+    EXPECT_EQ(0x305, lseek(ports, 0, SEEK_CUR));
+    EXPECT_EQ(0, lseek(others, 0, SEEK_CUR));
+    hardware.answer = 0x77;
+    lseek(others, 0x310, SEEK_SET);
+    EXPECT_EQ(3, read(others, bytes, 3));
+    EXPECT_THAT(bytes, ElementsAre(0x77, 0x77, 0x77));
+    const std::vector<Access> expected = {{'i', 0x302, 1, 0xDDCCBBAA}, {'o', 0x303, 1, 0x12},
+                                          {'o', 0x304, 1, 0x34},       {'i', 0x310, 1, 0x77},
+                                          {'i', 0x311, 1, 0x77},       {'i', 0x312, 1, 0x77}};
+    EXPECT_EQ(expected, hardware.accesses);
+    EXPECT_EQ(0, close(others));
+    EXPECT_EQ(0, close(ports));
+    EXPECT_EQ(-1, close(ports));
+    // A file that gets the number of a closed one is a plain file.
+    const int plain = open("/dev/zero", O_RDWR);
+    EXPECT_EQ(std::min(ports, others), plain);
+    EXPECT_EQ(1, read(plain, bytes, 1));
+    EXPECT_EQ(0, bytes[0]);
+    close(plain);
+    EXPECT_EQ(6u, hardware.accesses.size());
+}
+
+TEST_F(Traps, OpenNoMorePortDevicesThanTheyCanTell) {
+    Recorder hardware;
+    std::vector<int> opened;
+    int fd = -1;
+    while (opened.size() < 100 && (fd = open("/dev/port", O_RDWR)) != -1) {
+        opened.push_back(fd);
+    }
+    EXPECT_EQ(EMFILE, errno);
+    EXPECT_EQ(16u, opened.size());
+    const int nextFree = dup(0);
+    EXPECT_EQ(opened.back() + 1, nextFree);
+    close(nextFree);
+    std::for_each(opened.begin(), opened.end(), close);
+}
+
+TEST_F(Traps, LeaveEverythingElseToTheMachine) {
+    Recorder hardware;
+    EXPECT_EQ(-1, open("/dev/mem", O_RDWR));
+    EXPECT_EQ(EPERM, errno);
+    EXPECT_EQ(-1, open("/dev/ports", O_RDWR));
+    EXPECT_EQ(ENOENT, errno);
+    const std::string path = testing::TempDir() + "traps-" + std::to_string(getpid());
+    const int file = open64(path.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_NE(-1, file);
+    EXPECT_EQ(3, write(file, "abc", 3));
+    close(file);
+    EXPECT_EQ(0, access(path.c_str(), R_OK | W_OK));
+    unlink(path.c_str());
+    // Without hardware the devices are the machine's own too.
+    cardsim::attachHardware(nullptr);
+    const std::clock_t before = clock();
+    EXPECT_EQ(0, usleep(1000));
+    EXPECT_GE(clock(), before);
+    EXPECT_TRUE(hardware.slept.empty());
+    EXPECT_TRUE(hardware.accesses.empty());
+}
+
+TEST_F(Traps, AskForHardwareAtTheFirstUseOnly) {
+    static SimulatedPc* made = nullptr;
+    cardsim::onFirstUse([] { made = new SimulatedPc(SimulatedPc::Options()); });
+    close(open("/dev/null", O_RDONLY));
+    EXPECT_EQ(nullptr, made);
+    const int ports = open("/dev/port", O_RDWR);
+    ASSERT_NE(nullptr, made);
+    close(ports);
+    const SimulatedPc* const first = made;
+    delete made;
+    ioperm(0x300, 32, 0);
+    EXPECT_EQ(first, made);
+    EXPECT_EQ(nullptr, cardsim::attachedHardware());
+}
+
+TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
+    Recorder hardware;
+    ASSERT_EQ(0, ioperm(0x300, 32, 1));
+    const timespec time{2, 345'678'900};
+    EXPECT_EQ(0, usleep(5));
+    EXPECT_EQ(0u, sleep(3));
+    EXPECT_EQ(0, nanosleep(&time, nullptr));
+    EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr));
+    std::this_thread::sleep_for(std::chrono::hours(1));
+    const std::vector<std::uint64_t> expected = {5, 3'000'000, 2'345'678, 2'345'678, 3'600'000'000};
+    EXPECT_EQ(expected, hardware.slept);
+    // Until a time, and on other threads, it is the machine's time that passes.
+    const timespec past{0, 0};
+    EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past, nullptr));
+    std::thread([] { usleep(1); }).join();
+    EXPECT_EQ(expected, hardware.slept);
+}
+
+// One whole transfer by the calls that a driver makes.
+TEST(SimulatedPc, SharesItsMemoryAndItsTimeWithTheProgram) {
+    SimulatedPc::Options options;
+    options.channels[1] = 8;
+    SimulatedPc pc(options);
+    ASSERT_EQ(0, ioperm(0x300, 32, 1));
+    const int file = open("/dev/mem", O_RDWR);
+    ASSERT_NE(-1, file);
+    void* const mapping = mmap(nullptr, 0x4000, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0xD0000);
+    ASSERT_NE(MAP_FAILED, mapping);
+    close(file);
+    auto* const words = static_cast<volatile std::uint16_t*>(mapping);
+    outw(8, 0x31E);
+    outw(0x12, 0x312);
+    outw(0x1A, 0x312);
+    for (const int word : {0x08AA, 0, 0, 0, 0x80, 0}) {
+        for (const int byte : {word >> 8, word & 0xFF}) {
+            ASSERT_EQ(0x24, inw(0x312));
+            outw(static_cast<unsigned short>(byte), 0x310);
+            outw(0x0A, 0x312);
+            ASSERT_EQ(4, inw(0x312) & 5);
+            outw(0x1A, 0x312);
+        }
+    }
+    EXPECT_EQ(63u, pc.now());
+    EXPECT_EQ(63, clock());
+    std::string played;
+    pc.card(1).connectSpeaker([&](const char* bytes, std::size_t) { played = bytes[0]; });
+    words[0x1000 + 3174 / 2] = 'p';
+    pc.at(100, [&pc] { pc.line(1, 7).dial("42"); });
+    usleep(300'000);
+    EXPECT_EQ(1, inw(0x312) & 1);
+    EXPECT_EQ(1, words[0x1000]);
+    EXPECT_EQ(2 | '4' << 8, words[0x1000 + (370 + 388 * 7) / 2]);
+    EXPECT_EQ("p", played);
+    EXPECT_EQ(0, words[0]);
+    munmap(mapping, 0x4000);
+}
+
+TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
+    SimulatedPc pc(SimulatedPc::Options{});
+    ASSERT_EQ(0, ioperm(0x300, 32, 1));
+    pc.endAt(1000);
+    std::thread([] { usleep(1000); }).join();
+    EXPECT_EQ(0u, pc.now());
+    const auto sleeps = {+[] { usleep(400'000); },
+                         +[] { std::this_thread::sleep_for(std::chrono::hours(1)); },
+                         +[] { sleep(1); }};
+    EXPECT_NO_THROW((*sleeps.begin())());
+    EXPECT_EQ(400'000u, pc.now());
+    for (const auto sleepOnce : sleeps) {
+        EXPECT_THROW(
+            while (true) { sleepOnce(); }, PowerOff);
+        EXPECT_EQ(1'000'000u, pc.now());
+    }
+}
+
+TEST(SimulatedPc, FollowsTheMachinesTimeUnlessToldOtherwise) {
+    SimulatedPc::Options options;
+    options.virtualTime = false;
+    SimulatedPc pc(options);
+    ASSERT_EQ(0, ioperm(0x300, 32, 1));
+    const std::uint64_t before = pc.now();
+    usleep(20'000);
+    EXPECT_GE(pc.now() - before, 20'000u);
+    EXPECT_LT(pc.now() - before, 20'000'000u);
+}
+
+}  // namespace
