@@ -31,11 +31,7 @@ BoardMgr& BoardMgr::getInstance() {
     return *pInstance;
 }
 
-BoardMgr::BoardMgr()
-    : numBoards(0),
-      dspCardsMem(nullptr),
-      recording(false),
-      setUpThread(std::this_thread::get_id()) {
+BoardMgr::BoardMgr() : numBoards(0), dspCardsMem(nullptr), recording(false) {
     setUpCards();
 }
 
@@ -83,12 +79,6 @@ std::unique_ptr<DSPBoard> BoardMgr::makeBoard(int boardNumber, int channels,
         return std::make_unique<DSPBoardFourChannel>(boardNumber, boardMem, firstChannel);
     }
     return std::make_unique<DSPBoardEightChannel>(boardNumber, boardMem, firstChannel);
-}
-
-void BoardMgr::driveCardsFromThisThread() const {
-    if (std::this_thread::get_id() != setUpThread) {
-        DirectIO().allowPortAccess();
-    }
 }
 
 bool BoardMgr::bootload() {
@@ -212,7 +202,7 @@ std::unique_ptr<Packet> BoardMgr::getNextCommand(int board) {
         return std::move(pendingCommand[board]);
     }
     if (!MonitorBuffer::getInstance().isEmpty()) {
-        return nullptr;  // playback is taken no faster than the card plays it
+        return nullptr;  // no command is taken faster than the card plays
     }
     std::unique_ptr<Packet> command(MessageDispatcher::getInstance().getPacketFromReceiveQueue());
     if (command != nullptr && command->getType() == PACKET_LINE_SETTINGS) {

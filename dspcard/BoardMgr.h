@@ -2,7 +2,8 @@
 // exchanges their transfer buffers, and decides which command each board receives.
 //
 // Made by the first getInstance, in normal operation on the thread that then drives the cards and
-// so needs the port permission that the set-up obtains. That thread alone calls bootload and
+// so needs the port permission that the set-up obtains; where another thread made it, the driving
+// thread gets permission of its own (DirectIO::ensurePortAccess). It alone calls bootload and
 // readWriteDSPs. The client's threads may switch recording, monitoring and playback and ask for
 // boards at any time; what they switch takes effect at the next exchange. Boards, their number and
 // their kinds never change. Card 0 is also the playback board.
@@ -10,7 +11,6 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
 
 #include "DSPBoard.h"
 #include "DirectIO.h"
@@ -28,9 +28,6 @@ class BoardMgr {
     BoardMgr(const BoardMgr&) = delete;
     BoardMgr& operator=(const BoardMgr&) = delete;
 
-    // Readies the calling thread to drive the cards: gets it port permission unless it made the
-    // manager and so has asked already.
-    void driveCardsFromThisThread() const;
     // Boot-loads the boards in order up to the first that fails; true when none did, also when
     // there are no boards.
     virtual bool bootload();
@@ -87,5 +84,4 @@ class BoardMgr {
     DirectIO directIO;
     char* dspCardsMem;
     std::atomic<bool> recording;
-    const std::thread::id setUpThread;  // has asked for port permission
 };

@@ -12,6 +12,13 @@
 #include "ConsoleLine.h"
 #include "FileDescriptor.h"
 
+namespace {
+
+// Ends with the thread, as the permission does; the thread's number may come again.
+thread_local bool hasAskedForPorts = false;
+
+}  // namespace
+
 DirectIO* DirectIO::sInstance = nullptr;
 
 DirectIO& DirectIO::getInstance() {
@@ -21,6 +28,7 @@ DirectIO& DirectIO::getInstance() {
 }
 
 void DirectIO::allowPortAccess() {
+    hasAskedForPorts = true;
     if (ioperm(kBasePortBoard0, kNumCardPorts, 1) == -1) {
         ConsoleLine(std::cerr) << "failed to allow port access, errno=" << errno;
         return;
@@ -29,7 +37,14 @@ void DirectIO::allowPortAccess() {
     std::cerr << "Ports enabled OK\n";
 }
 
+void DirectIO::ensurePortAccess() {
+    if (!hasAskedForPorts) {
+        allowPortAccess();
+    }
+}
+
 void DirectIO::disallowPortAccess() {
+    hasAskedForPorts = false;
     ioperm(kBasePortBoard0, kNumCardPorts, 0);
     portsEnabled = false;
     std::cerr << "Ports disabled OK\n";

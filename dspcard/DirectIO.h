@@ -22,6 +22,9 @@ class DirectIO {
     // Grants the calling thread the ports 0x300 to 0x31F. The kernel keeps permission by thread:
     // each thread that touches a port asks for itself, and dies of the first access otherwise.
     void allowPortAccess();
+    // The same, unless the calling thread has asked before, with or without success. For a thread
+    // that is about to touch ports and may find that another one has set up the cards.
+    void ensurePortAccess();
     void disallowPortAccess();
     // Whether allowPortAccess succeeded on this object and was not taken back since.
     bool arePortsEnabled() const { return portsEnabled; }

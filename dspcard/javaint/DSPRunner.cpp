@@ -23,7 +23,7 @@ void DSPRunner::startDSPs() {
 void DSPRunner::execute() {
     ConsoleLine(std::cerr) << "JNI calling bootload ";
     BoardMgr& boardMgr = BoardMgr::getInstance();
-    boardMgr.driveCardsFromThisThread();  // a client's call may have made the manager
+    DirectIO::getInstance().ensurePortAccess();  // a client's call may have made the manager
     boardMgr.bootload();
     ConsoleLine(std::cerr) << "JNI calling readWriteDSPs()";
     boardMgr.readWriteDSPs();

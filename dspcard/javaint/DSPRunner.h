@@ -1,6 +1,7 @@
-// The runner thread: makes the board manager, boot-loads the cards and runs the read/write cycle
-// until the process ends. It is never stopped, joined or destroyed. Everything that touches a port
-// or card memory happens on it.
+// The runner thread: makes the board manager, unless a call of the client has made it before,
+// boot-loads the cards and runs the read/write cycle until the process ends. It is never stopped,
+// joined or destroyed. From the boot on, everything that touches a port or card memory happens on
+// it.
 #pragma once
 
 #include <pasync.h>

@@ -1,10 +1,10 @@
 // The packets: every message between the cards and the client.
 //
-// Event packets (types 1 to 4 and 7) are made by the boards on the runner thread and deleted by
+// Event packets (types 1 to 4 and 7) are made on the thread that drives the cards and deleted by
 // whoever takes them from the send queue. Command packets (types 5 and 6) are made from the
-// client's bytes on the client's thread and deleted by the read/write cycle after the exchange of
-// the board that received them. A packet has one owner at a time, holds no lock, and does not
-// change once it has been queued.
+// client's bytes on the client's thread, copied for the second board, and deleted by the read/write
+// cycle after the exchange of the board that received them. A packet has one owner at a time, holds
+// no lock, and does not change once it has been queued.
 //
 // Channel numbers in packets are global: lines are numbered over both cards. They are carried as
 // one byte, as are type codes and error codes.
@@ -32,7 +32,7 @@ enum BeepType : unsigned char {
     BEEP_HIGH = 3,
 };
 
-// Why a board reports trouble; byte 0 of an ErrorPacket.
+// What is wrong with a card, or with all of them; byte 0 of an ErrorPacket.
 enum ErrorCode : int {
     ERROR_MISSED_TRANSFER = 1,
     ERROR_TOO_SLOW = 2,
@@ -91,7 +91,7 @@ class CLIPacket : public Packet {
     int getType() const override;
     int getLength() const override;
     unsigned char* getData() const override;
-    // Fewer than 2 bytes give an empty packet; more than 128 are cut.
+    // Fewer than 2 bytes give an empty packet; more than 128 are cut, and so is the count.
     void read(unsigned char* theData, int length) override;
     pt::string toString() const override;
     int getChannel() const;
@@ -109,7 +109,7 @@ class DTMFPacket : public Packet {
     int getType() const override;
     int getLength() const override;
     unsigned char* getData() const override;
-    // Fewer than 2 bytes give an empty packet; more than 128 are cut.
+    // Fewer than 2 bytes give an empty packet; more than 128 are cut, and so is the count.
     void read(unsigned char* theData, int length) override;
     pt::string toString() const override;
     int getChannel() const;

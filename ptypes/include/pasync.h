@@ -35,7 +35,7 @@ class scopelock {
 };
 
 // One run of execute() on a thread of its own, then of cleanup() on the same thread. With autofree
-// the object deletes itself after cleanup(); without, its owner must waitfor() or outlive it.
+// the object deletes itself after cleanup(); without, it must live until the thread has ended.
 class thread {
   public:
     explicit thread(bool autofree);

@@ -2,10 +2,12 @@
 // the road of audio, reports and commands in both directions.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "BoardMgr.h"
 #include "Console.h"
@@ -454,22 +456,41 @@ TEST_F(Cycle, StopsBootingAtTheFirstCardThatFails) {
     EXPECT_TRUE(takePackets().empty());
 }
 
-TEST_F(Cycle, TakesPortPermissionOnTheRunnerThreadOfItsOwn) {
-    powerUp(4);
-    pc->endAt(10'000);
-    manager().startRecording();  // a client's call made the manager, and got this thread the ports
-    struct Runner : pt::thread {
-        Runner() : pt::thread(false) {}
-        void execute() override {
-            BoardMgr::getInstance().driveCardsFromThisThread();
-            BoardMgr::getInstance().bootload();
-            EXPECT_THROW(BoardMgr::getInstance().readWriteDSPs(), cardsim::PowerOff);
+// A PC that, once its time is over, lets the thread that drives the cards wait for ever.
+class StandingPc : public SimulatedPc {
+  public:
+    using SimulatedPc::SimulatedPc;
+    std::atomic<bool> isOver{false};
+
+  protected:
+    void switchOff() override {
+        isOver = true;
+        while (true) {
+            pause();
         }
-    } runner;
-    runner.start();
-    runner.waitfor();
-    EXPECT_EQ(1u, report(0).boots);
-    EXPECT_FALSE(takePackets().empty());
+    }
+};
+
+TEST(Runner, GetsPortsOfItsOwnWhoeverMadeTheManager) {
+    std::filesystem::current_path(FIRMWARE_FOLDER);
+    SimulatedPc::Options options;
+    options.channels[1] = 8;
+    auto& pc = *new StandingPc(options);  // the runner never ends
+    pc.endAt(20'000);
+    const Console console;
+    // The runner may get the number of a thread that has ended, but not its permission.
+    std::thread([] { BoardMgr::getInstance().startRecording(); }).join();
+    DSPRunner::getInstance().startDSPs();
+    DSPRunner::getInstance().startDSPs();
+    while (!pc.isOver) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(1u, pc.report().cards[0].boots);
+    EXPECT_EQ(1u, pc.report().cards[1].boots);
+    const auto packets = takePackets();
+    EXPECT_GT(packets.size(), 50u);
+    EXPECT_TRUE(reportsIn(packets).empty());
+    EXPECT_TRUE(DSPRunner::getInstance().get_running());
 }
 
 }  // namespace
