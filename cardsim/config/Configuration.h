@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "model/Audio.h"
 #include "model/Scenario.h"
+#include "pc/SimulatedPc.h"
 
 namespace cardsim {
 

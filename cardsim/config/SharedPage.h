@@ -20,8 +20,8 @@ struct SharedPage {
     std::uint32_t configurationLength;  // the configuration's text stands behind the page
 
     // Written by the preload library.
-    std::atomic<int> owner;           // process that has the cards; 0: none has asked yet
-    std::atomic<bool> timeIsOver;     // the end of a run in virtual time has come
+    std::atomic<int> owner;        // process that has the cards; 0: none has asked yet
+    std::atomic<bool> timeIsOver;  // the end of a run in virtual time has come
     MachineReport report;
 };
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);

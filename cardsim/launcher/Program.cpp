@@ -10,129 +10,148 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
+#include <system_error>
 
-#include "config/Session.h"
+#include "config/SharedPage.h"
 
 namespace cardsim {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-constexpr int kNotFound = 127;
-constexpr int kNotExecutable = 126;
-constexpr std::chrono::seconds kGrace{3};
+constexpr milliseconds kTimeToEnd{3000};
+constexpr int kKilled = 128;
 
-// Puts a value in front of what an environment variable holds.
-void prepend(const char* variable, const std::string& value, char separator) {
-    const char* const before = std::getenv(variable);
-    const bool isEmpty = before == nullptr || *before == '\0';
-    setenv(variable, (isEmpty ? value : value + separator + before).c_str(), 1);
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
 }
 
-[[noreturn]] void becomeProgram(const ProgramStart& start, const sigset_t& signals, int failure) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    signal(SIGINT, SIG_DFL);
-    signal(SIGQUIT, SIG_DFL);
-    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
-    prepend("LD_PRELOAD", start.preloadLibrary, ':');
-    // A sanitizer's runtime otherwise insists on being the first library of all.
-    prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
-    setenv(kSessionVariable, start.sessionFile.c_str(), 1);
+// The signals that the launcher waits for instead of being interrupted by them.
+sigset_t awaitedSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGCHLD, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, signal);
+    }
+    return signals;
+}
 
+void prepend(const char* variable, const std::string& value, const char* separator) {
+    const char* const before = std::getenv(variable);
+    const bool isSet = before != nullptr && *before != '\0';
+    setenv(variable, (isSet ? value + separator + before : value).c_str(), 1);
+}
+
+void setEnvironment(const ProgramSettings& settings) {
+    prepend("LD_PRELOAD", settings.preloadLibrary, ":");
+    setenv(kSharedPageVariable, settings.sharedPage.c_str(), 1);
+    // A program built with the address sanitizer insists on being first in line otherwise. What
+    // the user has set comes later and wins.
+    prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ":");
+}
+
+// In the child: becomes the program, or tells the launcher through the pipe why not.
+[[noreturn]] void becomeProgram(const ProgramSettings& settings, pid_t launcher,
+                                const sigset_t& signals, int failures) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != launcher) {
+        _exit(kKilled + SIGTERM);
+    }
+    setEnvironment(settings);
     std::vector<char*> arguments;
-    for (const std::string& argument : start.command) {
+    for (const std::string& argument : settings.command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }
     arguments.push_back(nullptr);
+    sigprocmask(SIG_SETMASK, &signals, nullptr);
     execvp(arguments[0], arguments.data());
-    const int reason = errno;
-    if (write(failure, &reason, sizeof(reason)) != sizeof(reason)) {
-        _exit(kNotExecutable);
+    const int error = errno;
+    if (write(failures, &error, sizeof error) != sizeof error) {
+        _exit(kKilled - 1);
     }
-    _exit(kNotFound);
+    _exit(kKilled - 2);
 }
 
-// Waits for one of the signals until then; 0 when the time has come without one.
-int awaitSignal(const sigset_t& signals, std::optional<Clock::time_point> until) {
-    while (true) {
-        int caught = 0;
-        if (until) {
-            const auto left = std::max(*until - Clock::now(), Clock::duration::zero());
-            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-            const timespec timeout{seconds.count(),
-                                   std::chrono::nanoseconds(left - seconds).count()};
-            caught = sigtimedwait(&signals, nullptr, &timeout);
-        } else {
-            caught = sigwaitinfo(&signals, nullptr);
-        }
-        if (caught > 0) {
-            return caught;
-        }
-        if (errno == EAGAIN) {
-            return 0;
-        }
+// What the child had to say before it became the program: nothing, or why it could not.
+void checkStarted(const ProgramSettings& settings, pid_t child, int failures) {
+    int error = 0;
+    if (read(failures, &error, sizeof error) != sizeof error) {
+        return;
     }
+    waitpid(child, nullptr, 0);
+    throw CannotStart{settings.command[0] + ": " + std::strerror(error),
+                      error == ENOENT || error == ENOTDIR};
 }
 
-// Watches the program until it ends.
-ProgramEnd watch(pid_t program, const sigset_t& signals,
-                 std::optional<std::chrono::milliseconds> runTime) {
+pid_t start(const ProgramSettings& settings, const sigset_t& signals) {
+    int failures[2];
+    if (pipe2(failures, O_CLOEXEC) != 0) {
+        fail("pipe");
+    }
+    const pid_t launcher = getpid();
+    const pid_t child = fork();
+    if (child == -1) {
+        fail("fork");
+    }
+    if (child == 0) {
+        becomeProgram(settings, launcher, signals, failures[1]);
+    }
+    close(failures[1]);
+    checkStarted(settings, child, failures[0]);
+    close(failures[0]);
+    return child;
+}
+
+// The next awaited signal, or 0 when the time has come.
+int nextSignal(std::optional<Clock::time_point> until) {
+    const sigset_t awaited = awaitedSignals();
+    if (!until) {
+        return sigwaitinfo(&awaited, nullptr);
+    }
+    const auto left = std::max(Clock::duration::zero(), *until - Clock::now());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const timespec timeout{seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
+    const int signal = sigtimedwait(&awaited, nullptr, &timeout);
+    return signal == -1 && errno == EAGAIN ? 0 : signal;
+}
+
+int exitStatusOf(int status) {
+    return WIFSIGNALED(status) ? kKilled + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+ProgramEnd waitFor(pid_t child, std::optional<milliseconds> end) {
     std::optional<Clock::time_point> deadline;
-    if (runTime) {
-        deadline = Clock::now() + *runTime;
+    if (end) {
+        deadline = Clock::now() + *end;
     }
-    bool timeIsUp = false;
-    while (true) {
-        const int caught = awaitSignal(signals, deadline);
-        int status = 0;
-        if (waitpid(program, &status, WNOHANG) == program) {
-            const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return {code, timeIsUp, true};
-        }
-        if (caught == SIGTERM || caught == SIGHUP) {
-            kill(program, caught);
-        } else if (caught == 0) {
-            kill(program, timeIsUp ? SIGKILL : SIGTERM);
-            timeIsUp = true;
-            deadline = Clock::now() + kGrace;
+    bool wasEnded = false;
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) != child) {
+        const int signal = nextSignal(deadline);
+        if (signal == SIGTERM || signal == SIGHUP) {
+            kill(child, signal);
+        } else if (signal == 0) {
+            kill(child, wasEnded ? SIGKILL : SIGTERM);
+            wasEnded = true;
+            deadline = Clock::now() + kTimeToEnd;
         }
     }
+    return {exitStatusOf(status), wasEnded};
 }
 
 }  // namespace
 
-ProgramEnd runProgram(const ProgramStart& start) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : {SIGCHLD, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, number);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+ProgramEnd run(const ProgramSettings& settings) {
+    const sigset_t awaited = awaitedSignals();
+    sigset_t before;
+    sigprocmask(SIG_BLOCK, &awaited, &before);
+    signal(SIGCHLD, SIG_DFL);  // else the program would end unseen
+    const pid_t child = start(settings, before);
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
-
-    int failure[2];
-    if (pipe2(failure, O_CLOEXEC) != 0) {
-        std::cerr << "cardsim: cannot start a program: " << std::strerror(errno) << std::endl;
-        return {kNotExecutable, false, false};
-    }
-    const pid_t program = fork();
-    if (program == 0) {
-        becomeProgram(start, signals, failure[1]);
-    }
-    close(failure[1]);
-    int reason = program == -1 ? errno : 0;
-    const bool failed = program == -1 || read(failure[0], &reason, sizeof(reason)) > 0;
-    close(failure[0]);
-    if (failed) {
-        waitpid(program, nullptr, 0);
-        std::cerr << "cardsim: cannot start " << start.command[0] << ": " << std::strerror(reason)
-                  << std::endl;
-        return {reason == ENOENT ? kNotFound : kNotExecutable, false, false};
-    }
-    return watch(program, signals, start.runTime);
+    return waitFor(child, settings.end);
 }
 
 }  // namespace cardsim

@@ -1,5 +1,4 @@
-// The program that runs on the simulated cards: started with the preload library in front, watched
-// and, when its time is over, ended.
+// The program that runs on the simulated cards: a child process of the launcher.
 #pragma once
 
 #include <chrono>
@@ -9,22 +8,28 @@
 
 namespace cardsim {
 
-struct ProgramStart {
-    std::vector<std::string> command;  // program and arguments
+// The program could not be started. what(): why.
+struct CannotStart {
+    std::string reason;
+    bool isMissing;  // there is no such program
+};
+
+struct ProgramSettings {
+    std::vector<std::string> command;  // looked up in the PATH
     std::string preloadLibrary;
-    std::string sessionFile;
-    std::optional<std::chrono::milliseconds> runTime;  // ends it after that long
+    std::string sharedPage;  // path by which the program's processes reach it
+    // After that long it is told to end, a little later killed; nothing: never.
+    std::optional<std::chrono::milliseconds> end;
 };
 
 struct ProgramEnd {
-    int status;     // its exit status; 128 + signal when a signal ended it; 126 or 127 when it
-                    // could not be started
-    bool timeIsUp;  // it was ended because its time was over
-    bool started;
+    int exitStatus;  // as a shell shows it: 128 + N when signal N killed the program
+    bool wasEnded;   // its time was over
 };
 
-// Runs the program to its end. Signals for the terminal's foreground are the program's business;
-// SIGTERM and SIGHUP are passed on to it. Writes a line to standard error if it cannot be started.
-ProgramEnd runProgram(const ProgramStart& start);
+// Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone,
+// SIGTERM and SIGHUP are passed on to it; afterwards they stay like that. Should the launcher be
+// killed, the program is told to end. Throws CannotStart.
+ProgramEnd run(const ProgramSettings& settings);
 
 }  // namespace cardsim

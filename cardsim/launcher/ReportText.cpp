@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -15,10 +16,10 @@ int blocksShown(const CardReport& card) {
     return std::min(static_cast<int>(card.imageBlocks), CardReport::kMaxBlocks);
 }
 
-std::string hexadecimal(unsigned word) {
-    char text[8];
-    std::snprintf(text, sizeof(text), "0x%04X", word);
-    return text;
+std::string hexadecimal(std::uint64_t number, int digits) {
+    std::ostringstream text;
+    text << "0x" << std::hex << std::uppercase << std::setfill('0') << std::setw(digits) << number;
+    return text.str();
 }
 
 void writeCard(std::ostream& out, int slot, const CardReport& card) {
@@ -28,7 +29,7 @@ void writeCard(std::ostream& out, int slot, const CardReport& card) {
         << " blocks, checksum " << card.imageChecksum << "\n";
     for (int i = 0; i < blocksShown(card); ++i) {
         const BlockReport& block = card.blocks[i];
-        out << "               at " << hexadecimal(block.address) << ": " << block.words
+        out << "               at " << hexadecimal(block.address, 4) << ": " << block.words
             << " words, checksum " << block.checksum << "\n";
     }
     out << "    buffers    " << card.handOvers << " handed over, " << card.served << " served, "
@@ -77,21 +78,22 @@ std::string reportText(const MachineReport& report) {
     char time[64];
     std::snprintf(time, sizeof(time), "%.3f s", static_cast<double>(report.elapsed_us) / 1e6);
     out << "  " << report.portAccesses << " port accesses in " << time << "; timeline "
-        << report.timeline << "\n";
+        << hexadecimal(report.timeline, 16) << "\n";
     return out.str();
 }
 
-std::string reportJson(const MachineReport& report) {
+std::string reportJson(const MachineReport& report, std::uint64_t seed) {
     Json cards = Json::array();
     for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
         if (report.cards[slot].channels != 0) {
             cards.push_back(cardJson(slot, report.cards[slot]));
         }
     }
-    const Json whole = {{"cards", cards},
+    const Json whole = {{"seed", seed},
+                        {"cards", cards},
                         {"portAccesses", report.portAccesses},
                         {"elapsedMicroseconds", report.elapsed_us},
-                        {"timeline", report.timeline}};
+                        {"timeline", hexadecimal(report.timeline, 16)}};
     return whole.dump(2) + "\n";
 }
 

@@ -2,13 +2,17 @@
 // seed in virtual time.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "model/Report.h"
 
 namespace cardsim {
 
+// Lines of text, each ending in a newline.
 std::string reportText(const MachineReport& report);
-std::string reportJson(const MachineReport& report);
+// A JSON document; the timeline stands in it as text, since it takes more bits than every reader of
+// JSON has for a number.
+std::string reportJson(const MachineReport& report, std::uint64_t seed);
 
 }  // namespace cardsim

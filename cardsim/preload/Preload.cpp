@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -27,7 +28,7 @@ namespace cardsim {
 
 namespace {
 
-constexpr int kTimeToEnd_ms = 3000;
+constexpr std::chrono::seconds kTimeToEnd{3};
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -61,6 +62,16 @@ SharedPage& mapSharedPage(const char* path, std::string& configuration) {
 bool claim(SharedPage& page) {
     int owner = 0;
     return page.owner.compare_exchange_strong(owner, getpid()) || owner == getpid();
+}
+
+// Lets machine time pass, signal handlers of the program or not, in a way that the traps do not
+// take for a sleep.
+void waitForReal(std::chrono::seconds duration) {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + duration;
+    while (Clock::now() < end) {
+        poll(nullptr, 0, 10);
+    }
 }
 
 class Speaker {
@@ -114,16 +125,13 @@ class PreloadedPc : public SimulatedPc {
         return options;
     }
 
-    // Ends the program and lets nothing happen to the cards from here on. The thread waits in a
-    // way that the traps do not take for a sleep.
+    // Ends the program and lets nothing happen to the cards from here on: the thread never returns.
     void switchOff() override {
         page.timeIsOver = true;
         kill(getpid(), SIGTERM);
-        poll(nullptr, 0, kTimeToEnd_ms);
+        waitForReal(kTimeToEnd);
         kill(getpid(), SIGKILL);
-        for (;;) {
-            pause();
-        }
+        waitForReal(std::chrono::hours(1));
     }
 
     SharedPage& page;

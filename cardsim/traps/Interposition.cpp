@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 
 #include "traps/Hardware.h"
 #include "traps/PortTrap.h"
@@ -44,6 +45,10 @@ Function* real(const char* name) {
     }())
 
 Hardware* hardwareAtFirstUse() {
+    // A thread that asks at the same time waits until the hardware is complete; whoever makes it
+    // may open files.
+    static std::recursive_mutex attaching;
+    const std::lock_guard<std::recursive_mutex> guard(attaching);
     if (attachedHardware() == nullptr) {
         if (auto* const attach = firstUse.exchange(nullptr)) {
             attach();
