@@ -3,11 +3,15 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <random>
 #include <stdexcept>
+#include <system_error>
 
 #include "scenario/FaultSyntax.h"
 #include "scenario/ScenarioFile.h"
@@ -18,13 +22,15 @@ namespace {
 
 constexpr int kUsageError = 2;
 constexpr const char* kUsage = "cardsim [OPTIONS] -- PROGRAM [ARG...]";
+constexpr double kShortestRun_s = 0.001;
 constexpr double kLongestRun_s = 10.0 * 365 * 86400;
 constexpr std::uint32_t kLongestPeriod_ms = 60'000;
 
 // The options as they stand on the command line.
 struct Given {
     std::string cards = "4";
-    std::optional<std::uint64_t> seed;
+    std::string seed;
+    std::string audio = "pattern";
     std::optional<double> seconds;
     std::string scenario;
     std::vector<std::string> faults;
@@ -32,14 +38,14 @@ struct Given {
 
 class HelpFormat : public CLI::Formatter {
   public:
-    HelpFormat() { column_width(26); }
+    HelpFormat() { column_width(28); }
     std::string make_usage(const CLI::App*, std::string) const override {
         return "Usage: " + std::string(kUsage) + "\n";
     }
 };
 
 std::string helpAtEnd() {
-    return "A fault: " + faultHelp() +
+    return "A fault is " + faultHelp() +
            "\n"
            "Examples:\n"
            "  cardsim --cards 4 --seconds 10 -- ../bin/main\n"
@@ -61,41 +67,43 @@ void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
     pc.virtualTime = false;
 
     app.add_option("--cards", given.cards,
-                   "Channels of the first and the second card: 4, 8 or none each, as in 4, 8,4 "
-                   "or none,8; 4 when not given")
+                   "channels of the first and the second card, 4, 8 or none each:\n"
+                   "4, or 4,8, or none,8 ...; 4 when not given")
         ->type_name("CARDS");
     app.add_option("--seed", given.seed,
-                   "What traffic and random faults follow from; a random one when not given")
+                   "what traffic and random faults follow from; chosen and shown\n"
+                   "when not given")
         ->type_name("N");
     app.add_option("--period-ms", pc.period_ms,
-                   "Time between two buffers of a card; 450 on a four-channel, 225 on an "
-                   "eight-channel card when not given")
-        ->check(CLI::Range(1u, kLongestPeriod_ms))
+                   "time between two buffers of a card; 450 with four, 225 with\n"
+                   "eight channels when not given")
+        ->check(CLI::Range(1u, kLongestPeriod_ms).description(""))
         ->type_name("N");
-    app.add_option("--seconds", given.seconds, "End PROGRAM after that time (0.5 is possible)")
-        ->check(CLI::Range(0.001, kLongestRun_s))
+    app.add_option("--seconds", given.seconds, "end PROGRAM after that time, 0.001 or more")
+        ->check(CLI::Range(kShortestRun_s, kLongestRun_s).description(""))
         ->type_name("N");
     app.add_flag("--virtual-time", pc.virtualTime,
-                 "Time passes only by what the thread that drives the cards sleeps, and by its "
-                 "port accesses: as fast as the machine allows, and the same every time");
-    app.add_option("--audio", pc.audio,
-                   "What the lines sound like: a pattern that shows every lost byte (the "
-                   "default), or something pleasant")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, AudioSource>{
-            {"pattern", AudioSource::kPattern}, {"pleasant", AudioSource::kPleasant}}))
+                 "time passes only by what the thread that drives the cards\n"
+                 "sleeps, and by 1 microsecond for each of its port accesses:\n"
+                 "as fast as the machine allows, and the same every time");
+    app.add_option("--audio", given.audio,
+                   "what the lines sound like: a pattern that shows every wrong byte\n"
+                   "(the default), or something pleasant, 8-bit PCM, 1333 bytes/s")
         ->type_name("pattern|pleasant");
     app.add_flag("--traffic", line.configuration.traffic,
-                 "Calls come and go on all lines by themselves");
-    app.add_option("--scenario", given.scenario, "What happens when on which line (TOML)")
+                 "calls come and go on all lines by themselves");
+    app.add_option("--scenario", given.scenario, "what happens when on which line, as TOML")
         ->type_name("FILE");
-    app.add_option("--fault", given.faults, "A fault of the cards, see below; may be repeated")
-        ->allow_extra_args(false)
+    app.add_option("--fault", given.faults, "what goes wrong, see below; may be given again")
+        ->expected(1)
+        ->take_all()
         ->type_name("FAULT");
-    app.add_option("--speaker", line.configuration.speakerFile, "Keep what card 0 plays, raw")
+    app.add_option("--speaker", line.configuration.speakerFile, "keep what card 0 plays, raw")
         ->type_name("FILE");
-    app.add_option("--report", line.reportFile, "Write the report at the end as JSON, too")
+    app.add_option("--report", line.reportFile, "write the report at the end as JSON as well")
         ->type_name("FILE");
-    app.set_version_flag("--version", "cardsim " CARDSIM_VERSION);
+    app.set_help_flag("-h,--help", "show this");
+    app.set_version_flag("--version", "cardsim " CARDSIM_VERSION, "show the version");
     app.formatter(std::make_shared<HelpFormat>());
     app.footer(helpAtEnd);
 }
@@ -117,9 +125,37 @@ void readCards(const std::string& text, int (&channels)[portMap::kMaxCards]) {
     channels[1] = comma == std::string::npos ? 0 : channelsFrom(text.substr(comma + 1));
 }
 
-// Random, but short enough to be typed again.
+std::uint64_t seedFrom(const std::string& text) {
+    std::uint64_t seed = 0;
+    const char* const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, seed);
+    if (read.ec != std::errc() || read.ptr != end) {
+        throw std::invalid_argument("--seed: \"" + text +
+                                    "\" is no whole number from 0 to 18446744073709551615");
+    }
+    return seed;
+}
+
+// Short enough to be typed again.
 std::uint64_t anySeed() {
     return std::random_device()() % 1'000'000;
+}
+
+AudioSource audioFrom(const std::string& text) {
+    if (text == "pattern") {
+        return AudioSource::kPattern;
+    }
+    if (text == "pleasant") {
+        return AudioSource::kPleasant;
+    }
+    throw std::invalid_argument("--audio: \"" + text + "\" is neither pattern nor pleasant");
+}
+
+// Makes the file anew and empty: a name that cannot be written shows before the program starts.
+void makeEmpty(const std::string& path) {
+    if (!path.empty() && !std::ofstream(path, std::ios::trunc)) {
+        throw std::system_error(errno, std::generic_category(), "cannot write " + path);
+    }
 }
 
 std::vector<Fault> faultsFrom(const std::vector<std::string>& texts,
@@ -143,7 +179,8 @@ void complete(CommandLine& line, const Given& given) {
         throw std::invalid_argument(std::string("no program given: ") + kUsage);
     }
     readCards(given.cards, pc.channels);
-    pc.seed = given.seed ? *given.seed : anySeed();
+    pc.seed = given.seed.empty() ? anySeed() : seedFrom(given.seed);
+    pc.audio = audioFrom(given.audio);
     pc.faults = faultsFrom(given.faults, pc.channels);
     if (!given.scenario.empty()) {
         configuration.events = readScenario(given.scenario);
@@ -161,6 +198,13 @@ void complete(CommandLine& line, const Given& given) {
         }
         configuration.speakerFile = std::filesystem::absolute(configuration.speakerFile);
     }
+    makeEmpty(configuration.speakerFile);
+    makeEmpty(line.reportFile);
+}
+
+int refuse(const std::string& why) {
+    std::cerr << "cardsim: " << why << "\nTry: cardsim --help\n";
+    return kUsageError;
 }
 
 }  // namespace
@@ -184,12 +228,9 @@ std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatu
     } catch (const CLI::Success& answer) {
         exitStatus = app.exit(answer);
     } catch (const CLI::ExtrasError& error) {
-        std::cerr << "cardsim: " << error.what() << "; the program goes behind --: " << kUsage
-                  << '\n';
-        exitStatus = kUsageError;
+        exitStatus = refuse(error.what() + std::string("; the program stands behind --"));
     } catch (const std::exception& error) {
-        std::cerr << "cardsim: " << error.what() << '\n';
-        exitStatus = kUsageError;
+        exitStatus = refuse(error.what());
     }
     return std::nullopt;
 }

@@ -93,13 +93,6 @@ class SharedFile {
     SharedPage* shared = nullptr;
 };
 
-// Makes the file anew and empty; a name that cannot be written shows before the program starts.
-void makeEmpty(const std::string& path) {
-    if (!path.empty() && !std::ofstream(path, std::ios::trunc)) {
-        fail(path);
-    }
-}
-
 std::string banner(const SimulatedPc::Options& pc) {
     std::string text;
     for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
@@ -142,8 +135,6 @@ int launch(const CommandLine& line) {
     if (line.end_ms && !pc.virtualTime) {
         settings.end = std::chrono::milliseconds(*line.end_ms);
     }
-    makeEmpty(line.configuration.speakerFile);
-    makeEmpty(line.reportFile);
     const SharedFile shared(line.configuration);
     settings.sharedPage = shared.path();
 

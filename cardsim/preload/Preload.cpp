@@ -190,6 +190,9 @@ void loseCardsInChild() {
 }
 
 __attribute__((constructor)) void prepare() {
+    // A program that is ended by a signal takes with it what it has buffered; so it writes line by
+    // line, as on a terminal.
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     onFirstUse(attach);
     pthread_atfork(nullptr, nullptr, loseCardsInChild);
 }
