@@ -5,15 +5,11 @@
 #include <jni.h>
 
 #include <algorithm>
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <random>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "javaint/MessageDispatcher.h"
@@ -40,32 +36,26 @@ JavaArray& in(jarray array) {
 
 // The VM's state; one for the process, as the functions that the VM offers carry none.
 struct JavaVm {
-    std::mutex mutex;
     std::vector<std::unique_ptr<JavaArray>> arrays;
     int arraysToRefuse = 0;
     bool elementsRefused = false;
     bool throwsOnNewArray = false;
-    std::atomic<bool> exceptionPending{false};
-    std::atomic<int> elementsHeld{0};
+    bool exceptionPending = false;
+    int elementsHeld = 0;
 } vm;
 
 JavaArray* makeArray(std::vector<jbyte> bytes) {
-    const std::lock_guard lock(vm.mutex);
     vm.arrays.push_back(std::make_unique<JavaArray>());
     vm.arrays.back()->bytes = std::move(bytes);
     return vm.arrays.back().get();
-}
-
-bool refuseArray() {
-    const std::lock_guard lock(vm.mutex);
-    return vm.arraysToRefuse > 0 && vm.arraysToRefuse-- > 0;
 }
 
 jbyteArray JNICALL newByteArray(JNIEnv*, jsize length) {
     if (vm.throwsOnNewArray) {
         throw std::runtime_error("broken");
     }
-    if (refuseArray()) {
+    if (vm.arraysToRefuse > 0) {
+        --vm.arraysToRefuse;
         vm.exceptionPending = true;
         return nullptr;
     }
@@ -259,39 +249,6 @@ TEST_F(JavaBridge, SurvivesRandomCommands) {
         types.push_back(command->getType());
     }
     EXPECT_EQ(types, expectedTypes);
-}
-
-TEST_F(JavaBridge, HandsEachEventToOneOfSeveralThreads) {
-    constexpr int kEvents = 4000;
-    constexpr int kFirst = 1000;  // every event is named by a number of four digits
-    for (int i = 0; i < kEvents; ++i) {
-        dispatcher().addPacketToSendQueue(
-            new DTMFPacket(std::to_string(kFirst + i).c_str(), 4, i % 16));
-    }
-    vm.arraysToRefuse = 100;
-    std::mutex mutex;
-    std::multiset<std::string> seen;
-    linesOf([&] {
-        std::vector<std::thread> pollers;
-        for (int t = 0; t < 4; ++t) {
-            pollers.emplace_back([&] {
-                for (int empty = 0; empty < 200;) {
-                    const Bytes frame = getPacket();
-                    if (frame.empty()) {
-                        ++empty;
-                        continue;
-                    }
-                    const std::lock_guard lock(mutex);
-                    seen.emplace(frame.begin() + 13, frame.end());
-                }
-            });
-        }
-        for (std::thread& poller : pollers) {
-            poller.join();
-        }
-    });
-    EXPECT_EQ(seen.size(), static_cast<std::size_t>(kEvents));
-    EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), seen.size());
 }
 
 }  // namespace

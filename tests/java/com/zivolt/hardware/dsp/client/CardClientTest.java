@@ -91,12 +91,4 @@ class CardClientTest {
         assertEquals(Optional.of(new CardEvent.CallStarted(Instant.EPOCH, 5)),
                 client.poll(Duration.ofDays(1)));
     }
-
-    @Test
-    void switchesReachTheDriver() {
-        client.start();
-        client.monitor(15);
-        client.stopMonitoring();
-        assertEquals(List.of("initialize", "monitor 15", "monitor -1"), bridge.switches);
-    }
 }

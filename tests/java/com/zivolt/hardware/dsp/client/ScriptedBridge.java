@@ -13,17 +13,6 @@ final class ScriptedBridge extends CPPBridge {
 
     final Deque<byte[]> frames = new ArrayDeque<>();
     final List<Command> commands = new ArrayList<>();
-    final List<String> switches = new ArrayList<>();
-
-    @Override
-    public void initialize() {
-        switches.add("initialize");
-    }
-
-    @Override
-    public void setMonitoring(int monitorChannel) {
-        switches.add("monitor " + monitorChannel);
-    }
 
     @Override
     public byte[] getPacket() {

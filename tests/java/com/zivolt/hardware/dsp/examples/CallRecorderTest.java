@@ -38,6 +38,7 @@ class CallRecorderTest {
             recorder.handle(audio(2));
             recorder.handle(new CardEvent.CallEnded(at(3), 6));
             recorder.handle(audio(3));  // after the call
+            recorder.handle(new CardEvent.CallerIdentified(at(4), 6, "555"));  // hangs up
             recorder.handle(new CardEvent.CallStarted(at(100), 6));
             recorder.handle(new CardEvent.CallStarted(at(100), 0));  // no line of that card
             recorder.handle(audio(101));
@@ -56,27 +57,6 @@ class CallRecorderTest {
         byte[] recorded = Files.readAllBytes(folder.resolve("line06-20240506-070810-123.raw"));
         assertEquals(600, recorded.length);
         assertArrayEquals(line6, Arrays.copyOf(recorded, 300));
-    }
-
-    @Test
-    void continuesALogAndNeverOverwritesARecording() throws IOException {
-        for (int run = 0; run < 2; ++run) {
-            try (CallRecorder recorder = new CallRecorder(folder, news::add)) {
-                recorder.handle(new CardEvent.CallStarted(at(0), 1));
-            }
-        }
-        assertTrue(Files.exists(folder.resolve("line01-20240506-070809-123.raw")));
-        assertTrue(Files.exists(folder.resolve("line01-20240506-070809-123-2.raw")));
-        assertEquals(3, Files.readAllLines(folder.resolve("calls.csv")).size());
-    }
-
-    @Test
-    void forgetsACallerWhoseCallNeverCame() throws IOException {
-        try (CallRecorder recorder = new CallRecorder(folder, news::add)) {
-            recorder.handle(new CardEvent.CallerIdentified(at(0), 1, "555"));
-            recorder.handle(new CardEvent.CallStarted(at(61), 1));
-        }
-        assertTrue(Files.readString(folder.resolve("calls.csv")).contains("Z,,,0,"));
     }
 
     @Test

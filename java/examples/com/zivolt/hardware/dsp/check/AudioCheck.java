@@ -1,4 +1,4 @@
-package com.zivolt.hardware.dsp.cards;
+package com.zivolt.hardware.dsp.check;
 
 import com.zivolt.hardware.dsp.client.BadFrameException;
 import com.zivolt.hardware.dsp.client.CardClient;
@@ -17,6 +17,12 @@ public final class AudioCheck {
     private AudioCheck() {
     }
 
+    /**
+     * Runs the check and ends the process with its exit status.
+     *
+     * @param args number of transfers, number of cards
+     * @throws InterruptedException never, as nobody interrupts
+     */
     public static void main(String[] args) throws InterruptedException {
         try {
             long transfers = args.length > 0 ? Long.parseLong(args[0]) : 100_000;

@@ -1,4 +1,4 @@
-package com.zivolt.hardware.dsp.cards;
+package com.zivolt.hardware.dsp.check;
 
 import com.zivolt.hardware.dsp.client.AudioBlock;
 
