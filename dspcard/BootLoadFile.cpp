@@ -65,7 +65,7 @@ bool BootLoadFile::skipHeader() {
     constexpr auto kAll = std::numeric_limits<std::streamsize>::max();
     for (int line = 0; line < 2; ++line) {
         file.ignore(kAll, '\n');
-        if (file.eof()) {
+        if (!file.good()) {
             return false;
         }
     }

@@ -30,10 +30,12 @@ class BootLoadFile {
 
     // False when there is no such file, or it is none that can be read, such as a directory.
     bool isOpen() const { return file.is_open(); }
-    // Skips the two header lines; false when the file ends before them.
+    // Skips the two header lines; false when the file ends before them or cannot be read.
     bool skipHeader();
-    // Reads the next record; false at the end of the file, also when the last record is not whole.
+    // Reads the next record; false at the end of the file, also when the last record is not whole,
+    // and when the file cannot be read further.
     bool readRecord(Record& record);
+    bool hasReadError() const { return file.bad(); }
     // The number of the record read last, the first being 1.
     int recordNumber() const { return recordsRead; }
 

@@ -4,6 +4,8 @@
 
 #include <ptypes.h>
 
+#include <cerrno>
+#include <iostream>
 #include <ostream>
 #include <sstream>
 
@@ -28,3 +30,9 @@ class ConsoleLine {
     std::ostream& out;
     std::ostringstream text;
 };
+
+// A line on standard error: the text, and the number of the error that the last call left.
+inline void reportErrno(const char* text) {
+    const int number = errno;
+    ConsoleLine(std::cerr) << text << number;
+}

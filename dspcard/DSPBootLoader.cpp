@@ -82,11 +82,9 @@ bool DSPBootloader::sendSections(const char* bootFileName) {
         ConsoleLine(std::cerr) << "Cannot open file " << bootFileName;
         return false;
     }
-    if (!loadFile.skipHeader()) {
-        return false;
-    }
     BootLoadFile::Record record;
-    while (loadFile.readRecord(record)) {
+    const bool hasHeader = loadFile.skipHeader();
+    while (hasHeader && loadFile.readRecord(record)) {
         if (!record.isValid()) {
             ConsoleLine(std::cerr)
                 << bootFileName << ": record " << loadFile.recordNumber() << ": " << record.problem;
@@ -97,7 +95,12 @@ bool DSPBootloader::sendSections(const char* bootFileName) {
             return false;
         }
     }
-    return true;
+    if (loadFile.hasReadError()) {
+        ConsoleLine(std::cerr) << bootFileName << ": cannot be read after record "
+                               << loadFile.recordNumber();
+        return false;
+    }
+    return hasHeader;
 }
 
 bool DSPBootloader::bootSection(unsigned long addr, int size, const char* sectionFileName) {

@@ -22,7 +22,7 @@ class DSPBootloader {
 
     // Resets the DSP, sends the header and every block of the load file and writes the register
     // defaults. The DSP then waits for a further block. False at the first failure; a card that
-    // does not answer fails within 200 ms of processor time.
+    // does not answer fails once 200 ms of processor time have passed.
     bool bootload(const char* bootFileName);
     // Ends the table. True even if the DSP did not take it.
     bool startDSP();

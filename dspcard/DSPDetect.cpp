@@ -4,7 +4,6 @@
 #include <pasync.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <iostream>
 
 #include "CardMemory.h"
@@ -59,7 +58,7 @@ bool DSPDetect::isPresent(void*, int brd) {
 
 bool DSPDetect::portTest(int brd) {
     if (!openPortDevice()) {
-        ConsoleLine(std::cerr) << "Couldn't access /dev/port errno=" << errno;
+        reportErrno("Couldn't access /dev/port errno=");
         return false;
     }
     ConsoleLine(std::cout) << "Doing port test for board " << brd;
@@ -98,9 +97,10 @@ int DSPDetect::echoOf(unsigned char pattern, int basePort) {
 }
 
 int DSPDetect::numChannels(int brd) {
+    closePortDevice();
     ConsoleLine(std::cerr) << "numChannels opening /dev/port";
     if (!openPortDevice()) {
-        ConsoleLine(std::cerr) << "Couldn't access /dev/port errno=" << errno;
+        reportErrno("Couldn't access /dev/port errno=");
         ConsoleLine(std::cerr) << "no Dev port so returning 0 channels";
         return 0;
     }
@@ -139,11 +139,11 @@ bool DSPDetect::memTest(void*, int) {
 int DSPDetect::readPort(int portNum) {
     signed char value = 0;
     if (lseek(portFd, portNum, SEEK_SET) == -1) {
-        ConsoleLine(std::cerr) << "lseek failed errno=" << errno;
+        reportErrno("lseek failed errno=");
         return -1;
     }
     if (read(portFd, &value, 1) == -1) {
-        ConsoleLine(std::cerr) << "read failed errno=" << errno;
+        reportErrno("read failed errno=");
         return -1;
     }
     return value;
@@ -152,11 +152,11 @@ int DSPDetect::readPort(int portNum) {
 void DSPDetect::writePort(short value, int portNum) {
     const auto lowByte = static_cast<unsigned char>(value & 0xFF);
     if (lseek(portFd, portNum, SEEK_SET) == -1) {
-        ConsoleLine(std::cerr) << "writePort: lseek failed errno=" << errno;
+        reportErrno("writePort: lseek failed errno=");
         return;
     }
     if (write(portFd, &lowByte, 1) == -1) {
-        ConsoleLine(std::cerr) << "writePort:write failed errno=" << errno;
+        reportErrno("writePort:write failed errno=");
     }
 }
 

@@ -4,7 +4,6 @@
 #include <sys/io.h>
 #include <sys/mman.h>
 
-#include <cerrno>
 #include <iostream>
 #include <mutex>
 
@@ -30,7 +29,7 @@ DirectIO& DirectIO::getInstance() {
 void DirectIO::allowPortAccess() {
     hasAskedForPorts = true;
     if (ioperm(kBasePortBoard0, kNumCardPorts, 1) == -1) {
-        ConsoleLine(std::cerr) << "failed to allow port access, errno=" << errno;
+        reportErrno("failed to allow port access, errno=");
         return;
     }
     portsEnabled = true;
@@ -60,7 +59,7 @@ void* DirectIO::mapMemory(unsigned long baseAddr, unsigned long length) {
     void* const mapping = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
                                static_cast<off_t>(baseAddr));
     if (mapping == MAP_FAILED) {
-        ConsoleLine(std::cerr) << "mmap failed errno=" << errno;
+        reportErrno("mmap failed errno=");
         return nullptr;
     }
     baseMemory = mapping;
@@ -73,7 +72,7 @@ void DirectIO::unmapMemory() {
         return;
     }
     if (munmap(baseMemory, memoryLength) < 0) {
-        ConsoleLine(std::cerr) << "Munmap failed! errno=" << errno;
+        reportErrno("Munmap failed! errno=");
     }
     baseMemory = nullptr;
     memoryLength = 0;
