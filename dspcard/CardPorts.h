@@ -1,5 +1,5 @@
-// The I/O ports of the cards: where their registers are and what goes into them. All registers are
-// 16-bit words at even offsets from a card's base port.
+// The I/O ports of the cards: where their registers are and what goes into them. Registers are
+// 16-bit words at even offsets from a card's base port; detection touches their low bytes only.
 #pragma once
 
 #include <cstdint>

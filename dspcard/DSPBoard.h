@@ -36,7 +36,8 @@ class DSPBoard {
     virtual bool readVOXTrigger(int channel);
     // The level word that makes the DSP trigger as wanted; 0 for a value that is no TriggerType.
     virtual std::uint16_t getTriggerLevel(TriggerType tType);
-    // Loads the firmware and starts the DSP; false when the card did not take it.
+    // Loads the firmware and starts the DSP; false when the firmware could not be read or the card
+    // did not take it.
     virtual bool bootload();
 
     int getNumChannels() const { return numChannels; }

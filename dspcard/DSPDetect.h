@@ -21,7 +21,8 @@ class DSPDetect {
     // Whether the card answers at its data port. Resets its DSP.
     bool portTest(int brd);
     bool isPresent(void* vmem, int brd);
-    // 8, 4, or 0 when it cannot be told.
+    // 8, 4, or 0 when /dev/port cannot be opened or brd is no board. A status port that cannot be
+    // read counts as 8.
     int numChannels(int brd);
 
     // Checks beyond detection, for diagnosis. vmem is the mapped memory of both cards.

@@ -38,7 +38,8 @@ class DSPTransferBoard : public DSPBoard {
 
     // Copies the whole of a card buffer into the host copy.
     void transferBufferFromCard(Transfer* buffer, int bufferNumber);
-    // Writes the command block of the host copy, if it has a command, or else its playback audio.
+    // Writes the command block of the host copy, if it has a command, or else its playback audio
+    // to a card that is sent any.
     void transferBufferToCard(Transfer* buffer, int bufferNumber);
     // Fills the playback audio of the host copy, and nothing else, with the silence pattern.
     void fillWithSilence(Transfer* buffer);
@@ -58,7 +59,7 @@ class DSPTransferBoard : public DSPBoard {
     Transfer otherBuffer{};   // what goes into the card's other buffer
 
   private:
-    // One more millisecond of delay with every other command of this kind of card.
+    // One more millisecond of delay at every other application of settings by this kind of card.
     inline static bool alternateLineSettings = false;
 
     const Card& card() const { return static_cast<const Card&>(*this); }

@@ -257,6 +257,14 @@ TEST_F(BootLoader, TakesWhatLoadFilesMayHoldAndNamesWhatTheyMayNot) {
     }
 }
 
+TEST_F(BootLoader, FailsOnALoadFileThatCannotBeReadToItsEnd) {
+    // A regular file whose first read fails.
+    std::filesystem::create_symlink("/proc/self/mem", "LOAD.TXT");
+    EXPECT_FALSE(boot());
+    EXPECT_THAT(console.err, HasSubstr("LOAD.TXT: cannot be read after record 0\n"));
+    EXPECT_TRUE(cards.writes().back() == (PortAccess{true, base + 2, 0x1A})) << "no defaults";
+}
+
 TEST_F(BootLoader, SendsLongSectionsWholeAndClosesItsFiles) {
     const auto openFiles = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
