@@ -30,7 +30,7 @@ import picocli.CommandLine.Spec;
 import picocli.CommandLine.TypeConversionException;
 
 /** Records every call of every line to a file of its own, with a call log. */
-@Command(name = "LineRecorder", mixinStandardHelpOptions = false, sortOptions = false,
+@Command(name = "LineRecorder", sortOptions = false,
         usageHelpWidth = 100,
         description = {
             "Records every call of every line to a file of its own, in the card's own encoding,",
