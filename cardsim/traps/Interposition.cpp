@@ -143,7 +143,7 @@ bool openDevice(const char* path, int& fd) {
 }
 
 mode_t modeArgument(int flags, va_list arguments) {
-    const bool creates = (flags & (O_CREAT | O_TMPFILE)) != 0;
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return creates ? static_cast<mode_t>(va_arg(arguments, int)) : mode_t{0};
 }
 
@@ -153,9 +153,16 @@ bool sleptAlready(std::uint64_t microseconds) {
     return hardware != nullptr && drivesCards() && hardware->sleep(microseconds);
 }
 
-std::uint64_t microsecondsOf(const timespec& time) {
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
+// The same; a time that makes no sense is left to the machine to refuse. What is shorter than a
+// microsecond counts as one, so that time passes.
+bool sleptAlready(const timespec* wanted) {
+    constexpr long kNanosecondsOfSecond = 1'000'000'000;
+    if (attachedHardware() == nullptr || wanted == nullptr || wanted->tv_sec < 0 ||
+        wanted->tv_nsec < 0 || wanted->tv_nsec >= kNanosecondsOfSecond) {
+        return false;
+    }
+    return sleptAlready(static_cast<std::uint64_t>(wanted->tv_sec) * 1'000'000 +
+                        static_cast<std::uint64_t>(wanted->tv_nsec + 999) / 1000);
 }
 
 }  // namespace
@@ -218,8 +225,13 @@ ssize_t read(int fd, void* buffer, std::size_t count) {
     return isPortDescriptor(fd) ? readPorts(fd, buffer, count) : REAL(read)(fd, buffer, count);
 }
 
-ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t) {
-    return read(fd, buffer, count);
+ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) {
+    if (isPortDescriptor(fd) && count <= length) {
+        return readPorts(fd, buffer, count);
+    }
+    using ReadChecked = ssize_t(int, void*, std::size_t, std::size_t);
+    static auto* const checked = real<ReadChecked>("__read_chk");
+    return checked(fd, buffer, count, length);
 }
 
 ssize_t write(int fd, const void* buffer, std::size_t count) {
@@ -243,12 +255,12 @@ unsigned sleep(unsigned seconds) {
 }
 
 int nanosleep(const timespec* wanted, timespec* left) {
-    return sleptAlready(microsecondsOf(*wanted)) ? 0 : REAL(nanosleep)(wanted, left);
+    return sleptAlready(wanted) ? 0 : REAL(nanosleep)(wanted, left);
 }
 
 int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec* left) {
     const bool relative = (flags & TIMER_ABSTIME) == 0;
-    if (relative && sleptAlready(microsecondsOf(*wanted))) {
+    if (relative && sleptAlready(wanted)) {
         return 0;
     }
     return REAL(clock_nanosleep)(clock, flags, wanted, left);

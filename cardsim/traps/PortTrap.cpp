@@ -98,7 +98,8 @@ void installHandler() {
 }  // namespace
 
 int setPortPermission(unsigned long from, unsigned long count, bool on) {
-    if (from < kFirstPort || count > kNumPorts || from + count > kFirstPort + kNumPorts) {
+    const bool startsInside = from >= kFirstPort && from < kFirstPort + kNumPorts;
+    if (!startsInside || count == 0 || count > kFirstPort + kNumPorts - from) {
         errno = EINVAL;
         return -1;
     }

@@ -117,7 +117,8 @@ TEST_F(Traps, GivePermissionToThePortsAndTheThreadThatAskedForThem) {
     EXPECT_EQ(EPERM, errno);
     hardware.portsErrno = 0;
     for (const auto& [from, count] :
-         {std::pair(0x2FFul, 2ul), std::pair(0x300ul, 33ul), std::pair(0x31Ful, ~0ul)}) {
+         {std::pair(0x2FFul, 2ul), std::pair(0x300ul, 33ul), std::pair(0x31Ful, ~0ul),
+          std::pair(0x300ul, 0ul), std::pair(~0ul - 5, 10ul)}) {
         EXPECT_EQ(-1, ioperm(from, count, 1));
         EXPECT_EQ(EINVAL, errno);
     }
@@ -273,8 +274,12 @@ TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
     EXPECT_EQ(0, nanosleep(&time, nullptr));
     EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr));
     std::this_thread::sleep_for(std::chrono::hours(1));
-    const std::vector<std::uint64_t> expected = {5, 3'000'000, 2'345'678, 2'345'678, 3'600'000'000};
+    const std::vector<std::uint64_t> expected = {5, 3'000'000, 2'345'679, 2'345'679, 3'600'000'000};
     EXPECT_EQ(expected, hardware.slept);
+    for (const timespec& nonsense : {timespec{-1, 0}, {0, -1}, {0, 2'000'000'000}}) {
+        EXPECT_EQ(-1, nanosleep(&nonsense, nullptr));
+        EXPECT_EQ(EINVAL, errno);
+    }
     // Until a time, and on other threads, it is the machine's time that passes.
     const timespec past{0, 0};
     EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past, nullptr));
