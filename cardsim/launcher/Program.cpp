@@ -47,9 +47,11 @@ void prepend(const char* variable, const std::string& value, const char* separat
 void setEnvironment(const ProgramSettings& settings) {
     prepend("LD_PRELOAD", settings.preloadLibrary, ":");
     setenv(kSharedPageVariable, settings.sharedPage.c_str(), 1);
-    // A program built with the address sanitizer insists on being first in line otherwise. What
-    // the user has set comes later and wins.
+    // Programs built with sanitizers: the one for addresses insists on being first in line; the one
+    // for threads takes the cards' work for that of a signal that may come at any time, but it
+    // comes at the program's port instructions alone. What the user has set comes later and wins.
     prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ":");
+    prepend("TSAN_OPTIONS", "report_signal_unsafe=0", ":");
 }
 
 // In the child: becomes the program, or tells the launcher through the pipe why not.
@@ -121,19 +123,28 @@ int exitStatusOf(int status) {
     return WIFSIGNALED(status) ? kKilled + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-ProgramEnd waitFor(pid_t child, std::optional<milliseconds> end) {
+// Whoever has the cards may be a process that the program has started.
+void pass(int signal, pid_t child, const ProgramSettings& settings) {
+    const pid_t owner = settings.cardOwner->load();
+    if (owner != 0 && owner != child) {
+        kill(owner, signal);
+    }
+    kill(child, signal);
+}
+
+ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
     std::optional<Clock::time_point> deadline;
-    if (end) {
-        deadline = Clock::now() + *end;
+    if (settings.end) {
+        deadline = Clock::now() + *settings.end;
     }
     bool wasEnded = false;
     int status = 0;
     while (waitpid(child, &status, WNOHANG) != child) {
         const int signal = nextSignal(deadline);
         if (signal == SIGTERM || signal == SIGHUP) {
-            kill(child, signal);
+            pass(signal, child, settings);
         } else if (signal == 0) {
-            kill(child, wasEnded ? SIGKILL : SIGTERM);
+            pass(wasEnded ? SIGKILL : SIGTERM, child, settings);
             wasEnded = true;
             deadline = Clock::now() + kTimeToEnd;
         }
@@ -151,7 +162,7 @@ ProgramEnd run(const ProgramSettings& settings) {
     const pid_t child = start(settings, before);
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
-    return waitFor(child, settings.end);
+    return waitFor(child, settings);
 }
 
 }  // namespace cardsim
