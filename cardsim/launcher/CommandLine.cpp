@@ -187,6 +187,9 @@ void complete(CommandLine& line, const Given& given) {
         checkScenario(configuration.events, pc.channels);
     }
     if (given.seconds) {
+        if (!std::isfinite(*given.seconds)) {
+            throw std::invalid_argument("--seconds: that is no number of seconds");
+        }
         line.end_ms = static_cast<std::uint64_t>(std::llround(*given.seconds * 1000));
     }
     if (pc.virtualTime) {

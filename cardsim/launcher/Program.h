@@ -1,6 +1,7 @@
 // The program that runs on the simulated cards: a child process of the launcher.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -17,7 +18,8 @@ struct CannotStart {
 struct ProgramSettings {
     std::vector<std::string> command;  // looked up in the PATH
     std::string preloadLibrary;
-    std::string sharedPage;  // path by which the program's processes reach it
+    std::string sharedPage;                       // path by which the program's processes reach it
+    const std::atomic<int>* cardOwner = nullptr;  // process that has the cards; 0: none yet
     // After that long it is told to end, a little later killed; nothing: never.
     std::optional<std::chrono::milliseconds> end;
 };
@@ -28,7 +30,8 @@ struct ProgramEnd {
 };
 
 // Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone,
-// SIGTERM and SIGHUP are passed on to it; afterwards they stay like that. Should the launcher be
+// SIGTERM and SIGHUP are passed on to it and to the process that has the cards, which a script may
+// have started; afterwards they stay like that. Should the launcher be
 // killed, the program is told to end. Throws CannotStart.
 ProgramEnd run(const ProgramSettings& settings);
 

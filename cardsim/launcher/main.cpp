@@ -137,6 +137,7 @@ int launch(const CommandLine& line) {
     }
     const SharedFile shared(line.configuration);
     settings.sharedPage = shared.path();
+    settings.cardOwner = &shared.page().owner;
 
     std::cerr << banner(pc);
     const ProgramEnd end = run(settings);
