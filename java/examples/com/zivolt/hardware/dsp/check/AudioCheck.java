@@ -58,8 +58,8 @@ public final class AudioCheck {
                 System.out.println("AudioCheck: " + nonsense.getMessage());
             }
         }
-        System.out.printf("AudioCheck: %s, %d errors, %.1f s%n", checker, errors,
-                (System.nanoTime() - start) / 1e9);
+        System.out.println("AudioCheck: %s, %d errors, %.1f s".formatted(checker, errors,
+                (System.nanoTime() - start) / 1e9));
         return checker.transfers() == transfers && checker.cards() == cards && checker.allWell()
                 && errors == 0;
     }

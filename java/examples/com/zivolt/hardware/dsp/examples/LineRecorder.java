@@ -7,7 +7,6 @@ import com.zivolt.hardware.dsp.client.LineSetting;
 import com.zivolt.hardware.dsp.client.LineSettings;
 import com.zivolt.hardware.dsp.client.Trigger;
 import java.io.IOException;
-import java.io.PrintStream;
 import java.nio.file.FileSystemException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -23,10 +22,8 @@ import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
-import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
-import picocli.CommandLine.Spec;
 import picocli.CommandLine.TypeConversionException;
 
 /** Records every call of every line to a file of its own, with a call log. */
@@ -87,9 +84,7 @@ public final class LineRecorder implements Callable<Integer> {
     @Option(names = "--help", usageHelp = true, description = "Show this text.")
     private boolean help;
 
-    @Spec
-    private CommandSpec command;
-
+    private final CommandLine command = new CommandLine(this);
     private final CountDownLatch closed = new CountDownLatch(1);
     private volatile boolean stopping;
 
@@ -102,7 +97,7 @@ public final class LineRecorder implements Callable<Integer> {
      * @param args see {@code --help}
      */
     public static void main(String[] args) {
-        System.exit(new CommandLine(new LineRecorder())
+        System.exit(new LineRecorder().command
                 .registerConverter(Trigger.class, text -> constant(Trigger.class, text))
                 .registerConverter(Beep.class, text -> constant(Beep.class, text))
                 .setExecutionExceptionHandler(LineRecorder::explain)
@@ -176,18 +171,18 @@ public final class LineRecorder implements Callable<Integer> {
     }
 
     private int summary(CallRecorder recorder) {
-        PrintStream out = System.out;
-        out.printf("recorder: %d calls recorded into %s%n", recorder.calls(),
-                folder.toAbsolutePath().normalize());
+        RecorderView view = new RecorderView.Plain(System.out);
+        view.news("%d calls recorded into %s".formatted(recorder.calls(),
+                folder.toAbsolutePath().normalize()));
         if (recorder.cardErrors() > 0) {
-            out.printf("recorder: the cards reported %d errors; recordings may have gaps%n",
-                    recorder.cardErrors());
+            view.news("the cards reported %d errors; recordings may have gaps"
+                    .formatted(recorder.cardErrors()));
         }
         if (recorder.failures() > 0) {
-            out.printf("recorder: %d times a file could not be written%n", recorder.failures());
+            view.news("%d times a file could not be written".formatted(recorder.failures()));
         }
         if (!recorder.audioHeard()) {
-            out.printf("recorder: no audio came from the cards%n");
+            view.news("no audio came from the cards");
         }
         return recorder.audioHeard() && recorder.failures() == 0 ? 0 : 1;
     }
@@ -215,7 +210,7 @@ public final class LineRecorder implements Callable<Integer> {
             builder.allLines(new LineSetting(trigger, beep, delay));
             lines.forEach((channel, text) -> builder.line(channel, lineSetting(text)));
         } catch (IllegalArgumentException | TypeConversionException wrong) {
-            throw new ParameterException(command.commandLine(), wrong.getMessage());
+            throw new ParameterException(command, wrong.getMessage());
         }
         return builder.build();
     }
@@ -233,7 +228,7 @@ public final class LineRecorder implements Callable<Integer> {
 
     private void requireRange(String option, Number value, long lowest, long highest) {
         if (value != null && (value.longValue() < lowest || value.longValue() > highest)) {
-            throw new ParameterException(command.commandLine(), "%s takes %d to %d, not %d"
+            throw new ParameterException(command, "%s takes %d to %d, not %d"
                     .formatted(option, lowest, highest, value.longValue()));
         }
     }

@@ -15,12 +15,12 @@ sealed interface RecorderView {
 
     /**
      * News as plain lines, marked so that they can be told from the driver's own, which go to the
-     * same console.
+     * same console; each is written whole, so that these do not come between.
      */
     record Plain(PrintStream out) implements RecorderView {
         @Override
         public void news(String text) {
-            out.print("recorder: " + printable(text) + "\n");  // whole lines only
+            out.print("recorder: " + printable(text) + "\n");
             out.flush();
         }
 
@@ -62,7 +62,8 @@ sealed interface RecorderView {
             }
             painted = now;
             StringBuilder screen = new StringBuilder(CLEAR);
-            screen.append("line  state      caller                digits                     bytes\n");
+            screen.append(
+                    "line  state      caller                digits                     bytes\n");
             for (RecordedLine line : lines) {
                 screen.append("%4d  %-9s  %-20.20s  %-20.20s  %9d%n".formatted(line.channel(),
                         line.callFile() != null ? "RECORDING" : "idle", printable(line.caller()),
