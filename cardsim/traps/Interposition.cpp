@@ -44,6 +44,13 @@ Function* real(const char* name) {
         return function;                                            \
     }())
 
+// A sanitizer opens files where it cannot bear a look-up.
+[[gnu::constructor]] void lookUpEarly() {
+    REAL(open);
+    REAL(read);
+    REAL(close);
+}
+
 Hardware* hardwareAtFirstUse() {
     // A thread that asks at the same time waits until the hardware is complete; whoever makes it
     // may open files.
