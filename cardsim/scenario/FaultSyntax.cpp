@@ -163,9 +163,9 @@ std::string faultHelp() {
     help << "KIND[:FIELD][@WHEN][/CARD]\n"
             "KIND is one of\n";
     for (const Kind& kind : kKinds) {
-        help << "  " << std::left << std::setw(16) << kind.name << kind.description << '\n';
+        help << "  " << std::left << std::setw(17) << kind.name << kind.description << '\n';
     }
-    help << "FIELD, for nonsense: " << namesOf(kFields)
+    help << "FIELD, for nonsense, is one of\n  " << namesOf(kFields)
          << "\n"
             "WHEN: N once, at the Nth opportunity; N+ from it on; N-M from the Nth to the Mth;\n"
             "      P% at random, at each opportunity; without it always\n"
