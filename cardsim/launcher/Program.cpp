@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 
 #include "config/SharedPage.h"
@@ -123,13 +125,50 @@ int exitStatusOf(int status) {
     return WIFSIGNALED(status) ? kKilled + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// Whoever has the cards may be a process that the program has started.
-void pass(int signal, pid_t child, const ProgramSettings& settings) {
+// 0 when the process has ended.
+pid_t parentOf(pid_t process) {
+    std::string status;
+    std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), status);
+    const std::size_t nameEnd = status.rfind(')');  // "PID (NAME) STATE PARENT ..."
+    char state = 0;
+    pid_t parent = 0;
+    if (nameEnd != std::string::npos) {
+        std::istringstream(status.substr(nameEnd + 1)) >> state >> parent;
+    }
+    return state == 'Z' ? 0 : parent;
+}
+
+// The process that has the cards, when the program has started it; 0 when there is none. What a
+// program left in the shared page may be the number of a stranger by now: only a process that
+// descends from the launcher counts.
+pid_t ownerBelow(const ProgramSettings& settings) {
     const pid_t owner = settings.cardOwner->load();
+    pid_t ancestor = owner > 0 ? parentOf(owner) : 0;
+    while (ancestor > 0 && ancestor != getpid()) {
+        ancestor = parentOf(ancestor);
+    }
+    return ancestor == getpid() ? owner : 0;
+}
+
+void pass(int signal, pid_t child, const ProgramSettings& settings) {
+    const pid_t owner = ownerBelow(settings);
     if (owner != 0 && owner != child) {
         kill(owner, signal);
     }
-    kill(child, signal);
+    if (child != 0) {
+        kill(child, signal);
+    }
+}
+
+// Takes note of all that have ended; child becomes 0 when it is among them, with its status.
+void reap(pid_t& child, int& status) {
+    int ended = 0;
+    for (pid_t process = 1; (process = waitpid(-1, &ended, WNOHANG)) > 0;) {
+        if (process == child) {
+            status = ended;
+            child = 0;
+        }
+    }
 }
 
 ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
@@ -137,19 +176,23 @@ ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
     if (settings.end) {
         deadline = Clock::now() + *settings.end;
     }
-    bool wasEnded = false;
+    int ending = 0;  // the last signal that the end of the time has sent
     int status = 0;
-    while (waitpid(child, &status, WNOHANG) != child) {
+    while (true) {
+        reap(child, status);
+        const bool ownerIsLeft = ending != 0 && ownerBelow(settings) != 0;
+        if (child == 0 && !ownerIsLeft) {
+            return {exitStatusOf(status), ending != 0};
+        }
         const int signal = nextSignal(deadline);
         if (signal == SIGTERM || signal == SIGHUP) {
             pass(signal, child, settings);
         } else if (signal == 0) {
-            pass(wasEnded ? SIGKILL : SIGTERM, child, settings);
-            wasEnded = true;
+            ending = ending == 0 ? SIGTERM : SIGKILL;
+            pass(ending, child, settings);
             deadline = Clock::now() + kTimeToEnd;
         }
     }
-    return {exitStatusOf(status), wasEnded};
 }
 
 }  // namespace
@@ -158,7 +201,8 @@ ProgramEnd run(const ProgramSettings& settings) {
     const sigset_t awaited = awaitedSignals();
     sigset_t before;
     sigprocmask(SIG_BLOCK, &awaited, &before);
-    signal(SIGCHLD, SIG_DFL);  // else the program would end unseen
+    signal(SIGCHLD, SIG_DFL);          // else the program would end unseen
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // what it leaves behind stays below
     const pid_t child = start(settings, before);
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);

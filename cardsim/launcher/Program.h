@@ -29,10 +29,10 @@ struct ProgramEnd {
     bool wasEnded;   // its time was over
 };
 
-// Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone,
+// Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone;
 // SIGTERM and SIGHUP are passed on to it and to the process that has the cards, which a script may
-// have started; afterwards they stay like that. Should the launcher be
-// killed, the program is told to end. Throws CannotStart.
+// have started; afterwards they stay like that. When the time is over both are ended. Should the
+// launcher be killed, the program is told to end. Throws CannotStart.
 ProgramEnd run(const ProgramSettings& settings);
 
 }  // namespace cardsim

@@ -254,6 +254,15 @@ TEST_F(Launcher, KillsAProgramThatDoesNotWantToEnd) {
     EXPECT_THAT(inVirtualTime.err, HasSubstr("in 7.000 s"));
 }
 
+TEST_F(Launcher, EndsTheCardsProcessBelowAScript) {
+    // The script ends at once; what it has started has to be killed.
+    const Outcome outcome =
+        cardsim("--seconds 0.5 -- sh -c '$user stubborn & echo $! >$files/pid; wait'");
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "stubborn: granted\n");
+    EXPECT_FALSE(fs::exists("/proc/" + std::to_string(std::stoi(contentOf(folder / "pid")))));
+}
+
 TEST_F(Launcher, KeepsTheProgramsOwnFailureWhenTimeIsOver) {
     EXPECT_EQ(cardsim("--seconds 0.3 -- sh -c 'trap \"exit 5\" TERM; sleep 1; sleep 1'").status, 5);
 }
