@@ -12,7 +12,6 @@ packages=(
     g++ cmake ninja-build
     libcli11-dev libtomlplusplus-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev
-    openjdk-17-jdk-headless junit5 libpicocli-java
     openjdk-17-jdk-headless libpicocli-java junit5
 )
 
