@@ -233,6 +233,26 @@ fault = "dead-after-boot@1/1"
     EXPECT_EQ(0u, host.report.cards[1].handOvers);
 }
 
+TEST_F(Scenario, IsDocumentedWithExamplesThatFitTwoCards) {
+    std::ifstream page(SCENARIO_PAGE);
+    std::string line;
+    std::string example;
+    std::size_t examples = 0;
+    bool inside = false;
+    while (std::getline(page, line)) {
+        if (inside && line == "```") {
+            const std::vector<ScenarioEvent> events = read(example);
+            EXPECT_GE(events.size(), 2u);
+            EXPECT_NO_THROW(cardsim::checkScenario(events, {4, 8}));
+            ++examples;
+            example.clear();
+        }
+        inside = inside ? line != "```" : line == "```toml";
+        example += inside && line != "```toml" ? line + "\n" : "";
+    }
+    EXPECT_EQ(3u, examples);
+}
+
 TEST(FaultSyntax, ReadsEveryKindFieldAndTime) {
     struct Row {
         const char* text;
