@@ -13,6 +13,7 @@
 #include <ptime.h>
 #include <ptypes.h>
 
+#include <algorithm>
 #include <memory>
 
 enum PacketType : int {
@@ -82,58 +83,67 @@ class TriggerPacket : public Packet {
     unsigned char data[2];
 };
 
-// Caller identification of a line. Payload: channel, n, n characters; n is at most 50.
-class CLIPacket : public Packet {
+// What the packets with text share. Payload: a leading byte (channel or error code), n, n
+// characters; n is at most 50 unless read says more. Byte is the element of the payload's array.
+template <class Byte, int CAPACITY>
+class TextPacket : public Packet {
   public:
-    CLIPacket();
+    int getLength() const override { return bytes()[1] + kHeaderLength; }
+    unsigned char* getData() const override { return bytes(); }
+    // Fewer than 2 bytes give an empty packet; more than CAPACITY are cut, and so is the count.
+    void read(unsigned char* theData, int length) override;
+
+  protected:
+    // Leading byte 0, no characters.
+    TextPacket() : data{} {}
+    // Keeps the first 50 of count characters.
+    TextPacket(int leadingByte, const char* text, int count);
+
+    int getLeadingByte() const { return bytes()[0]; }
+    pt::string characters() const;
+
+  private:
+    static constexpr int kHeaderLength = 2;
+    static constexpr int kMaxCharacters = 50;
+
+    unsigned char* bytes() const {
+        return reinterpret_cast<unsigned char*>(const_cast<Byte*>(data));
+    }
+
+    Byte data[CAPACITY];
+};
+
+// Caller identification of a line: channel, n, the characters.
+class CLIPacket : public TextPacket<char, 128> {
+  public:
+    CLIPacket() = default;
     CLIPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
 
     int getType() const override;
-    int getLength() const override;
-    unsigned char* getData() const override;
-    // Fewer than 2 bytes give an empty packet; more than 128 are cut, and so is the count.
-    void read(unsigned char* theData, int length) override;
     pt::string toString() const override;
-    int getChannel() const;
-
-  private:
-    char data[128];
+    int getChannel() const { return getLeadingByte(); }
 };
 
-// DTMF digits heard on a line. Payload as of CLIPacket.
-class DTMFPacket : public Packet {
+// DTMF digits heard on a line: channel, n, the digits.
+class DTMFPacket : public TextPacket<unsigned char, 128> {
   public:
-    DTMFPacket();
+    DTMFPacket() = default;
     DTMFPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
 
     int getType() const override;
-    int getLength() const override;
-    unsigned char* getData() const override;
-    // Fewer than 2 bytes give an empty packet; more than 128 are cut, and so is the count.
-    void read(unsigned char* theData, int length) override;
     pt::string toString() const override;
-    int getChannel() const;
-
-  private:
-    unsigned char data[128];
+    int getChannel() const { return getLeadingByte(); }
 };
 
-// Trouble with a card. Payload: code, n, the first n characters of the message; n is at most 50.
-class ErrorPacket : public Packet {
+// Trouble with a card: error code, n, the first n characters of the message.
+class ErrorPacket : public TextPacket<unsigned char, 300> {
   public:
-    ErrorPacket();
+    ErrorPacket() = default;
     ErrorPacket(int code, const char* message);
 
     int getType() const override;
-    int getLength() const override;
-    unsigned char* getData() const override;
-    // Fewer than 2 bytes give an empty packet; more than 300 are cut.
-    void read(unsigned char* theData, int length) override;
     pt::string toString() const override;
-    int getCode() const;
-
-  private:
-    unsigned char data[300];
+    int getCode() const { return getLeadingByte(); }
 };
 
 // The audio of every line of one board for one transfer, 2402 payload bytes: number of channels (4
@@ -201,3 +211,26 @@ class LineSettingsPacket : public Packet {
   private:
     unsigned char data[48];
 };
+
+template <class Byte, int CAPACITY>
+TextPacket<Byte, CAPACITY>::TextPacket(int leadingByte, const char* text, int count) : data{} {
+    const int kept = std::clamp(count, 0, kMaxCharacters);
+    bytes()[0] = static_cast<unsigned char>(leadingByte);
+    bytes()[1] = static_cast<unsigned char>(kept);
+    std::copy_n(text, kept, bytes() + kHeaderLength);
+}
+
+template <class Byte, int CAPACITY>
+void TextPacket<Byte, CAPACITY>::read(unsigned char* theData, int length) {
+    if (length < kHeaderLength) {
+        bytes()[0] = bytes()[1] = 0;
+        return;
+    }
+    std::copy_n(theData, std::min(length, CAPACITY), bytes());
+    bytes()[1] = static_cast<unsigned char>(std::min<int>(bytes()[1], CAPACITY - kHeaderLength));
+}
+
+template <class Byte, int CAPACITY>
+pt::string TextPacket<Byte, CAPACITY>::characters() const {
+    return pt::string(reinterpret_cast<const char*>(bytes() + kHeaderLength), bytes()[1]);
+}
