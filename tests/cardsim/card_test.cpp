@@ -112,6 +112,7 @@ TEST_P(Card, IsDeafAfterAStrobeThatItDidNotAskFor) {
     host.restart();
     host.out(0x300, 0x08);
     host.out(0x302, 0x0A);
+    host.out(0x300, 0xAA);
     host.out(0x302, 0x0A);
     host.out(0x302, 0x1A);
     EXPECT_EQ(kindBit(), host.in(0x302));
