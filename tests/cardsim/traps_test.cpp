@@ -27,16 +27,6 @@ using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::KilledBySignal;
 
-struct Access {
-    char direction;
-    int port, bytes;
-    std::uint32_t value;
-    bool operator==(const Access& other) const {
-        return direction == other.direction && port == other.port && bytes == other.bytes &&
-               value == other.value;
-    }
-};
-
 // Answers every access from a pattern, and keeps a record. It also spoils errno, as any code may.
 class Recorder : public cardsim::Hardware {
   public:
@@ -44,13 +34,11 @@ class Recorder : public cardsim::Hardware {
     ~Recorder() override { cardsim::attachHardware(nullptr); }
 
     std::uint32_t in(std::uint16_t port, int bytes) override {
-        errno = ENOTTY;
-        accesses.push_back({'i', port, bytes, answer});
+        note("in", port, bytes, answer);
         return answer;
     }
     void out(std::uint16_t port, int bytes, std::uint32_t value) override {
-        errno = ENOTTY;
-        accesses.push_back({'o', port, bytes, value});
+        note("out", port, bytes, value);
     }
     int grantPorts() override { return fail(portsErrno); }
     int openPorts() override { return fail(portsErrno); }
@@ -62,12 +50,18 @@ class Recorder : public cardsim::Hardware {
     bool processorTime(std::clock_t&) override { return false; }
 
     std::uint32_t answer = 0xDDCCBBAA;
-    std::vector<Access> accesses;
+    std::vector<std::string> accesses;
     std::vector<std::uint64_t> slept;
     int portsErrno = 0;
-    int memoryErrno = EPERM;
+    int memoryErrno = 0;
 
   private:
+    void note(const char* what, int port, int bytes, std::uint32_t value) {
+        char text[40];
+        std::snprintf(text, sizeof text, "%s %x.%d %x", what, port, bytes, value);
+        accesses.emplace_back(text);
+        errno = ENOTTY;
+    }
     static int fail(int number) {
         errno = number;
         return number == 0 ? 0 : -1;
@@ -103,11 +97,10 @@ TEST_F(Traps, CarryOutEveryFormOfPortInstruction) {
     outw(0x1234, 0x31E);
     EXPECT_EQ(0xBBAA, inw(0x31E));
     EXPECT_EQ(0, errno);
-    const std::vector<Access> expected = {{'i', 0x304, 1, 0xDDCCBBAA}, {'i', 0x304, 2, 0xDDCCBBAA},
-                                          {'i', 0x304, 4, 0xDDCCBBAA}, {'o', 0x304, 1, 0x88},
-                                          {'o', 0x304, 2, 0x7788},     {'o', 0x304, 4, 0x55667788},
-                                          {'o', 0x31E, 2, 0x1234},     {'i', 0x31E, 2, 0xDDCCBBAA}};
-    EXPECT_EQ(expected, hardware.accesses);
+    EXPECT_THAT(
+        hardware.accesses,
+        ElementsAre("in 304.1 ddccbbaa", "in 304.2 ddccbbaa", "in 304.4 ddccbbaa", "out 304.1 88",
+                    "out 304.2 7788", "out 304.4 55667788", "out 31e.2 1234", "in 31e.2 ddccbbaa"));
 }
 
 TEST_F(Traps, GivePermissionToThePortsAndTheThreadThatAskedForThem) {
@@ -197,10 +190,8 @@ TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
     lseek(others, 0x310, SEEK_SET);
     EXPECT_EQ(3, read(others, bytes, 3));
     EXPECT_THAT(bytes, ElementsAre(0x77, 0x77, 0x77));
-    const std::vector<Access> expected = {{'i', 0x302, 1, 0xDDCCBBAA}, {'o', 0x303, 1, 0x12},
-                                          {'o', 0x304, 1, 0x34},       {'i', 0x310, 1, 0x77},
-                                          {'i', 0x311, 1, 0x77},       {'i', 0x312, 1, 0x77}};
-    EXPECT_EQ(expected, hardware.accesses);
+    EXPECT_THAT(hardware.accesses, ElementsAre("in 302.1 ddccbbaa", "out 303.1 12", "out 304.1 34",
+                                               "in 310.1 77", "in 311.1 77", "in 312.1 77"));
     EXPECT_EQ(0, close(others));
     EXPECT_EQ(0, close(ports));
     EXPECT_EQ(-1, close(ports));
@@ -216,53 +207,34 @@ TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
 TEST_F(Traps, OpenNoMorePortDevicesThanTheyCanTell) {
     Recorder hardware;
     std::vector<int> opened;
-    int fd = -1;
-    while (opened.size() < 100 && (fd = open("/dev/port", O_RDWR)) != -1) {
-        opened.push_back(fd);
+    for (int fd = 0; fd != -1 && opened.size() < 100; opened.push_back(fd)) {
+        fd = open("/dev/port", O_RDWR);
     }
     EXPECT_EQ(EMFILE, errno);
-    EXPECT_EQ(16u, opened.size());
-    const int nextFree = dup(0);
-    EXPECT_EQ(opened.back() + 1, nextFree);
-    close(nextFree);
+    EXPECT_EQ(17u, opened.size());
+    // The one that was refused is not left open.
+    const int next = dup(0);
+    EXPECT_EQ(opened[15] + 1, next);
+    opened.back() = next;
     std::for_each(opened.begin(), opened.end(), close);
 }
 
 TEST_F(Traps, LeaveEverythingElseToTheMachine) {
     Recorder hardware;
+    hardware.memoryErrno = EPERM;
     EXPECT_EQ(-1, open("/dev/mem", O_RDWR));
     EXPECT_EQ(EPERM, errno);
     EXPECT_EQ(-1, open("/dev/ports", O_RDWR));
     EXPECT_EQ(ENOENT, errno);
     const std::string path = testing::TempDir() + "traps-" + std::to_string(getpid());
     const int file = open64(path.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_NE(-1, file);
     EXPECT_EQ(3, write(file, "abc", 3));
-    close(file);
-    EXPECT_EQ(0, access(path.c_str(), R_OK | W_OK));
-    unlink(path.c_str());
-    // Without hardware the devices are the machine's own too.
+    EXPECT_EQ(0, close(file));
+    EXPECT_EQ(0, unlink(path.c_str()));
     cardsim::attachHardware(nullptr);
-    const std::clock_t before = clock();
-    EXPECT_EQ(0, usleep(1000));
-    EXPECT_GE(clock(), before);
-    EXPECT_TRUE(hardware.slept.empty());
-    EXPECT_TRUE(hardware.accesses.empty());
-}
-
-TEST_F(Traps, AskForHardwareAtTheFirstUseOnly) {
-    static SimulatedPc* made = nullptr;
-    cardsim::onFirstUse([] { made = new SimulatedPc(SimulatedPc::Options()); });
-    close(open("/dev/null", O_RDONLY));
-    EXPECT_EQ(nullptr, made);
-    const int ports = open("/dev/port", O_RDWR);
-    ASSERT_NE(nullptr, made);
-    close(ports);
-    const SimulatedPc* const first = made;
-    delete made;
-    ioperm(0x300, 32, 0);
-    EXPECT_EQ(first, made);
-    EXPECT_EQ(nullptr, cardsim::attachedHardware());
+    EXPECT_EQ(0, usleep(1));
+    EXPECT_NE(-1, clock());
+    EXPECT_TRUE(hardware.slept.empty() && hardware.accesses.empty());
 }
 
 TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
@@ -287,45 +259,6 @@ TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
     EXPECT_EQ(expected, hardware.slept);
 }
 
-// One whole transfer by the calls that a driver makes.
-TEST(SimulatedPc, SharesItsMemoryAndItsTimeWithTheProgram) {
-    SimulatedPc::Options options;
-    options.channels[1] = 8;
-    SimulatedPc pc(options);
-    ASSERT_EQ(0, ioperm(0x300, 32, 1));
-    const int file = open("/dev/mem", O_RDWR);
-    ASSERT_NE(-1, file);
-    void* const mapping = mmap(nullptr, 0x4000, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0xD0000);
-    ASSERT_NE(MAP_FAILED, mapping);
-    close(file);
-    auto* const words = static_cast<volatile std::uint16_t*>(mapping);
-    outw(8, 0x31E);
-    outw(0x12, 0x312);
-    outw(0x1A, 0x312);
-    for (const int word : {0x08AA, 0, 0, 0, 0x80, 0}) {
-        for (const int byte : {word >> 8, word & 0xFF}) {
-            ASSERT_EQ(0x24, inw(0x312));
-            outw(static_cast<unsigned short>(byte), 0x310);
-            outw(0x0A, 0x312);
-            ASSERT_EQ(4, inw(0x312) & 5);
-            outw(0x1A, 0x312);
-        }
-    }
-    EXPECT_EQ(63u, pc.now());
-    EXPECT_EQ(63, clock());
-    std::string played;
-    pc.card(1).connectSpeaker([&](const char* bytes, std::size_t) { played = bytes[0]; });
-    words[0x1000 + 3174 / 2] = 'p';
-    pc.at(100, [&pc] { pc.line(1, 7).dial("42"); });
-    usleep(300'000);
-    EXPECT_EQ(1, inw(0x312) & 1);
-    EXPECT_EQ(1, words[0x1000]);
-    EXPECT_EQ(2 | '4' << 8, words[0x1000 + (370 + 388 * 7) / 2]);
-    EXPECT_EQ("p", played);
-    EXPECT_EQ(0, words[0]);
-    munmap(mapping, 0x4000);
-}
-
 TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
     SimulatedPc pc(SimulatedPc::Options{});
     ASSERT_EQ(0, ioperm(0x300, 32, 1));
@@ -335,24 +268,15 @@ TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
     const auto sleeps = {+[] { usleep(400'000); },
                          +[] { std::this_thread::sleep_for(std::chrono::hours(1)); },
                          +[] { sleep(1); }};
+    inw(0x300);
     EXPECT_NO_THROW((*sleeps.begin())());
-    EXPECT_EQ(400'000u, pc.now());
+    EXPECT_EQ(400'001u, pc.now());
+    EXPECT_EQ(400'001, clock());
     for (const auto sleepOnce : sleeps) {
         EXPECT_THROW(
             while (true) { sleepOnce(); }, PowerOff);
         EXPECT_EQ(1'000'000u, pc.now());
     }
-}
-
-TEST(SimulatedPc, FollowsTheMachinesTimeUnlessToldOtherwise) {
-    SimulatedPc::Options options;
-    options.virtualTime = false;
-    SimulatedPc pc(options);
-    ASSERT_EQ(0, ioperm(0x300, 32, 1));
-    const std::uint64_t before = pc.now();
-    usleep(20'000);
-    EXPECT_GE(pc.now() - before, 20'000u);
-    EXPECT_LT(pc.now() - before, 20'000'000u);
 }
 
 }  // namespace
