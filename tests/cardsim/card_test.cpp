@@ -218,24 +218,6 @@ TEST_P(Card, FollowsEachLinesOwnSettings) {
     EXPECT_EQ(1, field(exchange(), 1, 4));
 }
 
-TEST_P(Card, PlaysWhatTheHostLeavesUnlessItIsACommand) {
-    host.boot();
-    std::vector<std::string> played;
-    host.cards.card(0).connectSpeaker(
-        [&played](const char* bytes, std::size_t count) { played.emplace_back(bytes, count); });
-    const auto length = static_cast<std::size_t>(layout.audioLength);
-    std::string expected;
-    for (std::size_t i = 0; i < length; i += 2) {
-        host.word(0, layout.playbackAudio + int(i)) = static_cast<std::uint16_t>(0x6100 + i % 26);
-        expected += {static_cast<char>(i % 26), 'a'};
-    }
-    host.word(1, 4) = 2;
-    exchange();
-    exchange();
-    EXPECT_THAT(played, ElementsAre(expected));
-    EXPECT_EQ(length, report.bytesPlayed);
-}
-
 TEST(LineStatus, IsOneLineAWordOrTwo) {
     Host four(4);
     four.cards.line(2).setOffHook(true);

@@ -4,14 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "Host.h"
 
 namespace {
 
 using cardsim::Fault;
-using cardsim::FaultField;
 using cardsim::FaultKind;
 using testing::ElementsAre;
 
@@ -68,25 +65,6 @@ TEST_P(Faults, BootBytesAreNeverAskedForOrNeverTaken) {
     }
 }
 
-TEST_P(Faults, FirmwareIsDeadUntilItBootsAgain) {
-    Host host = hostWith({FaultKind::kDeadAfterBoot, kEvery, 1, 1});
-    host.boot();
-    host.wait(10'000);
-    EXPECT_EQ(0, host.handedOver());
-    host.boot();
-    host.wait(layout.period_ms);
-    EXPECT_EQ(1, host.handedOver());
-}
-
-TEST_P(Faults, CountersStandStillOrJump) {
-    EXPECT_THAT(counters(hostWith({FaultKind::kCounterStuck, kEvery, 3, 5}), 7),
-                ElementsAre(1, 2, 2, 2, 2, 3, 4));
-    const std::vector<int> found = counters(hostWith({FaultKind::kCounterJump, kEvery, 3, 3}), 4);
-    EXPECT_GT(found[2], 3);
-    EXPECT_LE(found[2], 1003);
-    EXPECT_EQ(found[2] + 1, found[3]);
-}
-
 TEST_P(Faults, BuffersAreTakenBackOrComeBothAtOnce) {
     Host host = hostWith({FaultKind::kTakenBack, kEvery, 1, 1});
     host.boot();
@@ -114,67 +92,12 @@ TEST_P(Faults, BuffersAreTakenBackOrComeBothAtOnce) {
     EXPECT_EQ(4, both.counter(1));
 }
 
-// Compares buffers without a fault and with one: all of the field differs, and nothing else.
-TEST_P(Faults, NonsenseGoesToItsFieldAndNowhereElse) {
-    struct Row {
-        FaultField field;
-        int start, length;
-        bool inPort;
-    };
-    for (const Row& row :
-         {Row{FaultField::kLevel, 0, 2, true}, Row{FaultField::kOffHook, 2, 2, true},
-          Row{FaultField::kTriggered, 4, 2, true}, Row{FaultField::kRinging, 6, 2, true},
-          Row{FaultField::kAudio, 8, layout.audioLength, true},
-          Row{FaultField::kDigits, layout.digits, layout.digitsLength, true},
-          Row{FaultField::kCaller, layout.caller, 50, true}, Row{FaultField::kCounter, 0, 4, false},
-          Row{FaultField::kDebug, 3578, layout.ports == 4 ? 2 : 0, false}}) {
-        std::set<int> found;
-        std::set<int> expected;
-        for (int port = 0; port < (row.inPort ? layout.ports : 1); ++port) {
-            const int base = row.inPort ? layout.firstPort + port * layout.portLength : 0;
-            for (int offset = 0; offset < row.length; offset += 2) {
-                expected.insert(base + row.start + offset);
-            }
-        }
-        for (std::uint64_t seed = 1; seed <= 60; ++seed) {
-            Host good(GetParam());
-            Host bad = hostWith({FaultKind::kNonsense, kEvery, 1, 1, 1, row.field}, seed);
-            for (Host* const host : {&good, &bad}) {
-                host->boot();
-                host->wait(layout.period_ms);
-            }
-            for (int offset = 0; offset < 0x1000; offset += 2) {
-                if (good.word(0, offset) != bad.word(0, offset)) {
-                    found.insert(offset);
-                }
-            }
-            EXPECT_EQ(row.length == 0 ? 0u : 1u, bad.report.cards[0].faults);
-        }
-        EXPECT_EQ(expected, found);
-    }
-    // Without a field it leaves the counter alone.
-    EXPECT_EQ(counters(Host(GetParam()), 500), counters(hostWith({FaultKind::kNonsense}), 500));
-}
-
 TEST_P(Faults, StrikeAtRandomAsTheSeedHasIt) {
     const Fault fault = {FaultKind::kCounterStuck, kEvery, 1, Fault::kForEver, 0.2};
     const std::vector<int> first = counters(hostWith(fault, 7), 500);
     EXPECT_EQ(first, counters(hostWith(fault, 7), 500));
     EXPECT_NE(first, counters(hostWith(fault, 8), 500));
     EXPECT_NEAR(400, first.back(), 40);
-}
-
-TEST(FaultsPlanned, CountFromThenOnTheCardThatIsMeant) {
-    Host host(4, 8, {Fault{FaultKind::kDeadAfterBoot, 1}});
-    host.boot(0x300);
-    host.boot(0x310);
-    EXPECT_EQ(0u, host.report.cards[0].faults);
-    EXPECT_EQ(1u, host.report.cards[1].faults);
-    cardsim::Faults faults({}, 0, 1);
-    const auto strikes = [&faults] { return faults.strikes(FaultKind::kTakenBack) != nullptr; };
-    EXPECT_FALSE(strikes());
-    faults.add({FaultKind::kTakenBack, kEvery, 2, 2});
-    EXPECT_THAT((std::vector{strikes(), strikes(), strikes()}), ElementsAre(false, true, false));
 }
 
 }  // namespace

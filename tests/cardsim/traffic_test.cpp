@@ -102,20 +102,4 @@ TEST(Traffic, FollowsFromTheSeedAloneOnEachLine) {
     EXPECT_NE(first[0], stories(Host(4, 8), 10)[0]);
 }
 
-TEST(Traffic, ShowsWholeCallsWithinTwentySeconds) {
-    for (std::uint64_t seed = 1; seed <= 200; ++seed) {
-        Host host(4);
-        std::size_t callers = 0;
-        std::size_t numbers = 0;
-        for (const LineWatcher& line : watch(host, seed, 20)) {
-            EXPECT_GE(line.idle.front(), 3'000);
-            EXPECT_GE(line.talking.size(), 1u) << "seed " << seed;
-            callers += line.allCallers.size();
-            numbers += line.wholeNumbers;
-        }
-        EXPECT_GE(callers, 2u) << "seed " << seed;
-        EXPECT_GE(numbers, 2u) << "seed " << seed;
-    }
-}
-
 }  // namespace

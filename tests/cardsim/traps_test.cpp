@@ -204,21 +204,6 @@ TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
     EXPECT_EQ(6u, hardware.accesses.size());
 }
 
-TEST_F(Traps, OpenNoMorePortDevicesThanTheyCanTell) {
-    Recorder hardware;
-    std::vector<int> opened;
-    for (int fd = 0; fd != -1 && opened.size() < 100; opened.push_back(fd)) {
-        fd = open("/dev/port", O_RDWR);
-    }
-    EXPECT_EQ(EMFILE, errno);
-    EXPECT_EQ(17u, opened.size());
-    // The one that was refused is not left open.
-    const int next = dup(0);
-    EXPECT_EQ(opened[15] + 1, next);
-    opened.back() = next;
-    std::for_each(opened.begin(), opened.end(), close);
-}
-
 TEST_F(Traps, LeaveEverythingElseToTheMachine) {
     Recorder hardware;
     hardware.memoryErrno = EPERM;
