@@ -85,7 +85,7 @@ public final class LineRecorder implements Callable<Integer> {
     private boolean help;
 
     private final CommandLine command = new CommandLine(this);
-    private final CountDownLatch closed = new CountDownLatch(1);
+    private final CountDownLatch finished = new CountDownLatch(1);
     private volatile boolean stopping;
 
     private LineRecorder() {
@@ -115,14 +115,16 @@ public final class LineRecorder implements Callable<Integer> {
 
         CallRecorder recorder = new CallRecorder(folder, view::news);
         Runtime.getRuntime().addShutdownHook(new Thread(this::stopAndWait));
-        try (recorder) {
-            view.news("recording into " + folder.toAbsolutePath().normalize());
-            startCards(client, settings, playback);
-            record(client, recorder, view);
+        try {
+            try (recorder) {
+                view.news("recording into " + folder.toAbsolutePath().normalize());
+                startCards(client, settings, playback);
+                record(client, recorder, view);
+            }
+            return summary(recorder);
         } finally {
-            closed.countDown();
+            finished.countDown();
         }
-        return summary(recorder);
     }
 
     private static CardClient loadDriver() throws IOException {
@@ -187,11 +189,12 @@ public final class LineRecorder implements Callable<Integer> {
         return recorder.audioHeard() && recorder.failures() == 0 ? 0 : 1;
     }
 
-    /** On Ctrl-C or SIGTERM the process ends only when the files are closed, or after a while. */
+    /** On Ctrl-C or SIGTERM the process ends only when files are closed and the end is told, or
+     * after a while. */
     private void stopAndWait() {
         stopping = true;  // no interrupt: it would close the file that is being written
         try {
-            if (!closed.await(5, TimeUnit.SECONDS)) {
+            if (!finished.await(5, TimeUnit.SECONDS)) {
                 System.err.println("LineRecorder: recordings could not be closed in time");
             }
         } catch (InterruptedException hurried) {
