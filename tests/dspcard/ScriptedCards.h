@@ -10,18 +10,19 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
+#include <tuple>
 #include <vector>
 
 #include "traps/Hardware.h"
 
-struct PortAccess {
-    bool write;
-    int port;
-    int value;
-    bool operator==(const PortAccess& other) const {
-        return write == other.write && port == other.port && value == other.value;
-    }
-};
+using PortAccess = std::tuple<char, int, int>;  // direction, port, value
+inline PortAccess reads(int port, std::uint32_t value) {
+    return {'r', port, value};
+}
+inline PortAccess writes(int port, std::uint32_t value) {
+    return {'w', port, value};
+}
 
 class ScriptedCards : public cardsim::Hardware {
   public:
@@ -30,13 +31,15 @@ class ScriptedCards : public cardsim::Hardware {
 
     std::uint32_t in(std::uint16_t port, int) override {
         elapsed_us += accessTime_us;
-        const std::uint32_t value = onRead ? onRead(port) : registers[port];
-        accesses.push_back({false, port, static_cast<int>(value)});
-        return value;
+        accesses.push_back(reads(port, onRead ? onRead(port) : registers[port]));
+        return static_cast<std::uint32_t>(std::get<2>(accesses.back()));
     }
     void out(std::uint16_t port, int, std::uint32_t value) override {
         elapsed_us += accessTime_us;
-        accesses.push_back({true, port, static_cast<int>(value)});
+        accesses.push_back(writes(port, value));
+        if (echoes.count(port) != 0) {
+            registers[port] = value;
+        }
         if (onWrite) {
             onWrite(port, value);
         }
@@ -44,11 +47,8 @@ class ScriptedCards : public cardsim::Hardware {
     int grantPorts() override { return fail(portsErrno); }
     int openPorts() override { return fail(devPortErrno); }
     int openMemory() override {
-        if (devMemErrno != 0) {
-            return fail(devMemErrno);
-        }
         const int file = memfd_create("card memory", 0);
-        return ftruncate(file, memoryFileLength) == 0 ? file : -1;
+        return ftruncate(file, 0xD4000) == 0 && fail(devMemErrno) == 0 ? file : -1;
     }
     bool sleep(std::uint64_t microseconds) override {
         slept_us.push_back(microseconds);
@@ -60,27 +60,14 @@ class ScriptedCards : public cardsim::Hardware {
         return true;
     }
 
-    std::vector<PortAccess> writes() const {
-        std::vector<PortAccess> result;
-        for (const PortAccess& access : accesses) {
-            if (access.write) {
-                result.push_back(access);
-            }
-        }
-        return result;
-    }
-
     std::map<int, std::uint32_t> registers;
+    std::set<int> echoes;  // registers that read back what is written to them
     std::function<std::uint32_t(int port)> onRead;
     std::function<void(int port, std::uint32_t value)> onWrite;
     std::vector<PortAccess> accesses;
     std::vector<std::uint64_t> slept_us;
-    std::clock_t elapsed_us = 0;
-    std::clock_t accessTime_us = 1;
-    int portsErrno = 0;
-    int devPortErrno = 0;
-    int devMemErrno = 0;
-    long memoryFileLength = 0xD4000;
+    std::clock_t elapsed_us = 0, accessTime_us = 1;
+    int portsErrno = 0, devPortErrno = 0, devMemErrno = 0;
 
   private:
     static int fail(int number) {

@@ -1,536 +1,374 @@
 // One card's exchange of transfer buffers, for both kinds of card on either board: card memory is
 // a plain array here, laid out by this test's own offsets, and the registers read as set.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <memory>
 #include <random>
 
 #include "BoardMgr.h"
-#include "Console.h"
 #include "DSPBoardEightChannel.h"
 #include "DSPBoardFourChannel.h"
 #include "ScriptedCards.h"
-#include "javaint/MessageDispatcher.h"
+#include "Surroundings.h"
 
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
+using testing::StartsWith;
 
-// What the hardware fixes, in bytes from the start of a transfer buffer.
+// What the hardware fixes, in bytes from the start of a transfer buffer or of a port in it.
 struct Layout {
-    int ports, length, firstPort, portLength, audioLength, digits, digitsLength, caller;
-    int commandLength, playbackAudio;
+    int ports, firstPort, portLength, audioLength, digits, maxDigits, caller, command, playback;
 };
-constexpr Layout kFour = {4, 4078, 38, 708, 600, 608, 50, 658, 34, 2878};
-constexpr Layout kEight = {8, 3554, 62, 388, 300, 308, 30, 338, 58, 3174};
+constexpr Layout kFour = {4, 38, 708, 600, 608, 49, 658, 34, 2878};
+constexpr Layout kEight = {8, 62, 388, 300, 308, 29, 338, 58, 3174};
 
-struct Variant {
-    const Layout& layout;
-    int board;
-    bool eight() const { return layout.ports == 8; }
-    int firstChannel() const { return board == 0 ? 0 : 4; }
-    int base() const { return board == 0 ? 0x300 : 0x310; }
-    bool sendsPlayback() const { return board == 0 || !eight(); }
-};
-
-std::vector<int> payload(const Packet& packet) {
-    return {packet.getData(), packet.getData() + packet.getLength()};
+template <class Words>
+std::string bytesOf(const Words& words) {
+    return {reinterpret_cast<const char*>(std::data(words)), 2 * std::size(words)};
 }
 
-class Board : public testing::TestWithParam<Variant> {
+class Board : public testing::TestWithParam<std::tuple<Layout, int>> {
   protected:
-    Board() : variant(GetParam()), layout(variant.layout) {
-        cards.registers = {{0x300, 0xFF}, {0x310, 0xFF}};
+    Board() {
         BoardMgr::getInstance();
-        std::unique_ptr<Packet>(MessageDispatcher::getInstance().getPacketFromSendQueue());
-        if (variant.eight()) {
-            board = std::make_unique<DSPBoardEightChannel>(variant.board, memory(),
-                                                           variant.firstChannel());
+        if (eight) {
+            board = std::make_unique<DSPBoardEightChannel>(number, memory.data(), first);
         } else {
-            board = std::make_unique<DSPBoardFourChannel>(variant.board, memory(),
-                                                          variant.firstChannel());
+            board = std::make_unique<DSPBoardFourChannel>(number, memory.data(), first);
         }
         console.take();
     }
 
-    char* memory() { return reinterpret_cast<char*>(words.data()); }
-    unsigned char* at(int buffer, int offset) {
-        return reinterpret_cast<unsigned char*>(memory()) + buffer * 0x1000 + offset;
+    int portAt(int port, int offset) const {
+        return layout.firstPort + port * layout.portLength + offset;
     }
-    unsigned char* port(int buffer, int portNumber, int offset) {
-        return at(buffer, layout.firstPort + portNumber * layout.portLength + offset);
+    void setText(int port, int offset, int count, const std::string& text = "") {
+        memory[portAt(port, offset)] = static_cast<char>(count);
+        memory.replace(portAt(port, offset + 1), text.size(), text);
     }
-    void setText(int buffer, int portNumber, int offset, int count, const std::string& text) {
-        *port(buffer, portNumber, offset) = static_cast<unsigned char>(count);
-        std::copy(text.begin(), text.end(), port(buffer, portNumber, offset + 1));
+    // Lets a line speak, or takes its receiver off the hook; the bits beside are noise.
+    void activate(int port, TriggerType trigger, bool on) {
+        memory[portAt(port, 1)] = on && trigger != TS_OFF_HOOK ? '\x80' : '\x7F';
+        const int word = eight ? port / 2 : port;
+        const std::uint32_t bit = eight && port % 2 != 0 ? 0x40 : 0x04;
+        const bool bitIsSet = (on && trigger == TS_OFF_HOOK) == eight;
+        cards.registers[base + 6 + 2 * word] = 0xFFBB | (bitIsSet ? bit : 0);
     }
-    void setVOX(int portNumber, bool on) { *port(0, portNumber, 1) = on ? 0x80 : 0x7F; }
 
     // The DSP hands over a buffer, counted as told; the board exchanges it.
     void exchange(int buffer, std::uint32_t counter, Packet* command = nullptr) {
-        for (int i = 0; i < 4; ++i) {
-            *at(buffer, i) = static_cast<unsigned char>(counter >> (8 * i));
-        }
-        cards.registers[variant.base() + 2] = buffer == 0 ? 0x21 : 0x20;
-        cards.registers[variant.base() + 4] = buffer == 1 ? 1 : 0;
+        std::memcpy(&memory[buffer * 0x1000], &counter, sizeof(counter));
+        cards.registers[base + 2] = buffer == 0 ? 0x21 : 0x20;
+        cards.registers[base + 4] = buffer == 1 ? 1 : 0;
         cards.accesses.clear();
-        board->doReadWrite(2 * variant.board + buffer, command);
+        board->doReadWrite(2 * number + buffer, command);
     }
-    void exchange(Packet* command = nullptr) { exchange(0, ++counted, command); }
-
-    void applySettings(int trigger, int delay = 3, int beep = 0) {
+    void applySettings(std::vector<unsigned char> table) {
         LineSettingsPacket settings;
-        std::vector<unsigned char> table;
-        for (int channel = 0; channel < 16; ++channel) {
-            table.push_back(static_cast<unsigned char>(beep));
-            table.push_back(static_cast<unsigned char>(trigger));
-            table.push_back(static_cast<unsigned char>(delay));
-        }
         settings.read(table.data(), 48);
-        exchange(&settings);
+        exchange(0, ++counted, &settings);
     }
-
-    std::vector<std::unique_ptr<Packet>> takePackets() {
-        std::vector<std::unique_ptr<Packet>> packets;
-        while (Packet* const packet = MessageDispatcher::getInstance().getPacketFromSendQueue()) {
-            packets.emplace_back(packet);
-        }
-        return packets;
+    std::vector<Bytes> reportsOfExchange() {
+        exchange(0, ++counted);
+        return reportsIn(takePackets());
     }
-    // Type and payload of all packets but the audio.
-    std::vector<std::vector<int>> takeReports() {
-        std::vector<std::vector<int>> reports;
-        for (const auto& packet : takePackets()) {
-            if (packet->getType() != PACKET_RECORDED_DATA) {
-                reports.push_back(payload(*packet));
-                reports.back().insert(reports.back().begin(), packet->getType());
-            }
-        }
-        return reports;
+    std::string playback(int buffer) const {
+        return memory.substr(buffer * 0x1000 + layout.playback, layout.audioLength);
     }
-    std::vector<std::uint16_t> silence() const {
+    std::string silence() const {
         static constexpr std::uint16_t kPattern[] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
                                                      0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
-        std::vector<std::uint16_t> audio;
-        for (int i = 0; i < layout.audioLength / 2; ++i) {
-            audio.push_back(kPattern[i % 10]);
+        std::string bytes;
+        for (int i = 0; i < layout.audioLength / 20; ++i) {
+            bytes += bytesOf(kPattern);
         }
-        return audio;
-    }
-    std::string playbackBytes(int buffer) {
-        return {reinterpret_cast<char*>(at(buffer, layout.playbackAudio)),
-                static_cast<std::size_t>(layout.audioLength)};
-    }
-    std::string silentBytes() const {
-        const auto audio = silence();
-        return {reinterpret_cast<const char*>(audio.data()), audio.size() * 2};
+        return bytes;
     }
 
-    const Variant variant;
-    const Layout& layout;
-    std::vector<std::uint16_t> words = std::vector<std::uint16_t>(0x1000, 0xEEEE);
+    const Layout layout = std::get<0>(GetParam());
+    const int number = std::get<1>(GetParam());
+    const bool eight = layout.ports == 8;
+    const int first = number == 0 ? 0 : 4;
+    const int base = number == 0 ? 0x300 : 0x310;
+    const std::string untouched = std::string(layout.audioLength, '\xEE');
+    std::string memory = std::string(0x2000, '\0');
     ScriptedCards cards;
+    Console console;
     std::unique_ptr<DSPBoard> board;
     std::uint32_t counted = 0;
-    Console console;
 };
 
-TEST_P(Board, DeliversTheAudioOfEveryPortOfBothBuffers) {
-    std::mt19937 random(1);
-    for (std::uint32_t counter = 1; counter < 40; ++counter) {
-        const int buffer = static_cast<int>(counter % 2);
-        std::vector<int> expected = {layout.ports, variant.firstChannel()};
-        for (int portNumber = 0; portNumber < layout.ports; ++portNumber) {
-            for (int i = 0; i < layout.audioLength; ++i) {
-                *port(buffer, portNumber, 8 + i) = static_cast<unsigned char>(random());
-                expected.push_back(*port(buffer, portNumber, 8 + i));
-            }
+TEST_P(Board, ReportsTextsInOrderWhileRecording) {
+    setText(2, layout.digits, 3, "123");
+    setText(2, layout.caller, 4, "0815");
+    setText(3, layout.digits, 2, "#*");
+    EXPECT_THAT(reportsOfExchange(), ElementsAre()) << "nothing but audio before recording";
+    BoardMgr::getInstance().startRecording();
+    applySettings(settingsTable(TS_VOX_1, 3));
+    activate(3, TS_VOX_1, true);
+    takePackets();
+    console.take();
+    exchange(0, ++counted);
+    const Packets packets = takePackets();
+    EXPECT_THAT(reportsIn(packets), ElementsAre(ElementsAre(1, 1, first + 3),
+                                                ElementsAre(3, first + 2, 3, '1', '2', '3'),
+                                                ElementsAre(2, first + 2, 4, '0', '8', '1', '5'),
+                                                ElementsAre(3, first + 3, 2, '#', '*')));
+    EXPECT_EQ(PACKET_RECORDED_DATA, packets.back()->getType());
+    EXPECT_EQ(eight ? "Sending CLI Packet to Java: channel=2 length=4\n"
+                    : "Sending Packet to Java: channel=2 length=3\n"
+                      "Sending CLI Packet to Java: channel=2 length=4\n"
+                      "Sending Packet to Java: channel=3 length=2\n",
+              console.take().out);
+
+    // Counts that are no counts, and counts beyond the field: the neighbour is never read.
+    setText(2, layout.digits, 0x80);
+    setText(2, layout.caller, 0xFF);
+    setText(3, layout.digits, 127, std::string(layout.maxDigits, 'd'));
+    setText(3, layout.caller, 127, std::string(49, 'c'));
+    Bytes digits(layout.maxDigits + 3, 'd'), caller(52, 'c');
+    std::copy_n(std::begin({3, first + 3, layout.maxDigits}), 3, digits.begin());
+    std::copy_n(std::begin({2, first + 3, 49}), 3, caller.begin());
+    EXPECT_THAT(reportsOfExchange(), ElementsAre(digits, caller));
+}
+
+TEST_P(Board, ReportsEachChangeOfATriggerOnce) {
+    BoardMgr::getInstance().startRecording();
+    for (int port = 0; port < layout.ports; ++port) {
+        activate(port, TS_VOX_6, port == 0);
+    }
+    EXPECT_THAT(reportsOfExchange(), ElementsAre()) << "none before the first settings";
+    for (const TriggerType trigger : {TS_VOX_6, TS_OFF_HOOK}) {
+        activate(0, trigger, false);
+        applySettings(settingsTable(trigger, 3));
+        takePackets();
+        for (int port = 0; port < layout.ports; ++port) {
+            const Bytes starts = {1, 1, first + port};
+            activate(port, trigger, true);
+            EXPECT_THAT(reportsOfExchange(), ElementsAre(starts));
+            EXPECT_THAT(reportsOfExchange(), ElementsAre());
+            board->clearTriggers();
+            EXPECT_THAT(reportsOfExchange(), ElementsAre(starts)) << "a new recording hears of it";
+            activate(port, trigger, false);
+            EXPECT_THAT(reportsOfExchange(), ElementsAre(Bytes{1, 0, first + port}));
         }
-        exchange(buffer, counter);
-        const auto packets = takePackets();
-        ASSERT_EQ(1u, packets.size());
-        EXPECT_EQ(4, packets[0]->getType());
-        ASSERT_EQ(expected, payload(*packets[0]));
-    }
-}
-
-TEST_P(Board, ReportsInOrderWhileRecording) {
-    const int first = variant.firstChannel();
-    for (int portNumber = 0; portNumber < layout.ports; ++portNumber) {
-        setVOX(portNumber, false);
-        setText(0, portNumber, layout.digits, 0, "");
-        setText(0, portNumber, layout.caller, -1, "");
-    }
-    setText(0, 2, layout.digits, 3, "123");
-    setText(0, 2, layout.caller, 4, "0815");
-    setText(0, 3, layout.digits, 2, "#*");
-    setVOX(1, true);
-    exchange();
-    EXPECT_THAT(takeReports(), ElementsAre()) << "nothing but audio before recording";
-
-    BoardMgr::getInstance().startRecording();
-    applySettings(TS_VOX_1);
-    EXPECT_THAT(takeReports(), ElementsAre(ElementsAre(3, first + 2, 3, '1', '2', '3'),
-                                           ElementsAre(2, first + 2, 4, '0', '8', '1', '5'),
-                                           ElementsAre(3, first + 3, 2, '#', '*')))
-        << "triggers wait for the transfer after the settings";
-    console.take();
-    exchange();
-    auto packets = takePackets();
-    ASSERT_EQ(5u, packets.size());
-    EXPECT_THAT(payload(*packets[0]), ElementsAre(1, first + 1));
-    EXPECT_EQ(4, packets[4]->getType());
-    console.take();
-    const std::string digitsLine = "Sending Packet to Java: channel=2 length=3\n";
-    const std::string callerLine = "Sending CLI Packet to Java: channel=2 length=4\n";
-    EXPECT_EQ(variant.eight()
-                  ? callerLine
-                  : digitsLine + callerLine + "Sending Packet to Java: channel=3 length=2\n",
-              console.out);
-
-    setText(0, 2, layout.digits, 0x80, "");
-    setText(0, 2, layout.caller, 0, "");
-    setText(0, 3, layout.digits, 0, "");
-    exchange();
-    EXPECT_THAT(takeReports(), ElementsAre()) << "an unchanged trigger is not reported again";
-    setVOX(1, false);
-    exchange();
-    EXPECT_THAT(takeReports(), ElementsAre(ElementsAre(1, 0, first + 1)));
-    setVOX(1, true);
-    exchange();
-    takeReports();
-    board->clearTriggers();
-    exchange();
-    EXPECT_THAT(takeReports(), ElementsAre(ElementsAre(1, 1, first + 1)))
-        << "a new recording reports the calls that are already there";
-}
-
-TEST_P(Board, FollowsTheHookWhereToldTo) {
-    BoardMgr::getInstance().startRecording();
-    const int offHook = variant.eight() ? 0x44 : 0x00;
-    const int onHook = variant.eight() ? 0x00 : 0x04;
-    for (int portNumber = 0; portNumber < layout.ports; ++portNumber) {
-        setText(0, portNumber, layout.digits, 0, "");
-        setText(0, portNumber, layout.caller, 0, "");
-    }
-    for (const int k : {6, 8, 10, 12}) {
-        cards.registers[variant.base() + k] = static_cast<std::uint32_t>(onHook);
-    }
-    applySettings(TS_OFF_HOOK);
-    exchange();
-    EXPECT_THAT(takeReports(), ElementsAre());
-    cards.registers[variant.base() + 10] = static_cast<std::uint32_t>(offHook);
-    exchange();
-    const auto reports = takeReports();
-    const int first = variant.firstChannel();
-    if (variant.eight()) {
-        EXPECT_THAT(reports,
-                    ElementsAre(ElementsAre(1, 1, first + 4), ElementsAre(1, 1, first + 5)));
-        cards.registers[variant.base() + 6] = 0x40;
-        EXPECT_FALSE(board->readOffHook(0));
-        EXPECT_TRUE(board->readOffHook(1));
-    } else {
-        EXPECT_THAT(reports, ElementsAre(ElementsAre(1, 1, first + 2)));
-    }
-}
-
-TEST_P(Board, NeverReadsTextBeyondItsField) {
-    BoardMgr::getInstance().startRecording();
-    for (int portNumber = 0; portNumber < layout.ports; ++portNumber) {
-        setText(0, portNumber, layout.digits, 127,
-                std::string(static_cast<std::size_t>(layout.digitsLength - 1), 'd'));
-        setText(0, portNumber, layout.caller, 127, std::string(49, 'c'));
-    }
-    exchange();
-    for (const auto& report : takeReports()) {
-        EXPECT_EQ(report[0] == 3 ? layout.digitsLength - 1 : 49, report[2]);
-        EXPECT_THAT(std::vector<int>(report.begin() + 3, report.end()),
-                    testing::Each(report[0] == 3 ? 'd' : 'c'));
     }
 }
 
 TEST_P(Board, WritesTheCommandBlockInsteadOfPlayback) {
-    const std::vector<std::uint16_t> levels =
-        variant.eight() ? std::vector<std::uint16_t>{0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F,
-                                                     0x0A1F, 0x0E1F, 0x115F, 0}
-                        : std::vector<std::uint16_t>{0xFF01, 0xFF02, 0x04FF, 0x089F, 0x0C9F,
-                                                     0x115F, 0x155E, 0x1C20, 0};
-    int alternate = 0;
+    using Words = std::vector<std::uint16_t>;
+    const Words levels =
+        eight ? Words{0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}
+              : Words{0xFF01, 0xFF02, 0x04FF, 0x089F, 0x0C9F, 0x115F, 0x155E, 0x1C20, 0};
     for (int round = 0; round < 10; ++round) {
-        LineSettingsPacket settings;
+        Words block = {2, 0};
         std::vector<unsigned char> table;
         for (int channel = 0; channel < 16; ++channel) {
-            table.push_back(static_cast<unsigned char>(channel + round));
-            table.push_back(static_cast<unsigned char>((channel + round) % 9));
-            table.push_back(static_cast<unsigned char>(round == 9 ? 255 : 50 + channel));
+            const auto beep = static_cast<unsigned char>(channel + round);
+            const auto kind = static_cast<unsigned char>(beep % 9);
+            const auto seconds = static_cast<unsigned char>(round == 9 ? 255 : 50 + channel);
+            table.insert(table.end(), {beep, kind, seconds});
+            if (channel >= first && channel < first + layout.ports) {
+                const int delay_ms = std::min<int>(65, seconds) * 1000 + round % 2;
+                block.insert(block.end(),
+                             {beep, levels[kind], static_cast<std::uint16_t>(delay_ms)});
+            }
         }
-        settings.read(table.data(), 48);
-        std::vector<std::uint16_t> block = {2, 0};
-        for (int channel = variant.firstChannel(); channel < variant.firstChannel() + layout.ports;
-             ++channel) {
-            block.push_back(static_cast<std::uint16_t>(channel + round));
-            block.push_back(levels[static_cast<std::size_t>((channel + round) % 9)]);
-            const int seconds = round == 9 ? 65 : std::min(65, 50 + channel);
-            block.push_back(static_cast<std::uint16_t>(seconds * 1000 + alternate));
-        }
-        block.resize(static_cast<std::size_t>(layout.commandLength / 2), 0);
-        std::vector<std::uint16_t> expected(0x1000, 0xEEEE);
-        std::copy(block.begin(), block.end(), expected.begin() + 0x800 + 2);
-        std::fill(words.begin(), words.end(), 0xEEEE);
-        exchange(0, static_cast<std::uint32_t>(round + 1), &settings);
-        expected[0] = static_cast<std::uint16_t>(round + 1);
-        expected[1] = 0;
-        ASSERT_EQ(expected, words) << "round " << round;
-        alternate ^= 1;
+        block.resize(layout.command / 2);
+        memory.assign(0x2000, '\xEE');
+        std::string expected = memory;
+        expected.replace(0x1004, layout.command, bytesOf(block));
+        applySettings(table);
+        ASSERT_EQ(expected.substr(4), memory.substr(4)) << "round " << round;
     }
-    std::fill(words.begin(), words.end(), 0xEEEE);
-    exchange(1, 11);
-    EXPECT_EQ(0xEE, *at(0, 4)) << "the command is sent once";
-    EXPECT_EQ(variant.sendsPlayback(),
-              playbackBytes(0) != std::string(playbackBytes(0).size(), '\xEE'));
-    console.take();
-    EXPECT_THAT(console.err,
+    EXPECT_THAT(console.take().err,
                 HasSubstr("Updateing Line Settings!!!\nLineSettingsPacket:\nChan=0 Beep=0, "));
+    memory.assign(0x2000, '\xEE');
+    exchange(1, 11);
+    EXPECT_EQ('\xEE', memory[4]) << "the command is sent once";
+    EXPECT_EQ(eight && number != 0, playback(0) == untouched);
 }
 
-TEST_P(Board, PlaysMonitorDataOnBoardZeroAndSilenceOtherwise) {
+TEST_P(Board, PlaysTheRingOnBoardZeroAndSilenceOtherwise) {
     auto& ring = MonitorBuffer::getInstance();
-    const std::string audio(600, 'm');
-    const auto size = static_cast<std::size_t>(layout.audioLength);
-    // Before the first boot the second card has no silence to send yet.
-    const std::string untouched =
-        variant.eight() ? std::string(size, '\xEE') : std::string(size, '\0');
-
-    exchange(0, 1);
-    EXPECT_EQ(variant.board == 0 ? silentBytes() : untouched, playbackBytes(1));
-
-    ring.addData(audio.data(), 600);
-    exchange(0, 2);
-    EXPECT_EQ(variant.board == 0 ? silentBytes() : untouched, playbackBytes(1))
-        << "nothing is played while neither monitoring nor playback is on";
-
-    board->setEnablePlayback(true);
+    const std::string stored(layout.audioLength, 'm');
+    std::string sent(200, 'p');
     PlaybackDataPacket packet;
-    std::string more(200, 'p');
-    packet.read(reinterpret_cast<unsigned char*>(more.data()), 200);
-    ring.clear();
-    ring.addData(audio.data(), layout.audioLength);
-    exchange(0, 3);
-    exchange(0, 4, &packet);
-    EXPECT_EQ(variant.board == 0 ? more + std::string(size - 200, 'm') : untouched,
-              playbackBytes(1))
-        << "what the ring lacks is left from the transfer before";
-    EXPECT_EQ(variant.board != 0, ring.isFull() || !ring.isEmpty());
-
-    ring.clear();
-    board->setEnablePlayback(false);
-    board->setMonitoringChannel(variant.firstChannel() + 3);
-    std::fill_n(port(0, 3, 8), layout.audioLength, static_cast<unsigned char>('L'));
-    console.take();
-    exchange(0, 5);
-    EXPECT_EQ(variant.board == 0 ? std::string(size, 'L') : untouched, playbackBytes(1));
-    console.take();
-    EXPECT_EQ(variant.eight() ? 0u : std::string::npos,
-              variant.eight() ? 0u : console.out.find("Copying monitor data to buffer\nERROR"));
-    EXPECT_EQ(!variant.eight(),
-              console.out.find("Copying monitor data to buffer\n") != std::string::npos);
-
-    // A line of the other card is monitored, and nothing of it has arrived.
-    ring.clear();
-    board->setMonitoringChannel(15);
-    exchange(0, 6);
-    console.take();
-    EXPECT_EQ(
-        variant.eight() && variant.board == 0 ? "ERROR: Monitoring but buffer is empty\n" : "",
-        console.out);
-    EXPECT_EQ(variant.board == 0 ? silentBytes() : untouched, playbackBytes(1));
-}
-
-TEST_P(Board, JudgesTheTransferCounter) {
-    const std::vector<int> missed = {7,   1,   12,  'M', 'i', 's', 's', 'e',
-                                     'd', ' ', 'X', 'f', 'e', 'r', ' '};
-    struct Row {
-        std::uint32_t last, next;
-        int error;  // 0: none
+    packet.read(reinterpret_cast<unsigned char*>(sent.data()), 200);
+    const auto expectPlayed = [&](const std::string& onBoardZero, Packet* command = nullptr) {
+        memory.assign(0x2000, '\xEE');
+        memory.replace(portAt(3, 8), layout.audioLength, layout.audioLength, 'L');
+        console.take();
+        exchange(0, ++counted, command);
+        // The second card has no silence of its own before its first boot, or is sent nothing.
+        const std::string onBoardOne = eight ? untouched : std::string(layout.audioLength, '\0');
+        EXPECT_EQ(number == 0 ? onBoardZero : onBoardOne, playback(1)) << counted;
     };
-    for (const Row& row : {Row{0, 900, 0}, Row{5, 6, 0}, Row{6, 8, 1}, Row{9, 9, 3}, Row{9, 8, 1},
-                           Row{0xFFFF, 0x10000, 0}, Row{0x10002, 0x20003, 1}, Row{0xFFFFFFFF, 0, 0},
-                           Row{0xFFFFFFFF, 1, 1}}) {
+    ring.addData(stored.data(), layout.audioLength);
+    expectPlayed(silence());  // neither monitoring nor playback is on
+    board->setEnablePlayback(true);
+    expectPlayed(stored);
+    EXPECT_EQ(number == 0, ring.isEmpty());
+    ring.clear();
+    expectPlayed(sent + stored.substr(200), &packet);  // the rest is left as it was
+    board->setEnablePlayback(false);
+    ring.clear();
+    board->setMonitoringChannel(first + 3);
+    expectPlayed(std::string(layout.audioLength, 'L'));
+    EXPECT_EQ(eight ? "" : "Copying monitor data to buffer\n", console.take().out);
+    ring.clear();
+    board->setMonitoringChannel(15);  // a line of the other card, of which nothing has come
+    expectPlayed(silence());
+    EXPECT_EQ(eight && number == 0 ? "ERROR: Monitoring but buffer is empty\n" : "",
+              console.take().out);
+}
+
+TEST_P(Board, JudgesTheTransferCounterAndItsOwnPace) {
+    using Row = std::tuple<std::uint32_t, std::uint32_t, int>;
+    for (const auto& [last, next, error] :
+         {Row(0, 900, 0), Row(5, 6, 0), Row(6, 8, 1), Row(9, 9, 3), Row(9, 8, 1),
+          Row(0xFFFF, 0x10000, 0), Row(0x10002, 0x20003, 1), Row(~0u, 0, 0), Row(~0u, 1, 1)}) {
         exchange(0, 0);
-        takeReports();
-        exchange(0, row.last);
-        takeReports();
+        exchange(0, last);
+        takePackets();
         board->setLockedUp(false);
-        exchange(1, row.next);
-        const auto reports = takeReports();
-        ASSERT_EQ(row.error == 0 ? 0u : 1u, reports.size()) << row.last << ' ' << row.next;
-        EXPECT_EQ(row.error == 3, board->isLockedUp());
-        if (row.error == 1) {
-            EXPECT_EQ(missed, reports[0]);
-        } else if (row.error == 3) {
-            EXPECT_EQ(3, reports[0][1]);
-        }
+        console.take();
+        exchange(1, next);
+        const std::string text = error == 3 ? "DSP Board Locked Up" : "Missed Xfer ";
+        const std::vector<Bytes> expected(error == 0 ? 0 : 1, errorReport(error, text));
+        EXPECT_EQ(expected, reportsIn(takePackets())) << last << ' ' << next;
+        EXPECT_EQ(error == 3, board->isLockedUp());
+        EXPECT_EQ(error == 0 ? "" : "ERROR! " + text + "\n", console.take().err);
     }
-    console.take();
-    EXPECT_THAT(console.err, HasSubstr("ERROR! Missed Xfer \n"));
-    EXPECT_THAT(console.err, HasSubstr("ERROR! DSP Board Locked Up\n"));
-}
-
-TEST_P(Board, SaysWhenTheDSPDidNotWait) {
-    exchange(0, 1);
-    takePackets();
-    cards.registers[variant.base() + 2] = 0x20;
-    cards.registers[variant.base() + 4] = 1;
-    *at(0, 0) = 2;
-    board->doReadWrite(2 * variant.board, nullptr);
-    const auto reports = takeReports();
-    ASSERT_EQ(1u, reports.size());
-    EXPECT_EQ(2, reports[0][1]);
-    console.take();
-    EXPECT_THAT(console.err,
-                HasSubstr(variant.eight() ? "ERROR! ReadWrite Too Slow, Buffer already changed\n"
-                                          : "ERROR! Too Slow! Buffer already change\n"));
-}
-
-TEST_P(Board, TouchesOnlyThePortsThatAnExchangeNeeds) {
-    exchange(0, 1);
-    EXPECT_EQ(1u, cards.accesses.size()) << "one look whether the buffer is still handed over";
-    exchange(1, 2);
-    EXPECT_EQ(2u, cards.accesses.size());
+    cards.registers[base + 4] = 0;  // the DSP has taken its buffer back meanwhile
+    board->doReadWrite(2 * number + 1, nullptr);
+    EXPECT_THAT(
+        reportsIn(takePackets()),
+        testing::Contains(errorReport(2, eight ? "ReadWrite Too Slow, Buffer already changed"
+                                               : "Too Slow! Buffer already change")));
 }
 
 TEST_P(Board, FindsAndReleasesBuffersThroughItsStatusPorts) {
-    const int base = variant.base();
-    const int lower = 2 * variant.board;
-    for (const auto& [first, second, found] :
-         {std::tuple(0, 0, -1), {1, 0, lower}, {0, 1, lower + 1}, {0x21, 0xFFFF, lower}}) {
-        cards.registers[base + 2] = static_cast<std::uint32_t>(first);
-        cards.registers[base + 4] = static_cast<std::uint32_t>(second);
+    const int lower = 2 * number;
+    for (const auto& [firstStatus, secondStatus, found] :
+         {std::tuple(0u, 0u, -1), {1u, 0u, lower}, {0u, 1u, lower + 1}, {0x21u, 0xFFFFu, lower}}) {
+        cards.registers[base + 2] = firstStatus;
+        cards.registers[base + 4] = secondStatus;
         EXPECT_EQ(found, board->getLockedBuffer());
     }
-    cards.registers[base + 4] = 0;
+    cards.registers[base + 4] = 0xFFFE;
     cards.accesses.clear();
     DSPBoard::unlockBuffer(lower + 1);
-    const std::vector<PortAccess> release = {{false, base + 4, 0}, {true, base + 4, 0x1A}};
-    EXPECT_EQ(release, cards.accesses);
+    EXPECT_THAT(cards.accesses, ElementsAre(reads(base + 4, 0xFFFE), writes(base + 4, 0x1A)));
+    EXPECT_EQ("PROBLEM! Unlocking a buffer which is not locked\n", console.take().out);
+    for (int i = -1; i < 17; ++i) {
+        EXPECT_EQ(i == lower || i == lower + 1, board->bufferOnThisBoard(i));
+        EXPECT_EQ(i >= first && i < first + layout.ports, board->channelOnThisBoard(i));
+    }
+    exchange(1, 2);
+    EXPECT_EQ(2u, cards.accesses.size()) << "only whether the buffer is still handed over";
+}
+
+TEST_P(Board, BootsItsFirmwareAndStartsWithSilence) {
+    const WorkingFolder folder;
+    EXPECT_FALSE(board->bootload());
+    folder.write(eight ? "LOAD_8CH.TXT" : "LOAD_4CH.TXT", "no\nsections\n");
+    cards.onRead = [](int) { return 0x20u; };  // asks for each byte and takes it
+    memory.assign(0x2000, '\xEE');
+    board->setLockedUp(true);
     console.take();
-    EXPECT_EQ("PROBLEM! Unlocking a buffer which is not locked\n", console.out);
-    EXPECT_EQ(lower + 1, DSPBoard::getOtherBufferNumber(lower));
-    EXPECT_EQ(lower, DSPBoard::getOtherBufferNumber(lower + 1));
-    for (int buffer = -1; buffer < 5; ++buffer) {
-        EXPECT_EQ(buffer == lower || buffer == lower + 1, board->bufferOnThisBoard(buffer));
+    EXPECT_TRUE(board->bootload());
+    EXPECT_FALSE(board->isLockedUp());
+    EXPECT_THAT(console.take().err,
+                StartsWith(eight ? "DSPBoardEightChannel::bootload()\nBootload:LOAD_8CH.TXT\n"
+                                 : "DSPBoardFourChannel::bootload()\nBootload:LOAD_4CH.TXT\n"));
+    EXPECT_THAT(console.err, EndsWith(eight ? "\nSize of Transfer=3554\nSize of counter=4\n"
+                                              "Size of Command=58\nSize of PortData=3492\n"
+                                            : "\nSize of Transfer=4078\nSize of counter=4\n"
+                                              "Size of Command=34\nSize of PortData=3540\n"));
+    for (const int buffer : {0, 1}) {
+        EXPECT_EQ(eight && number != 0 ? untouched : silence(), playback(buffer));
+        EXPECT_EQ('\xEE', memory[buffer * 0x1000 + 4]) << "no command";
     }
-    for (int channel = -1; channel < 17; ++channel) {
-        const int port = channel - variant.firstChannel();
-        EXPECT_EQ(port >= 0 && port < layout.ports, board->channelOnThisBoard(channel));
-    }
+    EXPECT_EQ(writes(base + 2, 0x1A), cards.accesses.back()) << "not started";
 }
 
 TEST_P(Board, TracesEveryTransferAndTheLinesOfEveryTenth) {
     board->enableDebug(true);
-    std::fill(words.begin(), words.end(), 0);
-    *port(0, 0, 1) = 0x80;  // voice level 0x8000, the VOX trigger
-    *port(0, 1, 4) = 1;     // general trigger
-    cards.registers[variant.base() + 6] = variant.eight() ? 0x88 : 0x04;
+    memory[portAt(0, 1)] = '\x80';  // voice level 0x8000, the VOX trigger
+    memory[portAt(1, 4)] = 1;       // general trigger
+    cards.registers[base + 6] = eight ? 0x88 : 0x04;
     exchange(0, 12);
     exchange(0, 21);
-    std::string lines =
-        variant.eight() ? "0 VOX 32768 VOX Trigger  FPGA Triggered\n\n1 VOX 0 Gen Trigger  FPGA "
-                          "Triggered\n\n"
-                        : "0 VOX 32768VOX Trigger \n1 VOX 0Gen Trigger \n";
-    for (int portNumber = 2; portNumber < layout.ports; ++portNumber) {
-        lines += std::to_string(portNumber) + " VOX 0\n";
+    EXPECT_THAT(console.take().out,
+                StartsWith(eight ? "Transfer Count = 12\nTransfer Count = 21\n"
+                                   "0 VOX 32768 VOX Trigger  FPGA Triggered\n\n"
+                                   "1 VOX 0 Gen Trigger  FPGA Triggered\n\n2 VOX 0\n"
+                                 : "Transfer Count = 12\nTransfer Count = 21\n"
+                                   "0 VOX 32768VOX Trigger \n1 VOX 0Gen Trigger \n2 VOX 0\n"));
+    EXPECT_THAT(console.out, EndsWith(eight ? "\n7 VOX 0\n" : "\n3 VOX 0\n"));
+    applySettings(settingsTable(TS_OFF_HOOK, 3));
+    for (int port = 3; port >= 0; --port) {
+        activate(port, TS_OFF_HOOK, port == 0);
     }
     console.take();
-    EXPECT_EQ("Transfer Count = 12\nTransfer Count = 21\n" + lines, console.out);
-
-    counted = 30;
-    applySettings(TS_OFF_HOOK);
-    console.take();
-    cards.registers[variant.base() + 6] = variant.eight() ? 0x04 : 0x00;
-    cards.registers[variant.base() + 8] = variant.eight() ? 0x00 : 0x04;
-    counted = 40;
-    exchange();
-    console.take();
-    EXPECT_THAT(console.out, HasSubstr("Transfer Count = 41\n0 OH Triggered\n1 OH \n"));
+    exchange(0, 31);
+    EXPECT_THAT(console.take().out,
+                StartsWith("Transfer Count = 31\n0 OH Triggered\n1 OH \n2 OH \n"));
 }
 
 TEST_P(Board, SurvivesAnyContentOfItsBuffers) {
     BoardMgr::getInstance().startRecording();
     board->enableDebug(true);
-    applySettings(TS_VOX_1);
+    applySettings(settingsTable(TS_VOX_1, 3));
     std::mt19937 random(7);
     for (int round = 0; round < 300; ++round) {
-        for (std::uint16_t& word : words) {
-            word = static_cast<std::uint16_t>(random());
+        std::generate(memory.begin(), memory.end(), [&] { return static_cast<char>(random()); });
+        std::string expected = {static_cast<char>(layout.ports), static_cast<char>(first)};
+        for (int port = 0; port < layout.ports; ++port) {
+            expected += memory.substr(portAt(port, 8), layout.audioLength);
         }
-        std::vector<int> expected;
-        for (int portNumber = 0; portNumber < layout.ports; ++portNumber) {
-            expected.insert(expected.end(), port(0, portNumber, 8),
-                            port(0, portNumber, 8 + layout.audioLength));
-        }
-        cards.registers[variant.base() + 2] = 1;
-        board->doReadWrite(2 * variant.board, nullptr);
-        takeReports();
-        board->doReadWrite(2 * variant.board, nullptr);
-        auto packets = takePackets();
-        const auto audio = std::find_if(packets.begin(), packets.end(), [](const auto& packet) {
-            return packet->getType() == PACKET_RECORDED_DATA;
-        });
-        ASSERT_NE(packets.end(), audio);
-        const auto bytes = payload(**audio);
-        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), bytes.begin() + 2, bytes.end()));
+        takePackets();
+        board->doReadWrite(2 * number, nullptr);
+        const Packets packets = takePackets();
+        EXPECT_EQ(1, std::count_if(packets.begin(), packets.end(), [&](const auto& packet) {
+                      const auto* const data = reinterpret_cast<const char*>(packet->getData());
+                      return std::string(data, packet->getLength()) == expected;
+                  }));
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Cards, Board,
+                         testing::Combine(testing::Values(kFour, kEight), testing::Values(0, 1)));
 
 TEST(FourChannelBoard, PrintsNoMoreDebugWordsThanThereAre) {
     Console console;
     ScriptedCards cards;
-    cards.registers = {{0x300, 0xFF}, {0x310, 0xFF}};
+    BoardMgr::getInstance();
     std::vector<std::uint16_t> words(0x1000, 7);
     DSPBoardFourChannel board(0, reinterpret_cast<char*>(words.data()), 0);
-    const auto debugLines = [&] {
+    for (const auto& [length, shown] : {std::pair(0, 0), {3, 3}, {0xFFFF, 249}}) {
+        words[3578 / 2] = static_cast<std::uint16_t>(length);
+        board.doReadWrite(0, nullptr);
         console.take();
         board.printDebugBuffer();
-        console.take();
-        return console.out;
-    };
-    EXPECT_EQ("Debug Buffer: \n\n", debugLines()) << "the area starts as zero";
-    words[3578 / 2] = 3;
-    board.doReadWrite(0, nullptr);
-    EXPECT_EQ("Debug Buffer: \n7 7 7 \n", debugLines());
-    words[3578 / 2] = 0xFFFF;
-    board.doReadWrite(0, nullptr);
-    EXPECT_EQ(15u + 249 * 2 + 1, debugLines().size());
+        EXPECT_THAT(console.take().out, StartsWith("Debug Buffer: \n"));
+        EXPECT_EQ(shown, std::count(console.out.begin(), console.out.end(), '7'));
+    }
 }
 
-TEST(BaseBoardDeathTest, KnowsFourBuffers) {
+TEST(BaseBoardDeathTest, DoesNothingOfItsOwnAndKnowsFourBuffers) {
+    DSPBoard board(1, 4, nullptr, 4);
     for (const int buffer : {-1, 4}) {
         EXPECT_EXIT(DSPBoard::getOtherBufferNumber(buffer), testing::ExitedWithCode(255),
                     "Buffer should be 0,1,2,3");
     }
-}
-
-TEST(BaseBoard, DoesNothingOfItsOwn) {
-    ScriptedCards cards;
-    DSPBoard board(1, 4, nullptr, 4);
+    EXPECT_FALSE(board.bootload());
     Console console;
     board.doReadWrite(0, nullptr);
-    console.take();
-    EXPECT_EQ("doReadWrite should be overwritten \n", console.out);
-    EXPECT_FALSE(board.bootload());
-    EXPECT_FALSE(board.readVOXTrigger(0));
+    EXPECT_EQ("doReadWrite should be overwritten \n", console.take().out);
 }
-
-INSTANTIATE_TEST_SUITE_P(Cards, Board,
-                         testing::Values(Variant{kFour, 0}, Variant{kFour, 1}, Variant{kEight, 0},
-                                         Variant{kEight, 1}),
-                         [](const auto& variant) {
-                             return std::string(variant.param.eight() ? "Eight" : "Four") +
-                                    "ChannelBoard" + std::to_string(variant.param.board);
-                         });
 
 }  // namespace
