@@ -29,6 +29,8 @@ check_sizes() {
         <(find "$1" -name '*.raw' -printf '%s,%f\n' | sort) || fail "other sizes than in the log"
 }
 
+hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
+
 recorder=("$java" "-Djava.library.path=$lib" -jar "$lib/dspcard-examples.jar")
 expect 0 'Usage: LineRecorder' "${recorder[@]}" --help
 expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
@@ -39,15 +41,17 @@ expect 1 "Looked in java.library.path: $work" "$java" "-Djava.library.path=$work
     -jar "$lib/dspcard-examples.jar" --folder "$work/none"
 [[ ! -e $work/none ]] || fail "makes a folder without the driver's library"
 
-expect 0 'recorder: 2 calls recorded' "$cardsim" --cards 4,8 --virtual-time \
-    --scenario "$scenario" -- "${recorder[@]}" --folder "$work/calls" --seconds 5 --monitor 1
+expect 0 'recorder: line 1: caller 0191 498 0123' "$cardsim" --cards 4,8 --virtual-time \
+    --scenario "$scenario" --speaker "$work/speaker" -- \
+    "${recorder[@]}" --folder "$work/calls" --seconds 5 --monitor 7
 check_sizes "$work/calls"
 diff <(cut -d, -f1,4,5 "$work/calls/calls.csv") - <<'CSV' || fail "other calls than the scenario's"
 line,caller,digits
 7,,01914980456
 1,0191 498 0123,5#
 CSV
-grep -q 'recorder: line 1: caller 0191 498 0123' "$work/output" || fail "does not show the caller"
+hex "$work/speaker" | grep -F "$(hex -N 300 "$work"/calls/line07*.raw)" >/dev/null ||
+    fail "the monitored line is not heard"
 
 expect 0 'recorder: .* calls recorded' "$cardsim" --cards 4,8 --traffic --seed 1 --seconds 8 -- \
     "${recorder[@]}" --folder "$work/ended"

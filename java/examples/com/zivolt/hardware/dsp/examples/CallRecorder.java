@@ -42,6 +42,11 @@ final class CallRecorder implements Closeable {
         return Collections.unmodifiableCollection(lines.values());
     }
 
+    /** Whether anything has come from the line. */
+    boolean hasHeard(int channel) {
+        return lines.containsKey(channel);
+    }
+
     boolean audioHeard() {
         return audioHeard;
     }

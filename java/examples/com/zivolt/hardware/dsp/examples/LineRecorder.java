@@ -139,9 +139,6 @@ public final class LineRecorder implements Callable<Integer> {
         client.apply(settings);
         client.start();
         client.startRecording();
-        if (monitored != null) {
-            client.monitor(monitored);
-        }
         if (playback.length > 0) {
             client.enablePlayback(true);
             client.play(playback);
@@ -152,8 +149,13 @@ public final class LineRecorder implements Callable<Integer> {
             throws InterruptedException {
         long start = System.nanoTime();
         boolean warned = false;
+        boolean monitoring = monitored == null;
         while (!stopping && (seconds == null || elapsed(start).toSeconds() < seconds)) {
             handleNext(client, recorder);
+            if (!monitoring && recorder.hasHeard(0)) {  // so card 0 has taken the settings
+                monitoring = true;
+                client.monitor(monitored);
+            }
             view.refresh(recorder.lines());
             if (!warned && !recorder.audioHeard()
                     && elapsed(start).compareTo(AUDIO_EXPECTED_WITHIN) > 0) {

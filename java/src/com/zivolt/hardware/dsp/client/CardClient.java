@@ -116,7 +116,9 @@ public final class CardClient {
     }
 
     /**
-     * Plays a line through card 0 while it goes on.
+     * Plays a line through card 0 while it goes on. A line of the second card keeps card 0 so busy
+     * that settings and audio to be played wait until the monitoring ends: apply settings first,
+     * and monitor once card 0's audio has come.
      *
      * @param channel line, 0 to 15
      * @throws IllegalArgumentException when there is no such line

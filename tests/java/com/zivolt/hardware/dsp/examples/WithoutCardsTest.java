@@ -80,7 +80,6 @@ class WithoutCardsTest {
         assertEquals(4, event.firstChannel());
         AudioBlock block = event.blocks().get(7);
         assertArrayEquals(line7, block.toByteArray());
-        assertEquals(line7[299], block.byteAt(299));
         assertThrows(IndexOutOfBoundsException.class, () -> block.byteAt(300));
         var fourLines = (CardEvent.AudioRecorded) FrameDecoder.decode(audio(4, 12));
         assertEquals(600, fourLines.blocks().get(3).length());
@@ -197,8 +196,7 @@ class WithoutCardsTest {
             recorder.handle(new CardEvent.CardError(at(0), 1, "Missed Xfer "));
             Files.move(folder.resolve("gone"), folder.resolve("moved"));
             recorder.handle(new CardEvent.CallStarted(at(1), 6));
-            assertEquals(1, recorder.cardErrors());
-            assertEquals(1, recorder.failures());
+            assertEquals(List.of(1, 1), List.of(recorder.cardErrors(), recorder.failures()));
         }
         assertEquals("CARD ERROR 1: Missed Xfer", news.get(0));
         assertTrue(news.get(1).startsWith("CANNOT record line 6"), news.get(1));
