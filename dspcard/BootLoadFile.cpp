@@ -77,9 +77,16 @@ bool BootLoadFile::readRecord(Record& record) {
     NumberToken size;
     Token<kMaxFileNameLength> fileName;
     Token<kMaxCommentLength> comment;
-    if (!address.read(file) || !size.read(file) || !fileName.read(file) || !comment.read(file)) {
+    leftOver = 0;
+    const auto readNext = [this](auto& token) {
+        const bool isThere = token.read(file);
+        leftOver += isThere ? 1 : 0;
+        return isThere;
+    };
+    if (!readNext(address) || !readNext(size) || !readNext(fileName) || !readNext(comment)) {
         return false;
     }
+    leftOver = 0;
     ++recordsRead;
 
     unsigned long words = 0;
@@ -100,6 +107,8 @@ bool BootLoadFile::readRecord(Record& record) {
     }
     record.size = static_cast<int>(words);
     std::strcpy(record.sectionFileName, fileName.text);
+    record.droppedFromAddress = address.text[0];
+    record.droppedFromSize = size.text[0];
     std::strcpy(record.addressToken, "0x");
     std::strcat(record.addressToken, address.text + 1);
     return true;

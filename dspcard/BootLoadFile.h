@@ -21,6 +21,8 @@ class BootLoadFile {
         int size;                                 // words, 0 to 0xFFFF
         char addressToken[kMaxNumberLength + 2];  // with "0x" in place of its first character
         char sectionFileName[kMaxFileNameLength + 1];
+        char droppedFromAddress;  // their first characters
+        char droppedFromSize;
         std::string problem;  // what is wrong with the record; empty when nothing is
 
         bool isValid() const { return problem.empty(); }
@@ -36,10 +38,13 @@ class BootLoadFile {
     // and when the file cannot be read further.
     bool readRecord(Record& record);
     bool hasReadError() const { return file.bad(); }
+    // The tokens of a last record that is not whole, 0 to 3; known once readRecord returned false.
+    int tokensLeftOver() const { return leftOver; }
     // The number of the record read last, the first being 1.
     int recordNumber() const { return recordsRead; }
 
   private:
     std::ifstream file;
     int recordsRead = 0;
+    int leftOver = 0;
 };

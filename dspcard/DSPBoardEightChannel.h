@@ -8,6 +8,8 @@
 class DSPBoardEightChannel final
     : public DSPTransferBoard<DSPBoardEightChannel, DSPTransferEightChannel> {
   public:
+    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
+
     using DSPTransferBoard::DSPTransferBoard;
 
     bool readOffHook(int channel) override;
@@ -17,7 +19,6 @@ class DSPBoardEightChannel final
     friend DSPTransferBoard;
 
     static constexpr char kClassName[] = "DSPBoardEightChannel";
-    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
     static constexpr char kTooSlowMessage[] = "ReadWrite Too Slow, Buffer already changed";
 
     bool writesPlayback() const { return boardNumber == 0; }

@@ -8,6 +8,8 @@
 class DSPBoardFourChannel final
     : public DSPTransferBoard<DSPBoardFourChannel, DSPTransferFourChannel> {
   public:
+    static constexpr char kLoadFileName[] = "LOAD_4CH.TXT";
+
     using DSPTransferBoard::DSPTransferBoard;
 
     // Writes the debug words of the last buffer to standard output; for diagnosis.
@@ -17,7 +19,6 @@ class DSPBoardFourChannel final
     friend DSPTransferBoard;
 
     static constexpr char kClassName[] = "DSPBoardFourChannel";
-    static constexpr char kLoadFileName[] = "LOAD_4CH.TXT";
     static constexpr char kTooSlowMessage[] = "Too Slow! Buffer already change";
 
     bool writesPlayback() const { return true; }

@@ -4,18 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <iostream>
 
 #include "BootLoadFile.h"
 #include "CardPorts.h"
 #include "ConsoleLine.h"
-#include "RegularFile.h"
+#include "SectionFile.h"
 
 namespace {
 
 constexpr int kHandshakeTimeout_ms = 200;
-constexpr int kWordsPerRead = 256;
 constexpr std::uint16_t kEndOfTable = 0x0000;
 constexpr std::uint16_t kExtendedDestination = 0x0000;
 
@@ -111,29 +109,24 @@ bool DSPBootloader::bootSection(unsigned long addr, int size, const char* sectio
 }
 
 bool DSPBootloader::sendSectionWords(int size, const char* sectionFileName) {
-    std::ifstream section;
-    if (!openRegularFile(section, sectionFileName)) {
+    SectionFile section(sectionFileName);
+    if (!section.isOpen()) {
         return false;
     }
-    std::uint16_t checksum = 0;
     while (size > 0) {
-        std::uint16_t words[kWordsPerRead];
-        const int wanted = std::min(size, kWordsPerRead);
-        section.read(reinterpret_cast<char*>(words), wanted * 2);
-        const int wordsRead = static_cast<int>(section.gcount()) / 2;
+        SectionFile::Words words;
+        const int wordsRead = section.read(words, size);
         if (wordsRead == 0) {
             return false;
         }
-        for (int i = 0; i < wordsRead; ++i) {
-            if (!bootWord(words[i])) {
-                return false;
-            }
-            checksum = static_cast<std::uint16_t>(checksum + words[i]);
+        if (!std::all_of(words, words + wordsRead, [this](auto word) { return bootWord(word); })) {
+            return false;
         }
         size -= wordsRead;
     }
     std::cout << std::endl;
-    std::cerr << "Boot section succeeded: " << sectionFileName << " Checksum: " << checksum << "\n";
+    std::cerr << "Boot section succeeded: " << sectionFileName
+              << " Checksum: " << section.checksum() << "\n";
     return true;
 }
 

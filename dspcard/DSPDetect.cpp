@@ -57,13 +57,17 @@ bool DSPDetect::isPresent(void*, int brd) {
 }
 
 bool DSPDetect::portTest(int brd) {
+    return testEcho(brd).isRight;
+}
+
+DSPDetect::Echo DSPDetect::testEcho(int brd) {
     if (!openPortDevice()) {
         reportErrno("Couldn't access /dev/port errno=");
-        return false;
+        return {};
     }
     ConsoleLine(std::cout) << "Doing port test for board " << brd;
     if (!isBoardNumber(brd)) {
-        return false;
+        return {};
     }
     const int basePort = basePortOfBoard(brd);
     ConsoleLine(std::cout) << "Placing DSP in RESET";
@@ -71,29 +75,33 @@ bool DSPDetect::portTest(int brd) {
     writePort(kHoldInReset, basePort + kStatusPort);
     usleep(kResetSettle_us);
 
-    if (!echoesFirstPattern(basePort) || echoOf(kSecondPattern, basePort) != kSecondPattern) {
-        return false;
+    Echo echo = echoOfFirstPattern(basePort);
+    if (echo.isRight) {
+        echo = echoOf(kSecondPattern, basePort);
     }
-    std::cout << "port: " << basePort << " ok!\n";
-    return true;
+    if (echo.isRight) {
+        std::cout << "port: " << basePort << " ok!\n";
+    }
+    return echo;
 }
 
-bool DSPDetect::echoesFirstPattern(int basePort) {
-    for (int attempt = 0; attempt < kEchoAttempts; ++attempt) {
-        const int echo = echoOf(kFirstPattern, basePort);
-        if (echo == kFirstPattern) {
-            return true;
+DSPDetect::Echo DSPDetect::echoOfFirstPattern(int basePort) {
+    Echo echo;
+    for (int attempt = 0; attempt < kEchoAttempts && !echo.isRight; ++attempt) {
+        echo = echoOf(kFirstPattern, basePort);
+        if (!echo.isRight) {
+            ConsoleLine(std::cerr) << "read " << echo.read << " not 0x55";
         }
-        ConsoleLine(std::cerr) << "read " << echo << " not 0x55";
     }
-    return false;
+    return echo;
 }
 
-int DSPDetect::echoOf(unsigned char pattern, int basePort) {
+DSPDetect::Echo DSPDetect::echoOf(unsigned char pattern, int basePort) {
     ConsoleLine(std::cout) << "Attempt to write to baseIOPort";
     writePort(pattern, basePort + kDataPort);
     ConsoleLine(std::cout) << "Attempt to read from baseIOPort ";
-    return readPort(basePort + kDataPort) & 0xFF;
+    const int read = readPort(basePort + kDataPort) & 0xFF;
+    return {read == pattern, pattern, read};
 }
 
 int DSPDetect::numChannels(int brd) {

@@ -20,10 +20,21 @@ class DSPDetect {
 
     // Whether the card answers at its data port. Resets its DSP.
     bool portTest(int brd);
+    // The same, and what was seen.
+    struct Echo {
+        bool isRight = false;
+        int written = 0;  // the byte that was written last; 0 when none was
+        int read = 0;     // what the data port then read as
+    };
+    Echo testEcho(int brd);
     bool isPresent(void* vmem, int brd);
     // 8, 4, or 0 when /dev/port cannot be opened or brd is no board. A status port that cannot be
     // read counts as 8.
     int numChannels(int brd);
+
+    // Opens /dev/port, which touches no port. False with errno set when it cannot be opened.
+    // Operations that test or count do this by themselves.
+    bool openPortDevice();
 
     // Checks beyond detection, for diagnosis. vmem is the mapped memory of both cards.
     bool simpleMemTest(void* vmem, int brd);
@@ -35,10 +46,9 @@ class DSPDetect {
     void writePort(short value, int portNum);
 
   private:
-    bool openPortDevice();
     void closePortDevice();
-    bool echoesFirstPattern(int basePort);
-    int echoOf(unsigned char pattern, int basePort);
+    Echo echoOfFirstPattern(int basePort);
+    Echo echoOf(unsigned char pattern, int basePort);
 
     int portFd;  // -1 when not open
 };

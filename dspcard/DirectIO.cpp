@@ -29,9 +29,11 @@ DirectIO& DirectIO::getInstance() {
 void DirectIO::allowPortAccess() {
     hasAskedForPorts = true;
     if (ioperm(kBasePortBoard0, kNumCardPorts, 1) == -1) {
+        note(Failure::kPortPermission, errno);
         reportErrno("failed to allow port access, errno=");
         return;
     }
+    note(Failure::kNone, 0);
     portsEnabled = true;
     std::cerr << "Ports enabled OK\n";
 }
@@ -53,15 +55,18 @@ void* DirectIO::mapMemory(unsigned long baseAddr, unsigned long length) {
     ConsoleLine(std::cout) << "Opening /dev/mem";
     const FileDescriptor memory(open("/dev/mem", O_RDWR));
     if (!memory.isOpen()) {
+        note(Failure::kMemoryDevice, errno);
         ConsoleLine(std::cerr) << "Couldn't access /dev/mem";
         return nullptr;
     }
     void* const mapping = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
                                static_cast<off_t>(baseAddr));
     if (mapping == MAP_FAILED) {
+        note(Failure::kMemoryMapping, errno);
         reportErrno("mmap failed errno=");
         return nullptr;
     }
+    note(Failure::kNone, 0);
     baseMemory = mapping;
     memoryLength = static_cast<std::uint32_t>(length);
     return baseMemory;
@@ -76,4 +81,9 @@ void DirectIO::unmapMemory() {
     }
     baseMemory = nullptr;
     memoryLength = 0;
+}
+
+void DirectIO::note(Failure what, int error) {
+    failure = what;
+    failureErrno = error;
 }

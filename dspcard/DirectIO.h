@@ -29,6 +29,12 @@ class DirectIO {
     // Whether allowPortAccess succeeded on this object and was not taken back since.
     bool arePortsEnabled() const { return portsEnabled; }
 
+    // What the last allowPortAccess or mapMemory of this object failed at, and the errno of it; 0
+    // when it succeeded. For diagnosis: the console line has been written already.
+    enum class Failure { kNone, kPortPermission, kMemoryDevice, kMemoryMapping };
+    Failure getFailure() const { return failure; }
+    int getFailureErrno() const { return failureErrno; }
+
     // Maps length bytes of physical memory from baseAddr, a multiple of the page size. Null on
     // failure, with the recorded mapping unchanged. A further mapping replaces the recorded one
     // without unmapping it.
@@ -39,9 +45,13 @@ class DirectIO {
     void* getPreviouslyMappedMemory() const { return baseMemory; }
 
   private:
+    void note(Failure what, int error);
+
     static DirectIO* sInstance;
 
     bool portsEnabled = false;
     void* baseMemory = nullptr;
     std::uint32_t memoryLength = 0;  // bytes
+    Failure failure = Failure::kNone;
+    int failureErrno = 0;
 };
