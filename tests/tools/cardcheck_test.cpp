@@ -1,0 +1,114 @@
+// cardcheck: every trouble is put down to its own cause, and shows in the exit status.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <sstream>
+
+#include "LoadFiles.h"
+#include "Machine.h"
+#include "ScriptedCards.h"
+#include "Surroundings.h"
+
+namespace {
+
+using namespace cardcheck;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
+    const std::string lockdown = "the kernel is locked down (integrity), for root as well";
+    const struct {
+        int portsErrno, deviceErrno;
+        Rights rights;
+        int failures;
+        std::string cause, neverSaid;
+    } cases[] = {
+        {ENOSYS, ENOENT, {0, true, ""}, 3, "this kernel has no port permission", "as root"},
+        {EPERM, EPERM, {0, true, "integrity"}, 4, lockdown, "as root"},
+        {EPERM, EPERM, {0, true, "none"}, 3, "although root has CAP_SYS_RAWIO", "as root"},
+        {EPERM, EPERM, {0, false, "none"}, 4, "root without CAP_SYS_RAWIO", "as root"},
+        {EPERM, EACCES, {1000, false, "none"}, 4, "run it as root", "locked"},
+        {0, EACCES, {1000, true, "none"}, 2, "Permission denied for user 1000", "locked"},
+        {0, 0, {1000, false, "integrity"}, 0, "integrity, but the ports are granted", "FAIL"},
+    };
+    for (const auto& machine : cases) {
+        const Console console;
+        ScriptedCards cards;
+        cards.portsErrno = machine.portsErrno;
+        cards.devPortErrno = cards.devMemErrno = machine.deviceErrno;
+        std::ostringstream rows;
+        Report report(rows);
+        checkMachine(report, machine.rights);
+        report.summarise();
+        EXPECT_THAT(rows.str(), HasSubstr(" " + std::to_string(machine.failures) + " failed,"));
+        EXPECT_THAT(rows.str(), HasSubstr(machine.cause));
+        EXPECT_THAT(rows.str(), Not(HasSubstr(machine.neverSaid)));
+    }
+}
+
+TEST(CardCheck, FindsEveryMistakeInALoadFile) {
+    const WorkingFolder folder;
+    WorkingFolder::write("A.BIN", {'\2', '\0', '\xFF', '\xFF', '\7'});
+    WorkingFolder::write("b.bin", "words");
+    const std::string header = "header\nheader\n", good = "h0080 h0002 A.BIN code\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {header + good,
+         "PASS  LOAD_X.TXT record 1: A.BIN, 2 words to 0x0080, checksum 1\n"
+         "PASS  LOAD_X.TXT: 1 record, 2 words, checksum 1\n"},
+        {header + good + "h0200 h0003 A.BIN code", "record 2: A.BIN ends after 2 words of 3\n"},
+        {header + "h0080 h0002 B.BIN code", "no B.BIN, but b.bin\nFix: mv b.bin B.BIN\n"},
+        {header + "h0080 h0002 . code", ". is not a regular file\n"},
+        {header + "h0080 h0002 C.BIN code", "no C.BIN in /"},
+        {header + good + "h0200 h0002 A.BIN", "not whole, with 3 tokens of 4"},
+        {header + "code h0002 A.BIN c", "address is not hexadecimal"},
+        {header + "h000080 h0002 A.BIN c", "address is longer than 6 characters"},
+        {header + "h0080 h10000 A.BIN c", "size is above FFFF"},
+        {header + "h0080 h0002 A.BIN sixteen-letters-", "comment is longer than 15"},
+        {header + "h0080 h0002 a-name-of-thirty-two-characters. c", "name is longer than 31"},
+        {header + "1080 h0002 A.BIN c", "address, 1, is dropped, which leaves 0x0080"},
+        {header + "h10080 h0002 A.BIN c", "0x10080 is above FFFF"},
+        {header + "h0080 h0000 A.BIN c", "size 0 ends the boot"},
+        {header, "no record after the two header lines"},
+        {"header\n" + good.substr(0, 10), "ends within its two header lines"},
+    };
+    for (const auto& [content, row] : cases) {
+        WorkingFolder::write("LOAD_X.TXT", content);
+        std::ostringstream rows;
+        Report report(rows);
+        checkLoadFiles(report, {}, {});
+        EXPECT_THAT(rows.str(), HasSubstr(row));
+        EXPECT_EQ(row[0] != 'P', report.hasFailed()) << content;
+    }
+}
+
+TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
+    const std::string check = " -- " CARDCHECK " --reset-cards", sim = CARDSIM " --virtual-time ";
+    const struct {
+        std::string command;
+        int status;
+        std::string text;
+    } cases[] = {
+        {sim + "--cards 4,8" + check, 0, "PASS  memory of card 1"},
+        {CARDSIM " --cards 8" + check, 0, "SKIP  card 1: none: nobody answers at 0x310"},
+        {sim + "--cards none,4" + check, 1, "FAIL  card 1: answers at 0x310, but is used beside"},
+        {sim + "--fault wrong-echo" + check, 1, "0x300 (wrote 0x55, read 0xAA): another device"},
+        {"cd / && " + sim + "--cards 4" + check, 1, "FAIL  LOAD_4CH.TXT: no LOAD_4CH.TXT in /"},
+        {CARDCHECK " --files-only", 0, "SKIP  hardware: not touched"},
+        {CARDCHECK " --files-only nowhere LOAD_4CH.TXT", 1, "cardcheck: 4 passed, 1 failed, 1 sk"},
+        {CARDCHECK " </dev/null", 2, "refused without --reset-cards"},
+        {CARDCHECK " --files-only --reset-cards", 2, "does not go with"},
+        {CARDCHECK " --file", 2, "Try: cardcheck --help"},
+    };
+    for (const auto& run : cases) {
+        FILE* const output =
+            popen(("cd " FIRMWARE_FOLDER "; " + run.command + " 2>&1").c_str(), "r");
+        std::string text;
+        for (int next = fgetc(output); next != EOF; next = fgetc(output)) {
+            text += static_cast<char>(next);
+        }
+        EXPECT_EQ(run.status, WEXITSTATUS(pclose(output))) << run.command << '\n' << text;
+        EXPECT_THAT(text, HasSubstr(run.text));
+    }
+}
+
+}  // namespace

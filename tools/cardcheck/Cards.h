@@ -1,0 +1,19 @@
+// The checks of the cards themselves, by the driver's own detection. They reset the DSPs of the
+// cards and write two words into the memory of each; nothing else may use the cards meanwhile.
+// Every card that answers is left with its DSP held in reset.
+#pragma once
+
+#include "Machine.h"
+#include "Report.h"
+
+namespace cardcheck {
+
+constexpr int kMaxCards = 2;
+
+// Channels of each card: 4 or 8; 0 when the driver would not use the card.
+struct FoundCards {
+    int channels[kMaxCards] = {};
+};
+FoundCards checkCards(Report& report, const Access& access);
+
+}  // namespace cardcheck
