@@ -20,32 +20,6 @@ fail() {
     exit 1
 }
 
-missing_packages() {
-    local package
-    for package in "${packages[@]}"; do
-        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
-            printf '%s\n' "$package"
-    done
-}
-
-install_missing() {
-    local missing as_root=()
-    mapfile -t missing < <(missing_packages)
-    ((${#missing[@]} > 0)) || return 0
-    command -v apt-get >/dev/null ||
-        fail "these Debian packages are missing, and there is no apt-get: ${missing[*]}"
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null ||
-            fail "run this as root or install sudo; missing packages: ${missing[*]}"
-        as_root=(sudo)
-    fi
-    printf 'dspcard: installing %s\n' "${missing[*]}"
-    "${as_root[@]}" apt-get update -qq || fail "apt-get update failed"
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
-        fail "apt-get could not install: ${missing[*]}"
-}
-
 build() {
     local preset=$1 log
     shift
@@ -60,5 +34,5 @@ build() {
 }
 
 (($# > 0)) || fail "which preset? release, debug, asan or tsan"
-install_missing
+tools/install-missing.sh "${packages[@]}"
 build "$@"

@@ -56,7 +56,7 @@ std::string helpAtEnd() {
            "      a card that stops taking its firmware; what it saw is kept as JSON\n"
            "\n"
            "Programs that boot cards look for the load files in the working directory; those for\n"
-           "the simulated cards are in build/firmware.\n"
+           "the simulated cards are in build/firmware, or /usr/share/dspcard/firmware.\n"
            "\n"
            "Exit status: that of PROGRAM, 128 + N when signal N killed it, 0 when --seconds ended\n"
            "it; 2 wrong usage, 126 PROGRAM cannot be run, 127 PROGRAM not found.\n";
