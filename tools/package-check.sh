@@ -43,7 +43,10 @@ say() { printf 'package-check: %4d s  %s\n' "$SECONDS" "$1"; }
 # Ends what runs in the root and takes the mounts away first: they must not be deleted through.
 clean_up() {
     trap '' INT TERM HUP
-    [[ -z $child ]] || kill -KILL -- "-$child" 2>/dev/null || true
+    if [[ -n $child ]]; then
+        kill -KILL -- "-$child" || true
+        wait "$child" || true
+    fi 2>/dev/null
     [[ -n $work ]] || return 0
     local folder
     while read -r folder; do
