@@ -68,7 +68,8 @@ void BoardMgr::makeBoards(int channelsBoard0, int channelsBoard1) {
         boards[0] = makeBoard(0, channelsBoard0, 0);
     }
     if (numBoards > 1) {
-        boards[1] = makeBoard(1, channelsBoard1, channelsBoard0);
+        // Card 0 may have answered in the second test only: then its lines were not counted.
+        boards[1] = makeBoard(1, channelsBoard1, boards[0]->getNumChannels());
     }
 }
 

@@ -236,6 +236,14 @@ TEST_F(Cycle, StopsBootingAtTheFirstCardThatFails) {
     EXPECT_TRUE(takePackets().empty());
 }
 
+TEST_F(Cycle, NumbersLinesBehindACardThatAnswersInItsSecondTestOnly) {
+    const BoardMgr& manager = powerUp(4, 4, {Fault{FaultKind::kWrongEcho, 0, 1, 3}});
+    EXPECT_THAT(console.take().err, HasSubstr("Detected 2 boards\nBoard0 has -2 channels\n"));
+    EXPECT_EQ(8, manager.getBoard(0)->getNumChannels());
+    EXPECT_TRUE(manager.getBoard(1)->channelOnThisBoard(8));
+    EXPECT_FALSE(manager.getBoard(1)->channelOnThisBoard(7));
+}
+
 // A PC that, once its time is over, lets the thread that drives the cards wait for ever.
 class StandingPc : public SimulatedPc {
   public:
