@@ -33,6 +33,9 @@ build() {
     fi
 }
 
-(($# > 0)) || fail "which preset? release, debug, asan or tsan"
+(($# > 0)) || fail "which preset? release, debug, asan, tsan or fuzz"
+case $1 in
+    fuzz) packages+=(clang libclang-rt-14-dev) ;;
+esac
 tools/install-missing.sh "${packages[@]}"
 build "$@"

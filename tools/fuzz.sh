@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Lets the fuzzers loose on load files, on the client's bytes and on transfer buffers.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    cat <<'TEXT'
+Usage: tools/fuzz.sh [--seconds N]
+
+Builds the fuzzers and runs each for N seconds, 60 when not said otherwise, from the seeds in
+fuzz/seeds and from what earlier runs found, which is kept in build/fuzz/corpus. An input that
+breaks the driver is kept in build/fuzz/found.
+
+Exit status: 0 nothing found, 1 something found or the build failed, 2 wrong usage.
+TEXT
+}
+
+seconds=60
+while (($# > 0)); do
+    case $1 in
+        --seconds)
+            [[ ${2-} =~ ^[1-9][0-9]*$ ]] || {
+                usage >&2
+                exit 2
+            }
+            seconds=$2
+            shift
+            ;;
+        --help)
+            usage
+            exit 0
+            ;;
+        *)
+            usage >&2
+            exit 2
+            ;;
+    esac
+    shift
+done
+
+fuzzers=(loadFile putPacket transferBuffer)
+tools/build.sh fuzz "${fuzzers[@]/%/Fuzzer}"
+build=$PWD/build/fuzz
+mkdir -p "$build/found"
+runs=0
+found=0
+for fuzzer in "${fuzzers[@]}"; do
+    corpus=$build/corpus/$fuzzer
+    log=$build/$fuzzer.log
+    mkdir -p "$corpus"
+    if ! "$build/bin/${fuzzer}Fuzzer" -max_total_time="$seconds" -max_len=8192 -timeout=20 \
+        -print_final_stats=1 -artifact_prefix="$build/found/$fuzzer-" \
+        "$corpus" "$PWD/fuzz/seeds/$fuzzer" >"$log" 2>&1; then
+        found=$((found + 1))
+        tail -n 40 "$log"
+        printf 'FOUND by %s, see %s and %s\n' "$fuzzer" "$build/found" "$log"
+    fi
+    count=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    runs=$((runs + ${count:-0}))
+    printf '%s: %s runs\n' "$fuzzer" "${count:-no}"
+done
+printf 'fuzz: %d runs, %d found\n' "$runs" "$found"
+((found == 0 && runs > 0))
