@@ -18,6 +18,7 @@ using cardsim::FaultKind;
 using cardsim::Random;
 
 constexpr std::uint64_t kStream = 0x5C4ED;
+constexpr double kTogether = 0.4;  // two faults strike at the same time
 constexpr std::uint64_t kTenSeconds_ms = 10'000;
 constexpr unsigned kLimit_s = 120;
 
@@ -68,7 +69,14 @@ class Schedule {
         std::copy_n(pairing, 2, options.channels);
         options.seed = seed;
         for (std::uint64_t faults = random.between(0, 4); faults > 0; --faults) {
-            options.faults.push_back(makeFault());
+            Fault fault = makeFault();
+            if (!options.faults.empty() && random.chance(kTogether)) {
+                const Fault& other = options.faults.back();
+                fault.card = other.card;
+                fault.first = other.first;
+                fault.last = other.last;
+            }
+            options.faults.push_back(fault);
         }
         return options;
     }
