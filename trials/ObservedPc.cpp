@@ -69,6 +69,10 @@ std::vector<Access> ObservedPc::takeRecord() {
     return std::exchange(accesses, {});
 }
 
+MemoryImage ObservedPc::memoryNow() const {
+    return MemoryImage(words, words + kMemoryWords);
+}
+
 void ObservedPc::breakBus(BusFault fault, std::uint64_t access, bool forGood) {
     busFault = fault;
     firstFailing = access;
@@ -103,7 +107,7 @@ std::uint32_t ObservedPc::in(std::uint16_t port, int bytes) {
 
 void ObservedPc::out(std::uint16_t port, int bytes, std::uint32_t value) {
     if (isReleasePort(port) && value == cardsim::portMap::kRun && released.empty()) {
-        released.assign(words, words + kMemoryWords);
+        released = memoryNow();
     }
     record(Access::Kind::kWrite, port, value);
     if (busFault == BusFault::kNone || !fails() || isSlow(busFault)) {

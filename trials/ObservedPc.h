@@ -42,6 +42,7 @@ class ObservedPc : public cardsim::SimulatedPc {
     std::vector<Access> takeRecord();
     // Card memory as the driver sees it.
     volatile std::uint16_t* memory() const { return words; }
+    MemoryImage memoryNow() const;
     // As it was when the driver released a buffer first since the last takeRecord.
     const MemoryImage& memoryAtRelease() const { return released; }
 

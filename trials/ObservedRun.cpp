@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <utility>
 
 #include "javaint/MessageDispatcher.h"
 
@@ -58,14 +59,12 @@ void ObservedRun::boot() {
 }
 
 void ObservedRun::cycle(std::function<void()> client) {
-    passStart = simulatedPc.now();
-    turnsBefore = turns();
+    beginPass();
     simulatedPc.onSleep(
         kPassSleep_us, [this] { judgePass(); },
         [this, &client] {
-            passStart = simulatedPc.now();
-            turnsBefore = turns();
             client();
+            beginPass();
         });
     try {
         boardManager.readWriteDSPs();
@@ -73,13 +72,20 @@ void ObservedRun::cycle(std::function<void()> client) {
     }
 }
 
+void ObservedRun::beginPass() {
+    passStart = simulatedPc.now();
+    turnsBefore = turns();
+    memoryBefore = simulatedPc.memoryNow();
+}
+
 void ObservedRun::judgePass() {
-    const MemoryImage memory = simulatedPc.memoryAtRelease();
+    const PassMemory memory = {std::move(memoryBefore), simulatedPc.memoryAtRelease(),
+                               turns() == turnsBefore};
     const std::vector<Access> record = simulatedPc.takeRecord();
     rememberAll(record);
     Replay bus(record, passStart);
     try {
-        referenceHost.pass(bus, memory, turns() == turnsBefore);
+        referenceHost.pass(bus, memory);
     } catch (const Deviation& deviation) {
         throw Deviation("pass " + std::to_string(passes) + ": " + deviation.what());
     }

@@ -42,6 +42,7 @@ class ObservedRun {
 
   private:
     Detected judgeDetection();
+    void beginPass();
     void judgePass();
     void remember(std::uint64_t what);
     void rememberAll(const std::vector<Access>& record);
@@ -51,6 +52,7 @@ class ObservedRun {
     BoardMgr& boardManager;
     ReferenceHost referenceHost;
     std::uint64_t turnsBefore = 0;
+    MemoryImage memoryBefore;
     std::uint64_t passStart = 0;
     std::uint64_t passes = 0;
     std::uint64_t packets = 0;

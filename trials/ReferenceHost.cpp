@@ -1,6 +1,7 @@
 #include "ReferenceHost.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -102,6 +103,11 @@ void writeDefaults(Replay& bus, int slot, int channels) {
     }
 }
 
+// Of a buffer in the memory of both cards, in words.
+int offsetOf(int buffer) {
+    return buffer / 2 * layout::kCardWords + buffer % 2 * layout::kSecondBuffer;
+}
+
 const unsigned char* bytesOf(const std::uint16_t* words) {
     return reinterpret_cast<const unsigned char*>(words);
 }
@@ -180,7 +186,7 @@ bool ReferenceHost::boot(Replay& bus) {
     return booted;
 }
 
-void ReferenceHost::pass(Replay& bus, const MemoryImage& memory, bool undisturbed) {
+void ReferenceHost::pass(Replay& bus, const PassMemory& memory) {
     const int buffer = findHandedOver(bus);
     if (warmUp < 6) {
         if (buffer >= 0) {
@@ -189,7 +195,7 @@ void ReferenceHost::pass(Replay& bus, const MemoryImage& memory, bool undisturbe
         }
     } else {
         if (buffer >= 0) {
-            exchange(bus, buffer, memory, undisturbed);
+            exchange(bus, buffer, memory);
         }
         if (lockUps > 6) {
             bus.sleep(3'000'000);
@@ -228,16 +234,13 @@ void ReferenceHost::release(Replay& bus, int buffer) {
     ++released;
 }
 
-void ReferenceHost::exchange(Replay& bus, int buffer, const MemoryImage& memory, bool undisturbed) {
+void ReferenceHost::exchange(Replay& bus, int buffer, const PassMemory& memory) {
     const int slot = buffer / 2;
     Board& board = boards[static_cast<std::size_t>(slot)];
-    const auto at = [&](int number) {
-        return memory.data() + slot * layout::kCardWords + number * layout::kSecondBuffer;
-    };
-    if (memory.empty()) {
+    if (memory.atRelease.empty()) {
         throw Deviation("a buffer was not released");
     }
-    const std::uint16_t* const words = at(buffer % 2);
+    const std::uint16_t* const words = memory.atRelease.data() + offsetOf(buffer);
 
     const Command command = takeCommand(slot);
     if (recording) {
@@ -255,8 +258,12 @@ void ReferenceHost::exchange(Replay& bus, int buffer, const MemoryImage& memory,
     if (slot == 0) {
         fillPlayback(board);
     }
-    if (undisturbed) {
-        checkWritten(slot, command, at(1 - buffer % 2));
+    if (memory.undisturbed) {
+        MemoryImage due = memory.before;
+        write(board, slot, command.type == 6, due.data() + offsetOf(buffer ^ 1));
+        if (due != memory.atRelease) {
+            throw Deviation("other words than were due are in card memory");
+        }
     }
     if (findHandedOver(bus, slot) != buffer) {
         reportError(2, board.channels == 4 ? "Too Slow! Buffer already change"
@@ -391,24 +398,20 @@ void ReferenceHost::fillPlayback(Board& board) {
     }
 }
 
-void ReferenceHost::checkWritten(int slot, const Command& command,
-                                 const std::uint16_t* other) const {
-    const Board& board = boards[static_cast<std::size_t>(slot)];
+void ReferenceHost::write(const Board& board, int slot, bool hasSettings, std::uint16_t* words) {
     const TransferLayout& transfer = layoutOf(board.channels);
-    if (command.type == 6) {
-        std::vector<std::uint16_t> block = {layout::kApplySettings, 0};
+    if (hasSettings) {
+        std::uint16_t* place = std::fill_n(words + transfer.command, 1, layout::kApplySettings);
+        place = std::fill_n(place, 1, std::uint16_t{0});
         for (int port = 0; port < board.channels; ++port) {
             const Settings& line = board.settings[static_cast<std::size_t>(port)];
-            block.insert(block.end(), {line.beep, line.trigger, line.delay_ms});
+            for (const std::uint16_t word : {line.beep, line.trigger, line.delay_ms}) {
+                *place++ = word;
+            }
         }
-        block.insert(block.end(), 3, 0);
-        if (!std::equal(block.begin(), block.end(), other + transfer.command)) {
-            throw Deviation("the line settings are not in card memory");
-        }
-    } else if ((board.channels == 4 || slot == 0) &&
-               !std::equal(board.playback.begin(), board.playback.end(),
-                           bytesOf(other + transfer.playbackAudio))) {
-        throw Deviation("other playback audio in card memory than was due");
+        std::fill_n(place, 3, std::uint16_t{0});
+    } else if (board.channels == 4 || slot == 0) {
+        std::memcpy(words + transfer.playbackAudio, board.playback.data(), board.playback.size());
     }
 }
 

@@ -43,15 +43,21 @@ struct Report {
     std::vector<unsigned char> payload;
 };
 
+// Card memory in one pass of the cycle.
+struct PassMemory {
+    MemoryImage before;
+    MemoryImage atRelease;  // empty when no buffer was released
+    bool undisturbed;       // no DSP worked during the pass: what changed, the driver changed
+};
+
 class ReferenceHost {
   public:
     explicit ReferenceHost(const Detected& detected);
 
     bool boot(Replay& bus);
     // One pass of the cycle, its sleep included. Throws Deviation when the driver did something
-    // else, on the bus or in card memory. undisturbed: no DSP worked during the pass, so that what
-    // was written into its memory is there still.
-    void pass(Replay& bus, const MemoryImage& memory, bool undisturbed);
+    // else, on the bus or in card memory.
+    void pass(Replay& bus, const PassMemory& memory);
 
     // What the client does, between two passes.
     void send(int type, const std::vector<unsigned char>& bytes);
@@ -98,7 +104,7 @@ class ReferenceHost {
     int findHandedOver(Replay& bus, int slot) const;
     int findHandedOver(Replay& bus) const;
     void release(Replay& bus, int buffer);
-    void exchange(Replay& bus, int buffer, const MemoryImage& memory, bool undisturbed);
+    void exchange(Replay& bus, int buffer, const PassMemory& memory);
     Command takeCommand(int slot);
     void reportLines(Replay& bus, int slot, const std::uint16_t* words);
     void reportText(int type, int channel, const unsigned char* field, int capacity);
@@ -108,7 +114,8 @@ class ReferenceHost {
     void monitor(const Board& board, const unsigned char* bytes);
     void applySettings(Board& board, const std::vector<unsigned char>& table);
     void fillPlayback(Board& board);
-    void checkWritten(int slot, const Command& command, const std::uint16_t* other) const;
+    // What an exchange writes into the other buffer.
+    static void write(const Board& board, int slot, bool hasSettings, std::uint16_t* words);
     void judgeCounter(Board& board, std::uint32_t counter);
 
     std::vector<Board> boards;
