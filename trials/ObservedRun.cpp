@@ -48,14 +48,18 @@ Detected ObservedRun::judgeDetection() {
 
 void ObservedRun::boot() {
     const std::uint64_t start = simulatedPc.now();
+    MemoryImage due = simulatedPc.memoryNow();
     const bool booted = boardManager.bootload();
     const std::vector<Access> record = simulatedPc.takeRecord();
     rememberAll(record);
     Replay bus(record, start);
-    if (referenceHost.boot(bus) != booted) {
+    if (referenceHost.boot(bus, due) != booted) {
         throw Deviation("the boot says that it has gone the other way");
     }
     bus.end();
+    if (simulatedPc.memoryNow() != due) {
+        throw Deviation("the boot leaves other words in card memory than were due");
+    }
 }
 
 void ObservedRun::cycle(std::function<void()> client) {

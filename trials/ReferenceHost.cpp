@@ -112,6 +112,12 @@ const unsigned char* bytesOf(const std::uint16_t* words) {
     return reinterpret_cast<const unsigned char*>(words);
 }
 
+void fillWithSilence(std::vector<unsigned char>& audio) {
+    for (std::size_t i = 0; i < audio.size(); ++i) {
+        audio[i] = bytesOf(kSilence)[i % sizeof kSilence];
+    }
+}
+
 }  // namespace
 
 Firmware readFirmware(int channels) {
@@ -172,18 +178,18 @@ ReferenceHost::ReferenceHost(const Detected& detected) {
     }
 }
 
-bool ReferenceHost::boot(Replay& bus) {
-    bool booted = true;
+bool ReferenceHost::boot(Replay& bus, MemoryImage& memory) {
     for (int slot = 0; slot < numBoards(); ++slot) {
         Board& board = boards[static_cast<std::size_t>(slot)];
-        booted = booted && referenceBoot(bus, slot, board.channels, board.firmware);
-        if (booted) {
-            for (std::size_t i = 0; i < board.playback.size(); ++i) {
-                board.playback[i] = bytesOf(kSilence)[i % sizeof kSilence];
-            }
+        if (!referenceBoot(bus, slot, board.channels, board.firmware)) {
+            return false;
+        }
+        fillWithSilence(board.playback);
+        for (const int buffer : {2 * slot, 2 * slot + 1}) {
+            write(board, slot, false, memory.data() + offsetOf(buffer));
         }
     }
-    return booted;
+    return true;
 }
 
 void ReferenceHost::pass(Replay& bus, const PassMemory& memory) {
@@ -199,7 +205,8 @@ void ReferenceHost::pass(Replay& bus, const PassMemory& memory) {
         }
         if (lockUps > 6) {
             bus.sleep(3'000'000);
-            boot(bus);
+            MemoryImage unwatched = memory.before;
+            boot(bus, unwatched);
             bus.sleep(1'000'000);
             lockUps = 0;
         }
@@ -392,9 +399,7 @@ void ReferenceHost::fillPlayback(Board& board) {
         std::copy_n(ring.begin(), count, board.playback.begin());
         ring.erase(ring.begin(), ring.begin() + count);
     } else {
-        for (std::size_t i = 0; i < board.playback.size(); ++i) {
-            board.playback[i] = bytesOf(kSilence)[i % sizeof kSilence];
-        }
+        fillWithSilence(board.playback);
     }
 }
 

@@ -54,7 +54,9 @@ class ReferenceHost {
   public:
     explicit ReferenceHost(const Detected& detected);
 
-    bool boot(Replay& bus);
+    // Boots the cards up to the first that fails; whether none did. memory becomes what it has to
+    // be afterwards.
+    bool boot(Replay& bus, MemoryImage& memory);
     // One pass of the cycle, its sleep included. Throws Deviation when the driver did something
     // else, on the bus or in card memory.
     void pass(Replay& bus, const PassMemory& memory);
