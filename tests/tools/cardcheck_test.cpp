@@ -16,7 +16,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
-    const std::string lockdown = "the kernel is locked down (integrity), for root as well";
+    const std::string lockdown = "0x31F refused: the kernel is locked down (integrity)";
     const struct {
         int portsErrno, deviceErrno;
         Rights rights;
@@ -42,6 +42,8 @@ TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
         report.summarise();
         EXPECT_THAT(rows.str(), HasSubstr(" " + std::to_string(machine.failures) + " failed,"));
         EXPECT_THAT(rows.str(), HasSubstr(machine.cause));
+        EXPECT_EQ(machine.deviceErrno != 0,
+                  rows.str().find("FAIL  /dev/mem: ") != std::string::npos);
         EXPECT_THAT(rows.str(), Not(HasSubstr(machine.neverSaid)));
     }
 }
@@ -93,7 +95,7 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
         {sim + "--cards none,4" + check, 1, "FAIL  card 1: answers at 0x310, but is used beside"},
         {sim + "--fault wrong-echo" + check, 1, "0x300 (wrote 0x55, read 0xAA): another device"},
         {"cd / && " + sim + "--cards 4" + check, 1, "FAIL  LOAD_4CH.TXT: no LOAD_4CH.TXT in /"},
-        {CARDCHECK " --files-only", 0, "SKIP  hardware: not touched"},
+        {CARDCHECK " --files-only", 0, "LOAD_4CH.TXT: 3 records, 548 words, checksum 24883"},
         {CARDCHECK " --files-only nowhere LOAD_4CH.TXT", 1, "cardcheck: 4 passed, 1 failed, 1 sk"},
         {CARDCHECK " </dev/null", 2, "refused without --reset-cards"},
         {CARDCHECK " --files-only --reset-cards", 2, "does not go with"},
