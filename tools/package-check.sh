@@ -11,7 +11,7 @@ Builds the Debian package, makes a clean Debian 12 root, installs the package th
 records calls on simulated cards from it, removes it, and checks that nothing of it is left.
 Takes some minutes, a network and 1 GB under TMPDIR (/tmp); run it as root.
 
-  DEBIAN_MIRROR   where Debian comes from; http://deb.debian.org/debian when not set
+  DEBIAN_MIRROR   where Debian comes from; debootstrap's own choice when not set
 
 Exit status: 0 all of it went well, 1 something did not (the message says what), 2 wrong usage.
 TEXT
@@ -29,7 +29,7 @@ case ${1-} in
         ;;
 esac
 
-mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
+mirror=(${DEBIAN_MIRROR:+"$DEBIAN_MIRROR"})
 work=
 child=
 
@@ -123,7 +123,7 @@ package=(build/package/*.deb)
 if command -v lintian >/dev/null; then
     run "lintian" lintian --allow-root --fail-on error,warning "${package[0]}"
 fi
-run "making a clean Debian 12 from $mirror" debootstrap --variant=minbase bookworm "$root" "$mirror"
+run "making a clean Debian 12" debootstrap --variant=minbase bookworm "$root" "${mirror[@]}"
 mount -t proc proc "$root/proc"
 cp "${package[0]}" "$root/tmp/dspcard.deb"
 
