@@ -41,7 +41,11 @@ void del(objlist& list, int index) {
     if (list.ownsObjects) {
         delete *item;
     }
-    list.objects.erase(item);
+    if (index == 0) {
+        list.objects.pop_front();
+    } else {
+        list.objects.erase(item);
+    }
 }
 
 int length(const objlist& list) {
