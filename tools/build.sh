@@ -33,9 +33,10 @@ build() {
     fi
 }
 
-(($# > 0)) || fail "which preset? release, debug, asan, tsan or fuzz"
+(($# > 0)) || fail "which preset? release, debug, asan, tsan, fuzz or bench"
 case $1 in
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    bench) packages+=(libbenchmark-dev) ;;
 esac
 tools/install-missing.sh "${packages[@]}"
 build "$@"
