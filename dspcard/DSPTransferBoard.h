@@ -119,9 +119,10 @@ void DSPTransferBoard<Card, Transfer>::transferBufferToCard(Transfer* buffer, in
 
 template <class Card, class Transfer>
 void DSPTransferBoard<Card, Transfer>::fillWithSilence(Transfer* buffer) {
+    static_assert(kAudioBytes % sizeof(silence) == 0);
     auto& audio = buffer->playbackPortData.voiceBuffer;
-    for (std::size_t i = 0; i < std::size(audio); ++i) {
-        audio[i] = silence[i % std::size(silence)];
+    for (std::uint16_t* next = audio; next != std::end(audio);) {
+        next = std::copy(std::begin(silence), std::end(silence), next);
     }
 }
 
