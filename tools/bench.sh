@@ -9,7 +9,7 @@ Usage: tools/bench.sh [--quick]
 
 Installs what is missing from Debian's packages, builds, runs all benchmarks and prints one table:
 the floor (the least that the work takes), the driver, their ratio, and the goal where there is
-one. About four minutes; a minute with --quick, whose figures are less steady. No card is needed.
+one. About three minutes; one with --quick, whose figures are less steady. No card is needed.
 docs/benchmarks.md tells what the rows mean. The single results stay in build/bench/results.
 
 Exit status: 0 all goals met, 1 not all or something failed, 2 wrong usage.
