@@ -150,13 +150,13 @@ void DSPTransferBoard<Card, Transfer>::sendText(int port) {
     constexpr int kMaxDigits = sizeof(data.DTMFBuffer) - 1;
     constexpr int kMaxCaller = sizeof(data.CLIBuffer) - 1;
 
-    const int digits = static_cast<signed char>(data.DTMFBuffer[0]);
+    const int digits = static_cast<std::int8_t>(data.DTMFBuffer[0]);
     if (digits > 0) {
         card().announceDigits(port, digits);
         MessageDispatcher::getInstance().addPacketToSendQueue(
             new DTMFPacket(&data.DTMFBuffer[1], std::min(digits, kMaxDigits), firstChannel + port));
     }
-    const int caller = static_cast<signed char>(data.CLIBuffer[0]);
+    const int caller = static_cast<std::int8_t>(data.CLIBuffer[0]);
     if (caller > 0) {
         ConsoleLine(std::cout) << "Sending CLI Packet to Java: channel=" << port
                                << " length=" << caller;

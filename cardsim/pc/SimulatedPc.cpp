@@ -40,7 +40,7 @@ Cards makeCards(const SimulatedPc::Options& options, volatile std::uint16_t* mem
             slots[slot] = cardOptions(options, slot);
         }
     }
-    return Cards(slots, memory, report);
+    return {slots, memory, report};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,7 @@ class Entry {
         if (!seconds || !(*seconds >= 0 && *seconds <= kLongest_s)) {
             refuseValue(key, "must be a time in seconds, 0 or more");
         }
-        return static_cast<std::uint64_t>(*seconds * 1e6 + 0.5);
+        return static_cast<std::uint64_t>(std::llround(*seconds * 1e6));
     }
 
     int number(const char* key, int highest) {
@@ -65,7 +66,7 @@ class Entry {
     }
 
     std::string digits(const char* key) {
-        const std::string digits = text(key);
+        std::string digits = text(key);
         if (digits.empty() || digits.find_first_not_of("0123456789*#ABCD") != std::string::npos) {
             refuseValue(key, "must be made of the digits 0 to 9, *, # and A to D");
         }
@@ -73,7 +74,7 @@ class Entry {
     }
 
     std::string caller(const char* key) {
-        const std::string caller = text(key);
+        std::string caller = text(key);
         const bool isPlain =
             std::all_of(caller.begin(), caller.end(), [](char c) { return c >= ' ' && c <= '~'; });
         if (caller.empty() || caller.size() >= layout::kCallerBytes || !isPlain) {

@@ -85,8 +85,7 @@ jbyteArray fetchFrame(JNIEnv* env) {
     const jbyteArray frame = env->NewByteArray(kFrameHeaderLength + packet->getLength());
     if (frame == nullptr) {
         env->ExceptionClear();
-        dispatcher.returnPacketToSendQueue(packet.get());
-        packet.release();
+        dispatcher.returnPacketToSendQueue(packet.release());
         ConsoleLine(std::cerr) << "getPacket: the Java VM has no memory for a packet; it waits";
         return nullptr;
     }
