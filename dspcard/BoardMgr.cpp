@@ -31,7 +31,7 @@ BoardMgr& BoardMgr::getInstance() {
     return *pInstance;
 }
 
-BoardMgr::BoardMgr() : numBoards(0), dspCardsMem(nullptr), recording(false) {
+BoardMgr::BoardMgr() {
     setUpCards();
 }
 

@@ -80,8 +80,8 @@ class BoardMgr {
 
     std::unique_ptr<DSPBoard> boards[kMaxBoards];
     std::unique_ptr<Packet> pendingCommand[kMaxBoards];  // waits for the board's next exchange
-    int numBoards;
+    int numBoards = 0;
     DirectIO directIO;
-    char* dspCardsMem;
-    std::atomic<bool> recording;
+    char* dspCardsMem = nullptr;
+    std::atomic<bool> recording{false};
 };

@@ -28,17 +28,7 @@ DSPBoard::DSPBoard(int bNumber, unsigned short nChannels, char* bAddress, int fC
       boardNumber(bNumber),
       firstChannel(fChannel),
       baseAddr(bAddress),
-      basePort(basePortOfBoard(bNumber)),
-      monitoringChannel(kNoChannel),
-      transferCounter(0),
-      playbackEnabled(false),
-      pendingCommand(nullptr),
-      debugEnabled(false),
-      lockedUp(false),
-      outputMonitoring(false),
-      triggered{},
-      offHookTrigger{},
-      initialLineSettingsReceived(false) {
+      basePort(basePortOfBoard(bNumber)) {
     bootloader.init(basePort, numChannels, boardNumber);
 }
 

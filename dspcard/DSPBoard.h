@@ -86,14 +86,14 @@ class DSPBoard {
     int firstChannel;
     char* baseAddr;
     std::uint16_t basePort;
-    std::atomic<int> monitoringChannel;
-    std::uint32_t transferCounter;  // of the last buffer exchanged; 0 until the first
-    std::atomic<bool> playbackEnabled;
-    Packet* pendingCommand;
-    std::atomic<bool> debugEnabled;
-    bool lockedUp;
-    std::atomic<bool> outputMonitoring;
-    std::atomic<bool> triggered[kMaxPorts];  // as last reported to the client
-    bool offHookTrigger[kMaxPorts];          // the trigger follows the hook, not the voice
-    bool initialLineSettingsReceived;        // no trigger is reported before
+    std::atomic<int> monitoringChannel{kNoChannel};
+    std::uint32_t transferCounter = 0;  // of the last buffer exchanged; 0 until the first
+    std::atomic<bool> playbackEnabled{false};
+    Packet* pendingCommand = nullptr;
+    std::atomic<bool> debugEnabled{false};
+    bool lockedUp = false;
+    std::atomic<bool> outputMonitoring{false};
+    std::atomic<bool> triggered[kMaxPorts] = {};  // as last reported to the client
+    bool offHookTrigger[kMaxPorts] = {};          // the trigger follows the hook, not the voice
+    bool initialLineSettingsReceived = false;     // no trigger is reported before
 };

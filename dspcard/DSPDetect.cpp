@@ -26,7 +26,7 @@ bool isBoardNumber(int brd) {
 
 }  // namespace
 
-DSPDetect::DSPDetect() : portFd(-1) {
+DSPDetect::DSPDetect() {
     ConsoleLine(std::cout) << "DSPDetect: Opening /dev/port";
 }
 

@@ -50,5 +50,5 @@ class DSPDetect {
     Echo echoOfFirstPattern(int basePort);
     Echo echoOf(unsigned char pattern, int basePort);
 
-    int portFd;  // -1 when not open
+    int portFd = -1;  // -1 when not open
 };

@@ -173,7 +173,7 @@ class RecordedDataPacket : public Packet {
 // Audio to be played out through card 0. Payload: 0 to 600 bytes in the card's encoding.
 class PlaybackDataPacket : public Packet {
   public:
-    PlaybackDataPacket();
+    PlaybackDataPacket() = default;
 
     int getType() const override;
     int getLength() const override;
@@ -183,8 +183,8 @@ class PlaybackDataPacket : public Packet {
     pt::string toString() const override;
 
   private:
-    unsigned char playbackData[600];
-    int length;
+    unsigned char playbackData[600] = {};
+    int length = 0;
 };
 
 // The settings of all 16 channels of the system. Payload: 48 bytes, for each channel its BeepType,

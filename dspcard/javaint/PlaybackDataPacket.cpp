@@ -2,8 +2,6 @@
 
 #include "Packet.h"
 
-PlaybackDataPacket::PlaybackDataPacket() : playbackData{}, length(0) {}
-
 int PlaybackDataPacket::getType() const {
     return PACKET_PLAYBACK_DATA;
 }
