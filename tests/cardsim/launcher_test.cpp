@@ -128,7 +128,7 @@ TEST_F(Launcher, LeavesTheProgramsArgumentsInputAndOutputAlone) {
 
 TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeed) {
     const auto run = [&](const std::string& seed, const std::string& name) {
-        const Outcome outcome = cardsim(
+        Outcome outcome = cardsim(
             "--cards 4,8 --virtual-time --seconds 600 --traffic --fault nonsense@1% --seed " +
             seed + " --speaker $files/speaker --report $files/" + name + " -- $main");
         EXPECT_EQ(outcome.status, 0);

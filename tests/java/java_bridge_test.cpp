@@ -70,7 +70,7 @@ class JavaBridge : public testing::Test {
     }
 
     Bytes getPacket() {
-        const auto frame = Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(&env, nullptr);
+        auto* const frame = Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(&env, nullptr);
         EXPECT_FALSE(exceptionPending);
         return frame == nullptr ? Bytes() : Bytes(bytesOf(frame).begin(), bytesOf(frame).end());
     }
