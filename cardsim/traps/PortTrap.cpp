@@ -41,7 +41,6 @@ bool mayAccess(unsigned long port, int bytes) {
 bool carryOut(ucontext_t& context) {
     auto& registers = context.uc_mcontext.gregs;
     PortInstruction instruction{};
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the register is where the address comes from
     const auto* const code = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
     const auto port = static_cast<std::uint16_t>(registers[REG_RDX]);
     Hardware* const hardware = attachedHardware();
