@@ -4,8 +4,10 @@ package com.zivolt.hardware.dsp.cppint;
  * The driver of the line cards, as Java reaches it: packets as bytes, and the switches.
  *
  * <p>The driver is one per process; every {@code CPPBridge} object reaches the same one. All
- * methods may be called from any thread, several at once, return at once and throw nothing: what
- * the driver refuses it tells in a line on the standard error stream of the process.
+ * methods may be called from any thread, several at once, and throw nothing: what the driver
+ * refuses it tells in a line on the standard error stream of the process. {@link #initialize},
+ * {@link #getPacket} and {@link #putPacket} return at once; the others wait until the cards have
+ * been found, and find them if nobody has.
  *
  * <p>Loading this class loads {@code libdspcard.so}, which must lie in a folder of
  * {@code java.library.path}. Applications that would rather not take bytes apart use
