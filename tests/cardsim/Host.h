@@ -9,13 +9,12 @@
 #include "model/Cards.h"
 
 struct HostLayout {
-    int ports, length, firstPort, portLength, audioLength, digits, digitsLength, caller;
-    int playbackAudio, period_ms;
+    int ports, firstPort, portLength, digits, digitsLength, caller, period_ms;
 };
 
 constexpr HostLayout hostLayout(int channels) {
-    return channels == 4 ? HostLayout{4, 4078, 38, 708, 600, 608, 50, 658, 2878, 450}
-                         : HostLayout{8, 3554, 62, 388, 300, 308, 30, 338, 3174, 225};
+    return channels == 4 ? HostLayout{4, 38, 708, 608, 50, 658, 450}
+                         : HostLayout{8, 62, 388, 308, 30, 338, 225};
 }
 
 class Host {
@@ -23,7 +22,8 @@ class Host {
     explicit Host(int channels0, int channels1 = 0, const std::vector<cardsim::Fault>& faults = {},
                   std::uint64_t seed = 1)
         : cards({slot(channels0, faults, seed), slot(channels1, faults, seed)}, memory.data(),
-                report) {}
+                report),
+          period_ms(hostLayout(channels0).period_ms) {}
     Host(const Host&) = delete;
 
     int in(int port, int bytes = 2) {
@@ -65,12 +65,18 @@ class Host {
         return send({0x08AA, 0x7FFF, 0xF800, 0, 0x80, 2, 0, 0x80, 0x1234, 0xFFFF, 0}, base);
     }
 
-    // Which buffers are handed over: bit 0 and bit 1.
-    int handedOver(int base = 0x300) { return (in(base + 2) & 1) | (in(base + 4) & 1) << 1; }
-    void release(int buffer, int base = 0x300) { out(base + 2 + 2 * buffer, 0x1A); }
-
-    volatile std::uint16_t& word(int buffer, int byteOffset, int card = 0) {
-        return memory[static_cast<std::size_t>(card * 0x1000 + buffer * 0x800 + byteOffset / 2)];
+    // Which buffers of card 0 are handed over: bit 0 and bit 1.
+    int handedOver() { return (in(0x302) & 1) | (in(0x304) & 1) << 1; }
+    void release(int buffer) { out(0x302 + 2 * buffer, 0x1A); }
+    // Card 0's next buffer is handed over and released; its number.
+    int exchange() {
+        wait(period_ms);
+        const int buffer = handedOver() == 1 ? 0 : 1;
+        release(buffer);
+        return buffer;
+    }
+    volatile std::uint16_t& word(int buffer, int byteOffset) {
+        return memory[static_cast<std::size_t>(buffer * 0x800 + byteOffset / 2)];
     }
     int counter(int buffer) { return word(buffer, 0) | word(buffer, 2) << 16; }
 
@@ -86,4 +92,5 @@ class Host {
         const cardsim::CardOptions card{channels, 0, cardsim::AudioSource::kPattern, faults, seed};
         return channels == 0 ? std::nullopt : std::optional(card);
     }
+    const int period_ms;
 };

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,7 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace {
 
@@ -54,19 +53,16 @@ class Launcher : public testing::Test {
         return {WEXITSTATUS(status), contentOf(folder / "out"), contentOf(folder / "err")};
     }
     Outcome cardsim(const std::string& arguments) const { return shell("$cardsim " + arguments); }
-
-    json report(const std::string& name = "report.json") const {
-        return json::parse(contentOf(folder / name));
+    Outcome benchProgram(const std::string& options) const {
+        return cardsim("--virtual-time " + options + " --report $files/report -- $main");
     }
+    json report() const { return json::parse(contentOf(folder / "report")); }
 
     fs::path folder;
 };
 
 TEST_F(Launcher, RefusesWrongUsageInOneLine) {
-    const struct {
-        const char* arguments;
-        const char* reason;
-    } cases[] = {
+    const std::pair<std::string, const char*> kCases[] = {
         {"", "no program given"},
         {"--cards 4 --", "no program given"},
         {"true", "the program stands behind --"},
@@ -77,7 +73,7 @@ TEST_F(Launcher, RefusesWrongUsageInOneLine) {
         {"--seed -1 -- true", "\"-1\" is no whole number"},
         {"--seed 18446744073709551616 -- true", "no whole number"},
         {"--seconds 0 -- true", "--seconds"},
-        {"--seconds soon -- true", "soon"},
+        {"--seconds nan -- true", "--seconds"},
         {"--period-ms 0 -- true", "--period-ms"},
         {"--audio loud -- true", "\"loud\" is neither pattern nor pleasant"},
         {"--fault gremlin -- true", "no kind of fault \"gremlin\""},
@@ -87,127 +83,41 @@ TEST_F(Launcher, RefusesWrongUsageInOneLine) {
         {"--speaker $files/no/s -- true", "cannot write"},
         {"--report $files/no/r -- true", "cannot write"},
     };
-    for (const auto& wrong : cases) {
-        const Outcome outcome = cardsim(wrong.arguments);
-        EXPECT_EQ(outcome.status, 2) << wrong.arguments;
-        EXPECT_EQ(outcome.out, "") << wrong.arguments;
-        EXPECT_THAT(outcome.err, AllOf(StartsWith("cardsim: "), HasSubstr(wrong.reason),
-                                       ContainsRegex("^[^\n]*\nTry: cardsim --help\n$")))
-            << wrong.arguments;
+    for (const auto& [arguments, reason] : kCases) {
+        SCOPED_TRACE(arguments);
+        const Outcome outcome = cardsim(arguments);
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_THAT(outcome.err, AllOf(StartsWith("cardsim: "), HasSubstr(reason),
+                                       ContainsRegex("^[^\n]*\nTry: cardsim --help\n$")));
     }
 }
 
-TEST_F(Launcher, AnswersAsTheProgramDid) {
+TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEnds) {
     std::ofstream(folder / "data") << "no program\n";
-    const struct {
-        const char* program;
-        int status;
-        const char* message;
-    } cases[] = {
-        {"true", 0, "card 0: 4 channels"},
-        {"sh -c 'exit 7'", 7, "card 0: 4 channels"},
-        {"sh -c 'kill -SEGV $$'", 128 + 11, "card 0: 4 channels"},
-        {"no-such-program", 127, "cardsim: cannot start no-such-program: No such file"},
-        {"$files/data", 126, "/data: Permission denied"},
+    const std::string granted = "stubborn: granted\n";
+    const std::tuple<std::string, int, std::string, const char*> kCases[] = {
+        {"-- sh -c 'exit 7'", 7, "", "card 0: 4 channels"},
+        {"-- sh -c 'kill -SEGV $$'", 128 + SIGSEGV, "", "card 0: 4 channels"},
+        {"-- no-such-program", 127, "", "cardsim: cannot start no-such-program: No such file"},
+        {"-- $files/data", 126, "", "/data: Permission denied"},
+        {"-- $user crash", 128 + SIGABRT, "crash: granted\n", "\n  1 port accesses in "},
+        {"--seconds 0.2 -- $user stubborn", 0, granted, "report of the cards"},
+        {"--seconds 7 --virtual-time -- $user stubborn", 0, granted, " in 7.000 s"},
+        {"-- $user share", 0, "share: granted\nchild: EBUSY\nask: EBUSY\nstill reads 0\n",
+         "cardsim: no simulated cards for process "},
+        {"--seed 5 -- sh -c 'cat >$files/in; printf \"<%s>\" \"$@\"; echo aside >&2' "
+         "sh -- '[a,b]' '' --help <LOAD_4CH.TXT",
+         0, "<--><[a,b]><><--help>", "cardsim: simulated: card 0 with 4 channels; seed 5\naside\n"},
     };
-    for (const auto& each : cases) {
-        const Outcome outcome = cardsim(std::string("-- ") + each.program);
-        EXPECT_EQ(outcome.status, each.status) << each.program;
-        EXPECT_THAT(outcome.err, HasSubstr(each.message)) << each.program;
+    for (const auto& [arguments, status, out, message] : kCases) {
+        SCOPED_TRACE(arguments);
+        const Outcome outcome = cardsim(arguments);
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_EQ(outcome.out, out);
+        EXPECT_THAT(outcome.err, HasSubstr(message));
     }
-}
-
-TEST_F(Launcher, LeavesTheProgramsArgumentsInputAndOutputAlone) {
-    const Outcome outcome = cardsim(
-        "--seed 5 -- sh -c 'cat; printf \"<%s>\" \"$@\"; echo aside >&2' sh -- '[a,b]' '' --help "
-        "<LOAD_4CH.TXT");
-    EXPECT_EQ(outcome.out, contentOf(FIRMWARE_FOLDER "/LOAD_4CH.TXT") + "<--><[a,b]><><--help>");
-    EXPECT_THAT(outcome.err,
-                StartsWith("cardsim: simulated: card 0 with 4 channels; seed 5\naside\n"));
-}
-
-TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeed) {
-    const auto run = [&](const std::string& seed, const std::string& name) {
-        Outcome outcome = cardsim(
-            "--cards 4,8 --virtual-time --seconds 600 --traffic --fault nonsense@1% --seed " +
-            seed + " --speaker $files/speaker --report $files/" + name + " -- $main");
-        EXPECT_EQ(outcome.status, 0);
-        return outcome;
-    };
-    const Outcome first = run("11", "first.json");
-    const Outcome second = run("11", "second.json");
-    EXPECT_EQ(first.out, second.out);
-    EXPECT_EQ(first.err, second.err);
-    EXPECT_EQ(contentOf(folder / "first.json"), contentOf(folder / "second.json"));
-    EXPECT_EQ(report("first.json")["elapsedMicroseconds"], 600'000'000);
-
-    run("12", "other.json");
-    EXPECT_NE(report("first.json")["timeline"], report("other.json")["timeline"]);
-}
-
-TEST_F(Launcher, ReportsWhatTheCardsSawOfTheBenchProgram) {
-    const Outcome outcome = cardsim(
-        "--cards 4,8 --virtual-time --seconds 60 --speaker $files/speaker --report "
-        "$files/report.json -- $main");
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_THAT(outcome.out, HasSubstr("Transfer Count = "));
-    const json cards = report()["cards"];
-    ASSERT_EQ(cards.size(), 2u);
-    for (const json& card : cards) {
-        EXPECT_EQ(card["boots"], 1);
-        // What the driver counted as it sent the sections.
-        for (const json& block : card["image"]["blocks"]) {
-            EXPECT_THAT(outcome.err,
-                        HasSubstr(".BIN Checksum: " + block["checksum"].dump() + "\n"));
-        }
-        EXPECT_EQ(card["image"]["blocks"].size(), card["channels"] == 4 ? 3u : 4u);
-        EXPECT_EQ(card["missed"], 0);
-        EXPECT_GE(card["served"], card["handedOver"].get<int>() - 1) << "all but the one under way";
-    }
-    EXPECT_GT(cards[0]["served"], 100);
-    EXPECT_GT(cards[0]["bytesPlayed"], 0);
-    EXPECT_EQ(cards[0]["bytesPlayed"], fs::file_size(folder / "speaker"));
-    EXPECT_THAT(outcome.err, HasSubstr("checksum " + cards[1]["image"]["checksum"].dump()));
-}
-
-TEST_F(Launcher, LetsFaultsAndScenariosHappen) {
-    EXPECT_THAT(cardsim("--virtual-time --seconds 60 --fault absent -- $main").err,
-                HasSubstr("Detected 0 boards"));
-
-    std::ofstream(folder / "call.toml")
-        << "[[event]]\nat = 20\nline = 2\ndo = \"call\"\ntalk = 5\n";
-    const Outcome outcome = cardsim(
-        "--virtual-time --seconds 60 --fault nonsense:digits@2 --fault counter-jump@5 --scenario "
-        "$files/call.toml --report $files/report.json -- $main");
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(report()["cards"][0]["faults"], 2);
-    EXPECT_EQ(report()["cards"][0]["calls"], 1);
-}
-
-TEST_F(Launcher, ReportsAfterACrash) {
-    const Outcome outcome = cardsim("--report $files/report.json -- $user crash");
-    EXPECT_EQ(outcome.status, 128 + SIGABRT);
-    EXPECT_EQ(report()["portAccesses"], 1);
-    EXPECT_THAT(outcome.err, HasSubstr("1 port accesses"));
-}
-
-TEST_F(Launcher, GivesTheCardsToOneProcess) {
-    const Outcome outcome = cardsim("-- $user share");
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_THAT(outcome.out, AllOf(StartsWith("parent: granted\nchild: EBUSY\nask: EBUSY\n"),
-                                   HasSubstr("parent still reads")));
-    EXPECT_THAT(outcome.err, ContainsRegex("no simulated cards for process [0-9]+: process [0-9]+"
-                                           " has them"));
-}
-
-TEST_F(Launcher, KillsAProgramThatDoesNotWantToEnd) {
-    const Outcome real = cardsim("--seconds 0.2 -- $user stubborn");
-    EXPECT_EQ(real.status, 0);
-    EXPECT_EQ(real.out, "stubborn: granted\n");
-
-    const Outcome inVirtualTime = cardsim("--seconds 7 --virtual-time -- $user stubborn");
-    EXPECT_EQ(inVirtualTime.status, 0);
-    EXPECT_THAT(inVirtualTime.err, HasSubstr("in 7.000 s"));
+    EXPECT_EQ(contentOf(folder / "in"), contentOf(FIRMWARE_FOLDER "/LOAD_4CH.TXT"));
 }
 
 TEST_F(Launcher, EndsTheCardsProcessBelowAScript) {
@@ -220,15 +130,59 @@ TEST_F(Launcher, EndsTheCardsProcessBelowAScript) {
 }
 
 TEST_F(Launcher, PassesOnTheSignalsThatEndIt) {
-    for (const char* const name : {"TERM", "HUP"}) {
+    for (const auto& [name, number] : {std::pair("TERM", SIGTERM), std::pair("HUP", SIGHUP)}) {
         const Outcome outcome = shell(
             "$cardsim -- sh -c 'echo up; exec sleep 60' >$files/up & "
             "until [ -s $files/up ]; do sleep 0.05; done; rm $files/up; "
             "kill -" +
             std::string(name) + " $!; wait $!");
-        EXPECT_EQ(outcome.status, name == std::string("TERM") ? 128 + SIGTERM : 128 + SIGHUP);
+        EXPECT_EQ(outcome.status, 128 + number);
         EXPECT_THAT(outcome.err, HasSubstr("report of the cards"));
     }
+}
+
+TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeedAndAllThatTheCardsSaw) {
+    const std::string options =
+        "--cards 4,8 --seconds 600 --traffic --fault nonsense@1% --speaker $files/speaker --seed ";
+    const Outcome first = benchProgram(options + "11");
+    const json seen = report();
+    const Outcome second = benchProgram(options + "11");
+    EXPECT_EQ(first.out, second.out);
+    EXPECT_EQ(first.err, second.err);
+    EXPECT_EQ(seen, report());
+    EXPECT_EQ(benchProgram(options + "12").status, 0);
+    EXPECT_NE(seen["timeline"], report()["timeline"]);
+
+    EXPECT_EQ(first.status, 0);
+    EXPECT_THAT(first.out, HasSubstr("Transfer Count = "));
+    EXPECT_EQ(seen["elapsedMicroseconds"], 600'000'000);
+    const json& cards = seen["cards"];
+    ASSERT_EQ(cards.size(), 2u);
+    for (const json& card : cards) {
+        EXPECT_EQ(card["boots"], 1);
+        // What the driver counted as it sent the sections.
+        for (const json& block : card["image"]["blocks"]) {
+            EXPECT_THAT(first.err, HasSubstr(".BIN Checksum: " + block["checksum"].dump() + "\n"));
+        }
+        EXPECT_EQ(card["image"]["blocks"].size(), card["channels"] == 4 ? 3u : 4u);
+        EXPECT_GT(card["served"], 1000);
+        EXPECT_GE(card["served"], card["handedOver"].get<int>() - 1) << "all but the one under way";
+        EXPECT_EQ(card["missed"], 0);
+    }
+    EXPECT_GT(cards[0]["bytesPlayed"], 0);
+    EXPECT_EQ(report()["cards"][0]["bytesPlayed"], fs::file_size(folder / "speaker"));
+    EXPECT_THAT(first.err, HasSubstr("checksum " + cards[1]["image"]["checksum"].dump()));
+}
+
+TEST_F(Launcher, LetsFaultsAndScenariosHappen) {
+    std::ofstream(folder / "call.toml")
+        << "[[event]]\nat = 20\nline = 2\ndo = \"call\"\ntalk = 5\n";
+    const Outcome outcome = benchProgram(
+        "--seconds 60 --fault nonsense:digits@2 --fault counter-jump@5 --scenario "
+        "$files/call.toml");
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(report()["cards"][0]["faults"], 2);
+    EXPECT_EQ(report()["cards"][0]["calls"], 1);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <tuple>
 
 #include "Host.h"
 #include "scenario/FaultSyntax.h"
@@ -46,9 +48,7 @@ class Scenario : public testing::Test {
     const std::string path = testing::TempDir() + "scenario-" + std::to_string(getpid()) + ".toml";
 };
 
-// One event a line: at, line, do and its argument in that order.
 TEST_F(Scenario, HappensToTheLinesInDueTime) {
-    Host host(4, 8);
     const auto events = read(R"(
 event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digits = "5#", talk = 3.25 },
           { at = 1, line = 0, do = "call", digits = "456", talk = 2 },
@@ -62,6 +62,7 @@ event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digi
 )");
     EXPECT_EQ(1500u, events[0].time_us);
     EXPECT_EQ(path + ":4", events[0].origin);
+    Host host(4, 8);
     cardsim::planScenario(host.cards, events);
     std::vector<std::string> seen;
     for (int second = 0; second < 8; ++second) {
@@ -87,43 +88,38 @@ event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digi
 }
 
 TEST_F(Scenario, SaysWhereAndWhyItCannotBeUnderstood) {
-    const std::string start = "[[event]]\nat = 1\nline = 0\n";
-    const std::string rest = "\nline = 0\ndo = \"ring\"\n";
-    struct Row {
-        std::string text;
-        int line;
-        const char* reason;
+    const std::string begin = "[[event]]\nat = ";
+    const std::string end = "\nline = 0\ndo = \"ring\"\n";
+    const std::string start = begin + "1\nline = 0\ndo = ";
+    const std::tuple<std::string, int, const char*> kRows[] = {
+        {begin + "1\nline = \n", 3, "value"},
+        {"at = 1\n", 1, "only [[event]] tables"},
+        {"\n[event]\nat = 1\n", 2, "only [[event]] tables"},
+        {begin + "1" + end + "[[evnet]]\n", 5, "\"evnet\""},
+        {"\n[[event]]" + end, 2, "at is missing"},
+        {begin + "-0.1" + end, 2, "at must be a time"},
+        {begin + "nan" + end, 2, "at must be a time"},
+        {begin + "inf" + end, 2, "at must be a time"},
+        {begin + "\"1\"" + end, 2, "at must be a time"},
+        {begin + "1\nline = -1\n", 3, "line must be a whole number"},
+        {begin + "1\nline = 0.5\n", 3, "line must be a whole number"},
+        {begin + "1\nline = 0\n", 1, "do is missing"},
+        {start + "\"sing\"\n", 4, "ring-end, caller"},
+        {start + "\"ring\"\ncaller = \"1\"\n", 5, "\"caller\" does not belong"},
+        {start + "\"digits\"\ndigits = \"12x\"\n", 5, "digits must be made of"},
+        {start + "\"digits\"\ndigits = 12\n", 5, "digits must be a text"},
+        {start + "\"caller\"\ncaller = \"" + std::string(50, '1') + "\"\n", 5, "to 49"},
+        {start + "\"caller\"\ncaller = \"\\u00e4\"\n", 5, "1 to 49 plain"},
+        {start + "\"level\"\nlevel = 0x8000\n", 5, "from 0 to 32767"},
+        {start + "\"call\"\nring = 1\n", 1, "talk is missing"},
+        {start + "\"call\"\ntalk = 1\ncaller = \"1\"\n", 6, "ring is missing"},
+        {begin + "1\nline = 0\nfault = \"absent\"\n", 3, "\"line\" does not belong"},
+        {begin + "1\nfault = \"absnt\"\n", 3, "no kind of fault \"absnt\""},
     };
-    for (const Row& row : {
-             Row{"[[event]]\nat = 1\nline = \n", 3, "value"},
-             Row{"at = 1\n", 1, "only [[event]] tables"},
-             Row{"\n[event]\nat = 1\n", 2, "only [[event]] tables"},
-             Row{start + "do = \"ring\"\n[[evnet]]\n", 5, "\"evnet\""},
-             Row{"\n[[event]]" + rest, 2, "at is missing"},
-             Row{"[[event]]\nat = -0.1" + rest, 2, "at must be a time"},
-             Row{"[[event]]\nat = nan" + rest, 2, "at must be a time"},
-             Row{"[[event]]\nat = inf" + rest, 2, "at must be a time"},
-             Row{"[[event]]\nat = \"1\"" + rest, 2, "at must be a time"},
-             Row{"[[event]]\nat = 1\nline = -1\n", 3, "line must be a whole number"},
-             Row{"[[event]]\nat = 1\nline = 0.5\n", 3, "line must be a whole number"},
-             Row{start, 1, "do is missing"},
-             Row{start + "do = \"sing\"\n", 4, "ring-end, caller"},
-             Row{start + "do = \"ring\"\ncaller = \"1\"\n", 5, "\"caller\" does not belong"},
-             Row{start + "fault = \"absent\"\n", 3, "\"line\" does not belong"},
-             Row{start + "do = \"digits\"\ndigits = \"12x\"\n", 5, "digits must be made of"},
-             Row{start + "do = \"digits\"\ndigits = 12\n", 5, "digits must be a text"},
-             Row{start + "do = \"caller\"\ncaller = \"" + std::string(50, '1') + "\"\n", 5,
-                 "to 49"},
-             Row{start + "do = \"caller\"\ncaller = \"\\u00e4\"\n", 5, "1 to 49 plain"},
-             Row{start + "do = \"level\"\nlevel = 0x8000\n", 5, "from 0 to 32767"},
-             Row{start + "do = \"call\"\nring = 1\n", 1, "talk is missing"},
-             Row{start + "do = \"call\"\ntalk = 1\ncaller = \"1\"\n", 6, "ring is missing"},
-             Row{"[[event]]\nat = 1\nfault = \"absnt\"\n", 3, "no kind of fault \"absnt\""},
-         }) {
-        EXPECT_THAT(
-            complaint([&] { read(row.text); }),
-            AllOf(StartsWith(path + ":" + std::to_string(row.line) + ": "), HasSubstr(row.reason)))
-            << row.text;
+    for (const auto& [text, line, reason] : kRows) {
+        EXPECT_THAT(complaint([&text = text, this] { read(text); }),
+                    AllOf(StartsWith(path + ":" + std::to_string(line) + ": "), HasSubstr(reason)))
+            << text;
     }
     EXPECT_EQ("/no/file: No such file or directory",
               complaint([] { cardsim::readScenario("/no/file"); }));
@@ -131,53 +127,51 @@ TEST_F(Scenario, SaysWhereAndWhyItCannotBeUnderstood) {
 }
 
 TEST_F(Scenario, IsCheckedAgainstTheCardsThatAreThere) {
-    const auto verdict = [](const std::vector<ScenarioEvent>& events, int first, int second) {
-        return complaint([&] { cardsim::checkScenario(events, {first, second}); });
+    const std::string line = "[[event]]\nat = 1\nline = 8\ndo = \"ring\"\n";
+    const std::string fault = "[[event]]\nat = 1\nfault = \"absent/1\"\n";
+    const std::tuple<std::string, int, int, std::string> kRows[] = {
+        {line, 8, 4, "none"},
+        {line, 4, 4, path + ":1: there is no line 8, only lines 0 to 7"},
+        {line, 0, 0, path + ":1: there is no line 8, because there is no card"},
+        {fault, 0, 4, "none"},
+        {fault, 8, 0, path + ":1: there is no card 1"},
     };
-    const auto events = read("[[event]]\nat = 1\nline = 8\ndo = \"ring\"\n");
-    EXPECT_EQ("none", verdict(events, 8, 4));
-    EXPECT_EQ(path + ":1: there is no line 8, only lines 0 to 7", verdict(events, 4, 4));
-    EXPECT_EQ(path + ":1: there is no line 8, because there is no card", verdict(events, 0, 0));
-    const auto fault = read("[[event]]\nat = 1\nfault = \"absent/1\"\n");
-    EXPECT_EQ("none", verdict(fault, 0, 4));
-    EXPECT_EQ(path + ":1: there is no card 1", verdict(fault, 8, 0));
+    for (const auto& [text, first, second, reason] : kRows) {
+        const int channels[] = {first, second};
+        const auto events = read(text);
+        EXPECT_EQ(reason, complaint([&] { cardsim::checkScenario(events, channels); }));
+    }
 }
 
 TEST_F(Scenario, IsDocumentedWithExamplesThatFitTwoCards) {
     std::stringstream page;
     page << std::ifstream(SCENARIO_PAGE).rdbuf();
-    std::string text = page.str();
+    const std::string text = page.str();
     int examples = 0;
-    for (std::size_t begin = 0; (begin = text.find("```toml\n", begin)) != std::string::npos;) {
-        begin += 8;
-        const auto events = read(text.substr(begin, text.find("```", begin) - begin));
+    for (std::size_t at = 0; (at = text.find("```toml\n", at)) != std::string::npos; ++examples) {
+        at += 8;
+        const auto events = read(text.substr(at, text.find("```", at) - at));
         EXPECT_GE(events.size(), 2u);
         EXPECT_NO_THROW(cardsim::checkScenario(events, {4, 8}));
-        ++examples;
     }
     EXPECT_EQ(3, examples);
 }
 
 TEST(FaultSyntax, ReadsKindFieldTimeAndCard) {
-    struct Row {
-        const char* text;
-        Fault fault;
+    const auto partsOf = [](const Fault& fault) {
+        return std::tuple(fault.kind, fault.card, fault.first, fault.last, fault.probability,
+                          fault.field);
     };
-    for (const Row& row : {
-             Row{"absent", {FaultKind::kAbsent}},
-             Row{"byte-refused@57/1", {FaultKind::kByteRefused, 1, 57, 57}},
-             Row{"dead-after-boot@2+/0", {FaultKind::kDeadAfterBoot, 0, 2}},
-             Row{"counter-stuck@10-16", {FaultKind::kCounterStuck, -1, 10, 16}},
-             Row{"taken-back@0.5%", {FaultKind::kTakenBack, -1, 1, Fault::kForEver, 0.005}},
-             Row{"nonsense:off-hook@1", {FaultKind::kNonsense, -1, 1, 1, 1, FaultField::kOffHook}},
-         }) {
-        const Fault fault = parseFault(row.text);
-        EXPECT_EQ(row.fault.kind, fault.kind) << row.text;
-        EXPECT_EQ(row.fault.card, fault.card) << row.text;
-        EXPECT_EQ(row.fault.first, fault.first) << row.text;
-        EXPECT_EQ(row.fault.last, fault.last) << row.text;
-        EXPECT_DOUBLE_EQ(row.fault.probability, fault.probability) << row.text;
-        EXPECT_EQ(row.fault.field, fault.field) << row.text;
+    const std::pair<const char*, Fault> kRows[] = {
+        {"absent", {FaultKind::kAbsent}},
+        {"byte-refused@57/1", {FaultKind::kByteRefused, 1, 57, 57}},
+        {"dead-after-boot@2+/0", {FaultKind::kDeadAfterBoot, 0, 2}},
+        {"counter-stuck@10-16", {FaultKind::kCounterStuck, -1, 10, 16}},
+        {"taken-back@0.5%", {FaultKind::kTakenBack, -1, 1, Fault::kForEver, 0.005}},
+        {"nonsense:off-hook@1", {FaultKind::kNonsense, -1, 1, 1, 1, FaultField::kOffHook}},
+    };
+    for (const auto& [text, fault] : kRows) {
+        EXPECT_EQ(partsOf(fault), partsOf(parseFault(text))) << text;
     }
 }
 
@@ -185,12 +179,12 @@ TEST(FaultSyntax, SaysWhatIsWrong) {
     const auto wrong = [](const std::string& text) {
         return complaint([&text] { parseFault(text); });
     };
-    for (const char* const when : {"", "0", "0+", "-1", "+", "3-2", "1-", "3x", "%", "0%", "101%",
+    for (const std::string when : {"", "0", "0+", "-1", "+", "3-2", "1-", "3x", "%", "0%", "101%",
                                    "nan%", "99999999999999999999"}) {
-        EXPECT_THAT(wrong("absent@" + std::string(when)), HasSubstr("after @ must stand"));
+        EXPECT_THAT(wrong("absent@" + when), HasSubstr("after @ must stand"));
     }
-    for (const char* const card : {"", "2", "-1", "1 "}) {
-        EXPECT_THAT(wrong("absent/" + std::string(card)), HasSubstr("after / must stand"));
+    for (const std::string card : {"", "2", "-1", "1 "}) {
+        EXPECT_THAT(wrong("absent/" + card), HasSubstr("after / must stand"));
     }
     EXPECT_THAT(wrong(""), HasSubstr("there is no kind of fault \"\", only absent, wrong-echo"));
     EXPECT_THAT(wrong("nonsense:mood"), HasSubstr("there is no field \"mood\", only any, level"));

@@ -4,102 +4,83 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
+#include <tuple>
+
 #include "Host.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::Each;
-using testing::Ge;
-using testing::Le;
 using testing::MatchesRegex;
 
-constexpr int kStep_ms = 50;
-
-// What is seen and heard on a line over some time; what has not ended does not count.
-struct LineWatcher {
-    explicit LineWatcher(cardsim::Line& watched) : line(watched) {}
-    void look() {
-        const char now = line.isOffHook() ? 'T' : line.isRinging() ? 'R' : 'i';
-        if (now != state) {
-            finish();
-            before = state;
-            state = now;
-            lasted_ms = 0;
-            callers.clear();
-            digits.clear();
-        }
-        lasted_ms += kStep_ms;
-        callers += line.takeCaller(49);
-        digits += line.takeDigits(29);
-        spokeOnHook = spokeOnHook || (line.isSpeaking() && state != 'T');
-        story += std::string(1, state) + (line.isSpeaking() ? "s" : "-") + callers + digits;
+// A time in which a line was idle (i), ringing (R) or off hook (T), and what it brought.
+struct Phase {
+    bool operator==(const Phase& other) const { return all() == other.all(); }
+    std::tuple<char, int, std::string, std::string, bool> all() const {
+        return {state, lasted_ms, callers, digits, spoke};
     }
-    void finish() {
-        (state == 'T' ? talking : state == 'R' ? ringing : idle).push_back(lasted_ms);
-        answered += before == 'R' && state == 'T' ? 1 : 0;
-        if (state == 'R') {
-            allCallers.push_back(callers);
-        }
-        wholeNumbers += digits.size() >= 11 ? 1 : 0;
-        fewDigits += !digits.empty() && digits.size() < 11 ? 1 : 0;
-    }
-
-    cardsim::Line& line;
-    char before = 'i', state = 'i';
+    char state;
     int lasted_ms = 0;
-    std::string callers, digits, story;
-    std::vector<int> ringing, talking, idle;
-    std::vector<std::string> allCallers;
-    std::size_t answered = 0, wholeNumbers = 0, fewDigits = 0;
-    bool spokeOnHook = false;
+    std::string callers{}, digits{};
+    bool spoke = false;
 };
+using Story = std::vector<Phase>;
 
-std::vector<LineWatcher> watch(Host& host, std::uint64_t seed, int seconds) {
+// The stories of all lines.
+std::vector<Story> watch(Host host, std::uint64_t seed, int seconds) {
+    constexpr int kStep_ms = 50;
     cardsim::planTraffic(host.cards, seed);
-    std::vector<LineWatcher> watchers;
-    for (int number = 0; number < host.cards.lines(); ++number) {
-        watchers.emplace_back(host.cards.line(number));
-    }
+    std::vector<Story> stories(static_cast<std::size_t>(host.cards.lines()));
     for (int passed = 0; passed < 1000 * seconds; passed += kStep_ms) {
         host.wait(kStep_ms);
-        for (LineWatcher& watcher : watchers) {
-            watcher.look();
+        for (std::size_t number = 0; number < stories.size(); ++number) {
+            cardsim::Line& line = host.cards.line(static_cast<int>(number));
+            Story& story = stories[number];
+            const char state = line.isOffHook() ? 'T' : line.isRinging() ? 'R' : 'i';
+            if (story.empty() || story.back().state != state) {
+                story.push_back({state});
+            }
+            story.back().lasted_ms += kStep_ms;
+            story.back().callers += line.takeCaller(49);
+            story.back().digits += line.takeDigits(29);
+            story.back().spoke = story.back().spoke || line.isSpeaking();
         }
     }
-    return watchers;
+    return stories;
 }
 
 TEST(Traffic, IsSuchAsPeopleMake) {
-    Host host(4, 8);
-    for (const LineWatcher& line : watch(host, 5, 3600)) {
-        EXPECT_THAT(line.ringing, Each(AllOf(Ge(900), Le(4'100))));
-        EXPECT_THAT(line.talking, Each(AllOf(Ge(2'900), Le(33'100))));
-        EXPECT_THAT(line.idle, Each(AllOf(Ge(1'900), Le(20'100))));
-        EXPECT_GE(line.talking.size(), 70u);
-        EXPECT_THAT(line.allCallers, Each(MatchesRegex("01914980[0-9]{3}")));
+    const std::map<char, std::pair<int, int>> kLimits_ms = {
+        {'i', {1'900, 20'100}}, {'R', {900, 4'100}}, {'T', {2'900, 33'100}}};
+    for (const Story& story : watch(Host(4, 8), 5, 3600)) {
+        std::map<char, int> count;
+        int answered = 0, wholeNumbers = 0, fewDigits = 0;
+        for (std::size_t i = 1; i + 1 < story.size(); ++i) {
+            const Phase& phase = story[i];
+            ++count[phase.state];
+            EXPECT_GE(phase.lasted_ms, kLimits_ms.at(phase.state).first);
+            EXPECT_LE(phase.lasted_ms, kLimits_ms.at(phase.state).second);
+            EXPECT_THAT(phase.callers, MatchesRegex(phase.state == 'R' ? "01914980[0-9]{3}" : ""));
+            EXPECT_EQ(phase.state == 'T', phase.spoke);
+            answered += phase.state == 'T' && story[i - 1].state == 'R' ? 1 : 0;
+            wholeNumbers += phase.digits.size() >= 11 ? 1 : 0;
+            fewDigits += !phase.digits.empty() && phase.digits.size() < 11 ? 1 : 0;
+        }
+        EXPECT_GE(count['T'], 70);
         // Most calls that come are answered; the others go out and begin with a number.
-        EXPECT_LT(line.answered, line.ringing.size());
-        EXPECT_GT(line.answered, line.ringing.size() * 3 / 4);
-        EXPECT_LT(line.answered, line.talking.size() * 4 / 5);
-        EXPECT_EQ(line.wholeNumbers, line.talking.size() - line.answered);
-        EXPECT_GT(line.fewDigits, 0u);
-        EXPECT_FALSE(line.spokeOnHook);
+        EXPECT_LT(answered, count['R']);
+        EXPECT_GT(answered, count['R'] * 3 / 4);
+        EXPECT_LT(answered, count['T'] * 4 / 5);
+        EXPECT_EQ(wholeNumbers, count['T'] - answered);
+        EXPECT_GT(fewDigits, 0);
     }
 }
 
 TEST(Traffic, FollowsFromTheSeedAloneOnEachLine) {
-    const auto stories = [](Host host, std::uint64_t seed) {
-        std::vector<std::string> found;
-        for (const LineWatcher& line : watch(host, seed, 600)) {
-            found.push_back(line.story);
-        }
-        return found;
-    };
-    const std::vector<std::string> first = stories(Host(4, 8), 9);
-    EXPECT_EQ(first, stories(Host(8, 4), 9));
-    EXPECT_NE(first[0], first[2]);
-    EXPECT_NE(first[0], stories(Host(4, 8), 10)[0]);
+    const std::vector<Story> first = watch(Host(4, 8), 9, 600);
+    EXPECT_TRUE(first == watch(Host(8, 4), 9, 600));
+    EXPECT_FALSE(first[0] == first[2]);
+    EXPECT_FALSE(first[0] == watch(Host(4, 8), 10, 600)[0]);
 }
 
 }  // namespace

@@ -1,70 +1,46 @@
 // The traps, with the instructions and calls that programs make: port instructions, port
-// permission, /dev/port, /dev/mem, sleeps and clock.
+// permission, /dev/port, sleeps and clock.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/io.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <thread>
-#include <vector>
 
+#include "../dspcard/ScriptedCards.h"
 #include "pc/SimulatedPc.h"
-#include "traps/Hardware.h"
 
 extern "C" int __open_2(const char* path, int flags);
 
 namespace {
 
-using cardsim::PowerOff;
-using cardsim::SimulatedPc;
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::KilledBySignal;
 
-// Answers every access from a pattern, and keeps a record. It also spoils errno, as any code may.
-class Recorder : public cardsim::Hardware {
+// Reads the same everywhere. It also spoils errno, as any code may.
+class Recorder : public ScriptedCards {
   public:
-    Recorder() { cardsim::attachHardware(this); }
-    ~Recorder() override { cardsim::attachHardware(nullptr); }
-
     std::uint32_t in(std::uint16_t port, int bytes) override {
-        note("in", port, bytes, answer);
-        return answer;
+        note(bytes);
+        registers[port] = answer;
+        return ScriptedCards::in(port, bytes);
     }
     void out(std::uint16_t port, int bytes, std::uint32_t value) override {
-        note("out", port, bytes, value);
+        note(bytes);
+        ScriptedCards::out(port, bytes, value);
     }
-    int grantPorts() override { return fail(portsErrno); }
-    int openPorts() override { return fail(portsErrno); }
-    int openMemory() override { return fail(memoryErrno); }
-    bool sleep(std::uint64_t microseconds) override {
-        slept.push_back(microseconds);
-        return true;
-    }
-    bool processorTime(std::clock_t&) override { return false; }
-
     std::uint32_t answer = 0xDDCCBBAA;
-    std::vector<std::string> accesses;
-    std::vector<std::uint64_t> slept;
-    int portsErrno = 0;
-    int memoryErrno = 0;
+    std::string widths;
 
   private:
-    void note(const char* what, int port, int bytes, std::uint32_t value) {
-        char text[40];
-        std::snprintf(text, sizeof text, "%s %x.%d %x", what, port, bytes, value);
-        accesses.emplace_back(text);
+    void note(int bytes) {
+        widths += std::to_string(bytes);
         errno = ENOTTY;
-    }
-    static int fail(int number) {
-        errno = number;
-        return number == 0 ? 0 : -1;
     }
 };
 
@@ -72,6 +48,7 @@ class Traps : public testing::Test {
   protected:
     // Deaths run in a fresh process: the fault handler is installed but once.
     Traps() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+    Recorder hardware;
 };
 
 constexpr std::uint64_t kAccumulator = 0x1122334455667788;
@@ -79,12 +56,9 @@ constexpr std::uint64_t kAccumulator = 0x1122334455667788;
 constexpr std::uint32_t kPort = 0xFFFF0304;
 
 TEST_F(Traps, CarryOutEveryFormOfPortInstruction) {
-    Recorder hardware;
     ASSERT_EQ(0, ioperm(0x300, 32, 1));
     errno = 0;
-    std::uint64_t byte = kAccumulator;
-    std::uint64_t word = kAccumulator;
-    std::uint64_t whole = kAccumulator;
+    std::uint64_t byte = kAccumulator, word = kAccumulator, whole = kAccumulator;
     asm volatile("inb %%dx, %%al" : "+a"(byte) : "d"(kPort));
     asm volatile("inw %%dx, %%ax" : "+a"(word) : "d"(kPort));
     asm volatile("inl %%dx, %%eax" : "+a"(whole) : "d"(kPort));
@@ -94,21 +68,16 @@ TEST_F(Traps, CarryOutEveryFormOfPortInstruction) {
     asm volatile("outb %%al, %%dx" : : "a"(kAccumulator), "d"(kPort));
     asm volatile("outw %%ax, %%dx" : : "a"(kAccumulator), "d"(kPort));
     asm volatile("outl %%eax, %%dx" : : "a"(kAccumulator), "d"(kPort));
-    outw(0x1234, 0x31E);
     EXPECT_EQ(0xBBAA, inw(0x31E));
     EXPECT_EQ(0, errno);
-    EXPECT_THAT(
-        hardware.accesses,
-        ElementsAre("in 304.1 ddccbbaa", "in 304.2 ddccbbaa", "in 304.4 ddccbbaa", "out 304.1 88",
-                    "out 304.2 7788", "out 304.4 55667788", "out 31e.2 1234", "in 31e.2 ddccbbaa"));
+    const auto answer = reads(0x304, hardware.answer);
+    EXPECT_THAT(hardware.accesses,
+                ElementsAre(answer, answer, answer, writes(0x304, 0x88), writes(0x304, 0x7788),
+                            writes(0x304, 0x55667788), reads(0x31E, hardware.answer)));
+    EXPECT_EQ("1241242", hardware.widths);
 }
 
 TEST_F(Traps, GivePermissionToThePortsAndTheThreadThatAskedForThem) {
-    Recorder hardware;
-    hardware.portsErrno = EPERM;
-    EXPECT_EQ(-1, ioperm(0x300, 32, 1));
-    EXPECT_EQ(EPERM, errno);
-    hardware.portsErrno = 0;
     for (const auto& [from, count] :
          {std::pair(0x2FFul, 2ul), std::pair(0x300ul, 33ul), std::pair(0x31Ful, ~0ul),
           std::pair(0x300ul, 0ul), std::pair(~0ul - 5, 10ul)}) {
@@ -123,7 +92,6 @@ TEST_F(Traps, GivePermissionToThePortsAndTheThreadThatAskedForThem) {
     ASSERT_EQ(0, ioperm(0x302, 1, 0));
     EXPECT_EQ(0xAA, inb(0x303));
     EXPECT_DEATH(inw(0x302), "");
-    EXPECT_EQ(2u, hardware.accesses.size());
 }
 
 void touchForbiddenPage() {
@@ -132,53 +100,34 @@ void touchForbiddenPage() {
 }
 
 TEST_F(Traps, HandForeignFaultsOnToWhoeverStoodThereBefore) {
-    Recorder hardware;
-    const auto install = [](auto prepare) {
-        struct sigaction action {};
-        prepare(action);
-        sigaction(SIGSEGV, &action, nullptr);
+    struct sigaction informed {
+    }, plain{}, standard{};
+    informed.sa_flags = SA_SIGINFO;
+    informed.sa_sigaction = [](int, siginfo_t* info, void* context) {
+        _exit(info->si_code == SEGV_ACCERR && context != nullptr ? 42 : 1);
+    };
+    plain.sa_handler = [](int signal) { _exit(signal == SIGSEGV ? 43 : 1); };
+    const auto faultAfter = [](const struct sigaction& before, auto fault) {
+        sigaction(SIGSEGV, &before, nullptr);
         ioperm(0x300, 32, 1);
         inw(0x300);
+        fault();
     };
-    const auto informed = [](struct sigaction& action) {
-        action.sa_flags = SA_SIGINFO;
-        action.sa_sigaction = [](int, siginfo_t* info, void* context) {
-            _exit(info->si_code == SEGV_ACCERR && context != nullptr ? 42 : 1);
-        };
-    };
-    const auto plain = [](struct sigaction& action) {
-        action.sa_handler = [](int signal) { _exit(signal == SIGSEGV ? 43 : 1); };
-    };
-    const auto standard = [](struct sigaction& action) { action.sa_handler = SIG_DFL; };
-    EXPECT_EXIT((install(informed), touchForbiddenPage()), ExitedWithCode(42), "");
-    EXPECT_EXIT((install(plain), touchForbiddenPage()), ExitedWithCode(43), "");
-    EXPECT_EXIT((install(standard), touchForbiddenPage()), KilledBySignal(SIGSEGV), "");
+    EXPECT_EXIT(faultAfter(informed, touchForbiddenPage), ExitedWithCode(42), "");
+    EXPECT_EXIT(faultAfter(plain, touchForbiddenPage), ExitedWithCode(43), "");
+    EXPECT_EXIT(faultAfter(standard, touchForbiddenPage), KilledBySignal(SIGSEGV), "");
     // A fault by the kernel's rules that is no port instruction, and one with the hardware gone.
-    EXPECT_EXIT(
-        {
-            install(plain);
-            asm volatile("hlt");
-        },
-        ExitedWithCode(43), "");
-    EXPECT_EXIT(
-        {
-            install(plain);
-            cardsim::attachHardware(nullptr);
-            inw(0x300);
-        },
-        ExitedWithCode(43), "");
+    EXPECT_EXIT(faultAfter(plain, [] { asm volatile("hlt"); }), ExitedWithCode(43), "");
+    const auto unplug = [] {
+        cardsim::attachHardware(nullptr);
+        inw(0x300);
+    };
+    EXPECT_EXIT(faultAfter(plain, unplug), ExitedWithCode(43), "");
 }
 
-TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
-    Recorder hardware;
-    hardware.portsErrno = EACCES;
-    EXPECT_EQ(-1, open("/dev/port", O_RDWR));
-    EXPECT_EQ(EACCES, errno);
-    hardware.portsErrno = 0;
+TEST_F(Traps, TurnThePortDeviceAndNothingElseIntoPortAccessesByteByByte) {
     const int ports = open("/dev/port", O_RDWR);
     const int others = __open_2("/dev/port", O_RDWR);
-    ASSERT_NE(-1, ports);
-    ASSERT_NE(-1, others);
     unsigned char bytes[3] = {};
     EXPECT_EQ(0x302, lseek(ports, 0x302, SEEK_SET));
     EXPECT_EQ(1, read(ports, bytes, 1));
@@ -190,40 +139,30 @@ TEST_F(Traps, TurnThePortDeviceIntoPortAccessesByteByByte) {
     lseek(others, 0x310, SEEK_SET);
     EXPECT_EQ(3, read(others, bytes, 3));
     EXPECT_THAT(bytes, ElementsAre(0x77, 0x77, 0x77));
-    EXPECT_THAT(hardware.accesses, ElementsAre("in 302.1 ddccbbaa", "out 303.1 12", "out 304.1 34",
-                                               "in 310.1 77", "in 311.1 77", "in 312.1 77"));
+    const std::vector<PortAccess> expected = {reads(0x302, 0xDDCCBBAA), writes(0x303, 0x12),
+                                              writes(0x304, 0x34),      reads(0x310, 0x77),
+                                              reads(0x311, 0x77),       reads(0x312, 0x77)};
+    EXPECT_EQ(expected, hardware.accesses);
+    EXPECT_EQ("111111", hardware.widths);
     EXPECT_EQ(0, close(others));
     EXPECT_EQ(0, close(ports));
     EXPECT_EQ(-1, close(ports));
-    // A file that gets the number of a closed one is a plain file.
-    const int plain = open("/dev/zero", O_RDWR);
+    // A file that gets the number of a closed one is a plain file, made as it should be.
+    const std::string path = testing::TempDir() + "traps-" + std::to_string(getpid());
+    const int plain = open64(path.c_str(), O_RDWR | O_CREAT, 0600);
+    struct stat status {};
     EXPECT_EQ(std::min(ports, others), plain);
-    EXPECT_EQ(1, read(plain, bytes, 1));
-    EXPECT_EQ(0, bytes[0]);
+    EXPECT_EQ(3, write(plain, "abc", 3));
+    EXPECT_EQ(0, fstat(plain, &status));
+    EXPECT_EQ(0600u, status.st_mode & 0777);
     close(plain);
-    EXPECT_EQ(6u, hardware.accesses.size());
-}
-
-TEST_F(Traps, LeaveEverythingElseToTheMachine) {
-    Recorder hardware;
-    hardware.memoryErrno = EPERM;
-    EXPECT_EQ(-1, open("/dev/mem", O_RDWR));
-    EXPECT_EQ(EPERM, errno);
+    unlink(path.c_str());
     EXPECT_EQ(-1, open("/dev/ports", O_RDWR));
     EXPECT_EQ(ENOENT, errno);
-    const std::string path = testing::TempDir() + "traps-" + std::to_string(getpid());
-    const int file = open64(path.c_str(), O_RDWR | O_CREAT, 0600);
-    EXPECT_EQ(3, write(file, "abc", 3));
-    EXPECT_EQ(0, close(file));
-    EXPECT_EQ(0, unlink(path.c_str()));
-    cardsim::attachHardware(nullptr);
-    EXPECT_EQ(0, usleep(1));
-    EXPECT_NE(-1, clock());
-    EXPECT_TRUE(hardware.slept.empty() && hardware.accesses.empty());
+    EXPECT_EQ(expected, hardware.accesses);
 }
 
 TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
-    Recorder hardware;
     ASSERT_EQ(0, ioperm(0x300, 32, 1));
     const timespec time{2, 345'678'900};
     EXPECT_EQ(0, usleep(5));
@@ -231,35 +170,34 @@ TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
     EXPECT_EQ(0, nanosleep(&time, nullptr));
     EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, 0, &time, nullptr));
     std::this_thread::sleep_for(std::chrono::hours(1));
-    const std::vector<std::uint64_t> expected = {5, 3'000'000, 2'345'679, 2'345'679, 3'600'000'000};
-    EXPECT_EQ(expected, hardware.slept);
     for (const timespec& nonsense : {timespec{-1, 0}, {0, -1}, {0, 2'000'000'000}}) {
         EXPECT_EQ(-1, nanosleep(&nonsense, nullptr));
         EXPECT_EQ(EINVAL, errno);
     }
-    // Until a time, and on other threads, it is the machine's time that passes.
+    // Until a time, on other threads and without hardware it is the machine's time that passes.
     const timespec past{0, 0};
     EXPECT_EQ(0, clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past, nullptr));
     std::thread([] { usleep(1); }).join();
-    EXPECT_EQ(expected, hardware.slept);
+    cardsim::attachHardware(nullptr);
+    EXPECT_EQ(0, usleep(1));
+    EXPECT_NE(-1, clock());
+    EXPECT_THAT(hardware.slept_us, ElementsAre(5, 3'000'000, 2'345'679, 2'345'679, 3'600'000'000));
 }
 
 TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
-    SimulatedPc pc(SimulatedPc::Options{});
+    cardsim::SimulatedPc pc({});
     ASSERT_EQ(0, ioperm(0x300, 32, 1));
     pc.endAt(1000);
     std::thread([] { usleep(1000); }).join();
     EXPECT_EQ(0u, pc.now());
-    const auto sleeps = {+[] { usleep(400'000); },
-                         +[] { std::this_thread::sleep_for(std::chrono::hours(1)); },
-                         +[] { sleep(1); }};
     inw(0x300);
-    EXPECT_NO_THROW((*sleeps.begin())());
+    usleep(400'000);
     EXPECT_EQ(400'001u, pc.now());
     EXPECT_EQ(400'001, clock());
-    for (const auto sleepOnce : sleeps) {
+    for (const auto sleepOnce : {+[] { usleep(400'000); }, +[] { sleep(1); },
+                                 +[] { std::this_thread::sleep_for(std::chrono::hours(1)); }}) {
         EXPECT_THROW(
-            while (true) { sleepOnce(); }, PowerOff);
+            while (true) { sleepOnce(); }, cardsim::PowerOff);
         EXPECT_EQ(1'000'000u, pc.now());
     }
 }
