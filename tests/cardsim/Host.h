@@ -19,10 +19,10 @@ constexpr HostLayout hostLayout(int channels) {
 
 class Host {
   public:
+    // The faults are those of card 0.
     explicit Host(int channels0, int channels1 = 0, const std::vector<cardsim::Fault>& faults = {},
                   std::uint64_t seed = 1)
-        : cards({slot(channels0, faults, seed), slot(channels1, faults, seed)}, memory.data(),
-                report),
+        : cards({card(channels0, faults, seed), card(channels1, {}, seed)}, memory.data(), report),
           period_ms(hostLayout(channels0).period_ms) {}
     Host(const Host&) = delete;
 
@@ -39,30 +39,28 @@ class Host {
         out(base + 14, 8);
         out(base + 2, 0x12);
     }
-    void restart(int base = 0x300) {
+    // Resets the card and sends it a boot table: the number of bytes that it asked for and took.
+    // The table as it is, of 22 bytes, has a block that fills the last page to its end.
+    int boot(int base = 0x300, const std::vector<int>& words = {0x08AA, 0x7FFF, 0xF800, 0x7F, 0x80,
+                                                                2, 0x7F, 0xFFFE, 0x12, 0xFF, 0}) {
         holdInReset(base);
         out(base + 2, 0x1A);
-    }
-    // The number of bytes that the card asked for and took.
-    int send(const std::vector<int>& words, int base = 0x300) {
-        for (int sent = 0; sent < 2 * static_cast<int>(words.size()); ++sent) {
-            const int word = words[static_cast<std::size_t>(sent / 2)];
-            if ((in(base + 2) & 0x20) == 0) {
-                return sent;
+        int sent = 0;
+        for (const int word : words) {
+            for (const int byte : {word >> 8, word & 0xFF}) {
+                if ((in(base + 2) & 0x20) == 0) {
+                    return sent;
+                }
+                out(base, byte);
+                out(base + 2, 0x0A);
+                if ((in(base + 2) & 1) != 0) {
+                    return sent;
+                }
+                out(base + 2, 0x1A);
+                ++sent;
             }
-            out(base, sent % 2 == 0 ? word >> 8 : word & 0xFF);
-            out(base + 2, 0x0A);
-            if ((in(base + 2) & 1) != 0) {
-                return sent;
-            }
-            out(base + 2, 0x1A);
         }
-        return 2 * static_cast<int>(words.size());
-    }
-    // The number of boot bytes taken; all of the table's 22 for a good card.
-    int boot(int base = 0x300) {
-        restart(base);
-        return send({0x08AA, 0x7FFF, 0xF800, 0, 0x80, 2, 0, 0x80, 0x1234, 0xFFFF, 0}, base);
+        return sent;
     }
 
     // Which buffers of card 0 are handed over: bit 0 and bit 1.
@@ -86,11 +84,10 @@ class Host {
     cardsim::Cards cards;
 
   private:
-    static std::optional<cardsim::CardOptions> slot(int channels,
-                                                    const std::vector<cardsim::Fault>& faults,
-                                                    std::uint64_t seed) {
-        const cardsim::CardOptions card{channels, 0, cardsim::AudioSource::kPattern, faults, seed};
-        return channels == 0 ? std::nullopt : std::optional(card);
+    using Slot = std::optional<cardsim::CardOptions>;
+    static Slot card(int channels, const std::vector<cardsim::Fault>& faults, std::uint64_t seed) {
+        const auto pattern = cardsim::AudioSource::kPattern;
+        return channels == 0 ? Slot() : cardsim::CardOptions{channels, 0, pattern, faults, seed};
     }
     const int period_ms;
 };

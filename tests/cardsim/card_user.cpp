@@ -1,7 +1,6 @@
 // A small program that asks for the cards, for the launcher's tests: card_user WAY
 // It prints what port permission answers, and then with WAY
-//   ask       ends
-//   share     lets a child and another program ask
+//   fork      lets a child ask
 //   crash     uses a port and aborts
 //   stubborn  sleeps on whatever it is told
 #include <signal.h>
@@ -14,36 +13,23 @@
 #include <cstring>
 #include <iostream>
 
-namespace {
-
-constexpr unsigned short kStatus = 0x302;
-
-void ask(const std::string& who) {
-    const bool granted = ioperm(0x300, 32, 1) == 0;
-    std::cout << who << ": " << (granted ? "granted" : strerrorname_np(errno)) << std::endl;
-}
-
-void share() {
-    const pid_t child = fork();
-    if (child == 0) {
-        ask("child");
-        execl("/proc/self/exe", "card_user", "ask", nullptr);
-        _exit(1);
-    }
-    waitpid(child, nullptr, 0);
-    std::cout << "still reads " << inw(kStatus) << std::endl;
-}
-
-}  // namespace
-
 int main(int, char** argv) {
     const std::string way = argv[1];
+    const auto ask = [](const std::string& who) {
+        const bool granted = ioperm(0x300, 32, 1) == 0;
+        std::cout << who << ": " << (granted ? "granted" : strerrorname_np(errno)) << std::endl;
+    };
     signal(SIGTERM, way == "stubborn" ? [](int) {} : SIG_DFL);
     ask(way);
-    if (way == "share") {
-        share();
+    if (way == "fork") {
+        if (fork() == 0) {
+            ask("child");
+            return 0;
+        }
+        wait(nullptr);
+        std::cout << "parent reads " << inw(0x302) << std::endl;
     } else if (way == "crash") {
-        inw(kStatus);
+        inw(0x302);
         std::abort();
     }
     while (way == "stubborn") {

@@ -1,27 +1,24 @@
-// Scenario files and the text form of faults, from the text to what happens on the lines.
-#include "model/Scenario.h"
-
+// What happens on the lines: scenario files and the text form of faults, and traffic.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <tuple>
 
 #include "Host.h"
+#include "model/Traffic.h"
 #include "scenario/FaultSyntax.h"
 #include "scenario/ScenarioFile.h"
 
 namespace {
 
-using cardsim::Fault;
-using cardsim::FaultField;
-using cardsim::FaultKind;
-using cardsim::parseFault;
-using cardsim::ScenarioEvent;
+using namespace cardsim;
 using testing::AllOf;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -36,19 +33,19 @@ std::string complaint(Action action) {
     return "none";
 }
 
-class Scenario : public testing::Test {
+class ScenarioFile : public testing::Test {
   protected:
-    ~Scenario() override { std::filesystem::remove(path); }
+    ~ScenarioFile() override { std::filesystem::remove(path); }
 
     std::vector<ScenarioEvent> read(const std::string& text) {
         std::ofstream(path) << text;
-        return cardsim::readScenario(path);
+        return readScenario(path);
     }
 
     const std::string path = testing::TempDir() + "scenario-" + std::to_string(getpid()) + ".toml";
 };
 
-TEST_F(Scenario, HappensToTheLinesInDueTime) {
+TEST_F(ScenarioFile, HappensToTheLinesInDueTime) {
     const auto events = read(R"(
 event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digits = "5#", talk = 3.25 },
           { at = 1, line = 0, do = "call", digits = "456", talk = 2 },
@@ -63,19 +60,18 @@ event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digi
     EXPECT_EQ(1500u, events[0].time_us);
     EXPECT_EQ(path + ":4", events[0].origin);
     Host host(4, 8);
-    cardsim::planScenario(host.cards, events);
+    planScenario(host.cards, events);
     std::vector<std::string> seen;
     for (int second = 0; second < 8; ++second) {
         host.wait(second == 0 ? 999 : 1000);
-        std::string states;
+        seen.emplace_back();
         for (const int number : {0, 1, 2, 3, 5}) {
-            cardsim::Line& line = host.cards.line(number);
-            states += line.isRinging() ? "R" : "";
-            states += line.isOffHook() ? "O" : "";
-            states += line.isSpeaking() ? "S" : "";
-            states += line.takeCaller(49) + line.takeDigits(29) + ",";
+            Line& line = host.cards.line(number);
+            seen.back() += line.isRinging() ? "R" : "";
+            seen.back() += line.isOffHook() ? "O" : "";
+            seen.back() += line.isSpeaking() ? "S" : "";
+            seen.back() += line.takeCaller(49) + line.takeDigits(29) + ",";
         }
-        seen.push_back(states);
     }
     EXPECT_THAT(seen, ElementsAre(",,,,,", "OSx456,R,O,S,,", "OS,R,O,S,R,", ",R,O,S,R0191 498,",
                                   ",,,7,OS5#,", ",,,,OS,", ",,,,OS,", ",,,,,"));
@@ -87,7 +83,7 @@ event = [ { at = 2.5, line = 5, do = "call", caller = "0191 498", ring = 2, digi
     EXPECT_EQ(0u, host.report.cards[1].handOvers);
 }
 
-TEST_F(Scenario, SaysWhereAndWhyItCannotBeUnderstood) {
+TEST_F(ScenarioFile, SaysWhereAndWhyItCannotBeUnderstood) {
     const std::string begin = "[[event]]\nat = ";
     const std::string end = "\nline = 0\ndo = \"ring\"\n";
     const std::string start = begin + "1\nline = 0\ndo = ";
@@ -99,7 +95,6 @@ TEST_F(Scenario, SaysWhereAndWhyItCannotBeUnderstood) {
         {"\n[[event]]" + end, 2, "at is missing"},
         {begin + "-0.1" + end, 2, "at must be a time"},
         {begin + "nan" + end, 2, "at must be a time"},
-        {begin + "inf" + end, 2, "at must be a time"},
         {begin + "\"1\"" + end, 2, "at must be a time"},
         {begin + "1\nline = -1\n", 3, "line must be a whole number"},
         {begin + "1\nline = 0.5\n", 3, "line must be a whole number"},
@@ -116,34 +111,26 @@ TEST_F(Scenario, SaysWhereAndWhyItCannotBeUnderstood) {
         {begin + "1\nline = 0\nfault = \"absent\"\n", 3, "\"line\" does not belong"},
         {begin + "1\nfault = \"absnt\"\n", 3, "no kind of fault \"absnt\""},
     };
-    for (const auto& [text, line, reason] : kRows) {
-        EXPECT_THAT(complaint([&text = text, this] { read(text); }),
+    for (const auto& row : kRows) {
+        const auto& [text, line, reason] = row;
+        EXPECT_THAT(complaint([&] { read(std::get<0>(row)); }),
                     AllOf(StartsWith(path + ":" + std::to_string(line) + ": "), HasSubstr(reason)))
             << text;
     }
-    EXPECT_EQ("/no/file: No such file or directory",
-              complaint([] { cardsim::readScenario("/no/file"); }));
-    EXPECT_EQ("/: Is a directory", complaint([] { cardsim::readScenario("/"); }));
+    EXPECT_EQ("/no/file: No such file or directory", complaint([] { readScenario("/no/file"); }));
+    EXPECT_EQ("/: Is a directory", complaint([] { readScenario("/"); }));
+    // It may also not fit the cards.
+    const auto events = read(begin + "1\nline = 8\ndo = \"ring\"\n");
+    EXPECT_EQ("none", complaint([&] { checkScenario(events, {8, 4}); }));
+    EXPECT_EQ(path + ":1: there is no line 8, only lines 0 to 7", complaint([&] {
+                  checkScenario(events, {4, 4});
+              }));
+    EXPECT_EQ(path + ":1: there is no line 8, because there is no card", complaint([&] {
+                  checkScenario(events, {0, 0});
+              }));
 }
 
-TEST_F(Scenario, IsCheckedAgainstTheCardsThatAreThere) {
-    const std::string line = "[[event]]\nat = 1\nline = 8\ndo = \"ring\"\n";
-    const std::string fault = "[[event]]\nat = 1\nfault = \"absent/1\"\n";
-    const std::tuple<std::string, int, int, std::string> kRows[] = {
-        {line, 8, 4, "none"},
-        {line, 4, 4, path + ":1: there is no line 8, only lines 0 to 7"},
-        {line, 0, 0, path + ":1: there is no line 8, because there is no card"},
-        {fault, 0, 4, "none"},
-        {fault, 8, 0, path + ":1: there is no card 1"},
-    };
-    for (const auto& [text, first, second, reason] : kRows) {
-        const int channels[] = {first, second};
-        const auto events = read(text);
-        EXPECT_EQ(reason, complaint([&] { cardsim::checkScenario(events, channels); }));
-    }
-}
-
-TEST_F(Scenario, IsDocumentedWithExamplesThatFitTwoCards) {
+TEST_F(ScenarioFile, IsDocumentedWithExamplesThatFitTwoCards) {
     std::stringstream page;
     page << std::ifstream(SCENARIO_PAGE).rdbuf();
     const std::string text = page.str();
@@ -152,15 +139,15 @@ TEST_F(Scenario, IsDocumentedWithExamplesThatFitTwoCards) {
         at += 8;
         const auto events = read(text.substr(at, text.find("```", at) - at));
         EXPECT_GE(events.size(), 2u);
-        EXPECT_NO_THROW(cardsim::checkScenario(events, {4, 8}));
+        EXPECT_NO_THROW(checkScenario(events, {4, 8}));
     }
     EXPECT_EQ(3, examples);
 }
 
-TEST(FaultSyntax, ReadsKindFieldTimeAndCard) {
-    const auto partsOf = [](const Fault& fault) {
-        return std::tuple(fault.kind, fault.card, fault.first, fault.last, fault.probability,
-                          fault.field);
+TEST(FaultSyntax, ReadsKindFieldTimeAndCardOrSaysWhatIsWrong) {
+    const auto parts = [](const Fault& fault) {
+        const auto& [kind, card, first, last, probability, field] = fault;
+        return std::tuple(kind, card, first, last, probability, field);
     };
     const std::pair<const char*, Fault> kRows[] = {
         {"absent", {FaultKind::kAbsent}},
@@ -171,11 +158,8 @@ TEST(FaultSyntax, ReadsKindFieldTimeAndCard) {
         {"nonsense:off-hook@1", {FaultKind::kNonsense, -1, 1, 1, 1, FaultField::kOffHook}},
     };
     for (const auto& [text, fault] : kRows) {
-        EXPECT_EQ(partsOf(fault), partsOf(parseFault(text))) << text;
+        EXPECT_EQ(parts(fault), parts(parseFault(text))) << text;
     }
-}
-
-TEST(FaultSyntax, SaysWhatIsWrong) {
     const auto wrong = [](const std::string& text) {
         return complaint([&text] { parseFault(text); });
     };
@@ -189,6 +173,51 @@ TEST(FaultSyntax, SaysWhatIsWrong) {
     EXPECT_THAT(wrong(""), HasSubstr("there is no kind of fault \"\", only absent, wrong-echo"));
     EXPECT_THAT(wrong("nonsense:mood"), HasSubstr("there is no field \"mood\", only any, level"));
     EXPECT_EQ("fault \"absent:level\": only nonsense goes to a field", wrong("absent:level"));
+}
+
+// What happens on each line, by tenths of a second: idle (.), ringing (R), off hook (T), speaking
+// (S), each followed by the caller and the digits that came; digits may be the last of a call.
+std::vector<std::string> watchTraffic(Host host, std::uint64_t seed, int seconds) {
+    planTraffic(host.cards, seed);
+    std::vector<std::string> stories(static_cast<std::size_t>(host.cards.lines()));
+    for (int passed = 0; passed < 10 * seconds; ++passed) {
+        host.wait(100);
+        for (std::size_t number = 0; number < stories.size(); ++number) {
+            Line& line = host.cards.line(static_cast<int>(number));
+            const char onHook = line.isRinging() ? 'R' : line.isSpeaking() ? '!' : '.';
+            stories[number] += line.isOffHook() ? line.isSpeaking() ? 'S' : 'T' : onHook;
+            stories[number] += line.takeCaller(49) + line.takeDigits(29);
+        }
+    }
+    return stories;
+}
+
+TEST(Traffic, IsSuchAsPeopleMake) {
+    for (const std::string& story : watchTraffic(Host(4, 8), 5, 3600)) {
+        const std::regex kPhase(
+            "[.][0-9]*[.]{18,200}|R{4,6}01914980[0-9]{3}R{4,36}|[ST][ST0-9]{28,400}");
+        // What stands between the phases: nothing, but for what the end cuts off.
+        std::string rest;
+        std::regex_replace(std::back_inserter(rest), story.begin(), story.end(), kPhase, "");
+        EXPECT_THAT(rest, AnyOf("", story.substr(story.size() - rest.size())));
+        const auto count = [&](const char* what) {
+            const std::regex sought(what);
+            return std::distance(std::sregex_iterator(story.begin(), story.end(), sought), {});
+        };
+        EXPECT_GE(count("[.][RT]"), 70);
+        // Most calls that come are answered; the others go out and begin with a number.
+        EXPECT_LT(count("RT"), count("[.]R"));
+        EXPECT_GT(count("RT"), count("[.]R") * 3 / 4);
+        EXPECT_GT(count("[.]T"), count("RT") / 4);
+        EXPECT_EQ(count("[.]T"), count("[.]T{1,20}0T{1,2}1T{1,2}9"));
+    }
+}
+
+TEST(Traffic, FollowsFromTheSeedAloneOnEachLine) {
+    const auto first = watchTraffic(Host(4, 8), 9, 600);
+    EXPECT_EQ(first, watchTraffic(Host(8, 4), 9, 600));
+    EXPECT_NE(first[0], first[2]);
+    EXPECT_NE(first[0], watchTraffic(Host(4, 8), 10, 600)[0]);
 }
 
 }  // namespace

@@ -22,33 +22,15 @@ using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::KilledBySignal;
 
-// Reads the same everywhere. It also spoils errno, as any code may.
-class Recorder : public ScriptedCards {
-  public:
-    std::uint32_t in(std::uint16_t port, int bytes) override {
-        note(bytes);
-        registers[port] = answer;
-        return ScriptedCards::in(port, bytes);
-    }
-    void out(std::uint16_t port, int bytes, std::uint32_t value) override {
-        note(bytes);
-        ScriptedCards::out(port, bytes, value);
-    }
-    std::uint32_t answer = 0xDDCCBBAA;
-    std::string widths;
-
-  private:
-    void note(int bytes) {
-        widths += std::to_string(bytes);
-        errno = ENOTTY;
-    }
-};
-
 class Traps : public testing::Test {
   protected:
     // Deaths run in a fresh process: the fault handler is installed but once.
-    Traps() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-    Recorder hardware;
+    Traps() {
+        testing::FLAGS_gtest_death_test_style = "threadsafe";
+        hardware.onRead = [this](int) { return answer; };
+    }
+    ScriptedCards hardware;
+    std::uint32_t answer = 0xDDCCBBAA;
 };
 
 constexpr std::uint64_t kAccumulator = 0x1122334455667788;
@@ -70,10 +52,10 @@ TEST_F(Traps, CarryOutEveryFormOfPortInstruction) {
     asm volatile("outl %%eax, %%dx" : : "a"(kAccumulator), "d"(kPort));
     EXPECT_EQ(0xBBAA, inw(0x31E));
     EXPECT_EQ(0, errno);
-    const auto answer = reads(0x304, hardware.answer);
+    const PortAccess readIt = reads(0x304, answer);
     EXPECT_THAT(hardware.accesses,
-                ElementsAre(answer, answer, answer, writes(0x304, 0x88), writes(0x304, 0x7788),
-                            writes(0x304, 0x55667788), reads(0x31E, hardware.answer)));
+                ElementsAre(readIt, readIt, readIt, writes(0x304, 0x88), writes(0x304, 0x7788),
+                            writes(0x304, 0x55667788), reads(0x31E, answer)));
     EXPECT_EQ("1241242", hardware.widths);
 }
 
@@ -135,7 +117,7 @@ TEST_F(Traps, TurnThePortDeviceAndNothingElseIntoPortAccessesByteByByte) {
     EXPECT_EQ(2, write(ports, "\x12\x34", 2));
     EXPECT_EQ(0x305, lseek(ports, 0, SEEK_CUR));
     EXPECT_EQ(0, lseek(others, 0, SEEK_CUR));
-    hardware.answer = 0x77;
+    answer = 0x77;
     lseek(others, 0x310, SEEK_SET);
     EXPECT_EQ(3, read(others, bytes, 3));
     EXPECT_THAT(bytes, ElementsAre(0x77, 0x77, 0x77));
@@ -196,8 +178,7 @@ TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
     EXPECT_EQ(400'001, clock());
     for (const auto sleepOnce : {+[] { usleep(400'000); }, +[] { sleep(1); },
                                  +[] { std::this_thread::sleep_for(std::chrono::hours(1)); }}) {
-        EXPECT_THROW(
-            while (true) { sleepOnce(); }, cardsim::PowerOff);
+        EXPECT_THROW((sleepOnce(), sleepOnce()), cardsim::PowerOff);
         EXPECT_EQ(1'000'000u, pc.now());
     }
 }

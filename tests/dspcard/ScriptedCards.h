@@ -1,6 +1,7 @@
 // Cards that do no more than a test tells them: registers that read as set, and a record of every
 // access. They stand behind the traps, under the driver's own port and device calls. Time is what
-// the driver sleeps, plus accessTime_us for each port access.
+// the driver sleeps, plus accessTime_us for each port access. Accesses spoil errno, as any code
+// may.
 #pragma once
 
 #include <sys/mman.h>
@@ -11,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -29,13 +31,13 @@ class ScriptedCards : public cardsim::Hardware {
     ScriptedCards() { cardsim::attachHardware(this); }
     ~ScriptedCards() override { cardsim::attachHardware(nullptr); }
 
-    std::uint32_t in(std::uint16_t port, int) override {
-        elapsed_us += accessTime_us;
+    std::uint32_t in(std::uint16_t port, int bytes) override {
+        noteAccess(bytes);
         accesses.push_back(reads(port, onRead ? onRead(port) : registers[port]));
         return static_cast<std::uint32_t>(std::get<2>(accesses.back()));
     }
-    void out(std::uint16_t port, int, std::uint32_t value) override {
-        elapsed_us += accessTime_us;
+    void out(std::uint16_t port, int bytes, std::uint32_t value) override {
+        noteAccess(bytes);
         accesses.push_back(writes(port, value));
         if (echoes.count(port) != 0) {
             registers[port] = value;
@@ -65,11 +67,17 @@ class ScriptedCards : public cardsim::Hardware {
     std::function<std::uint32_t(int port)> onRead;
     std::function<void(int port, std::uint32_t value)> onWrite;
     std::vector<PortAccess> accesses;
+    std::string widths;  // of the accesses, in bytes
     std::vector<std::uint64_t> slept_us;
     std::clock_t elapsed_us = 0, accessTime_us = 1;
     int portsErrno = 0, devPortErrno = 0, devMemErrno = 0;
 
   private:
+    void noteAccess(int bytes) {
+        elapsed_us += accessTime_us;
+        widths += std::to_string(bytes);
+        errno = ENOTTY;
+    }
     static int fail(int number) {
         errno = number;
         return number == 0 ? 0 : -1;
