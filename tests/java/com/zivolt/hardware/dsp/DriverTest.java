@@ -1,32 +1,18 @@
 package com.zivolt.hardware.dsp;
 
 import static java.nio.charset.StandardCharsets.ISO_8859_1;
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertTrue;
-import static org.junit.jupiter.api.Assertions.fail;
+import static org.junit.jupiter.api.Assertions.*;
 
 import com.zivolt.hardware.dsp.check.AudioChecker;
-import com.zivolt.hardware.dsp.client.Beep;
-import com.zivolt.hardware.dsp.client.CardClient;
-import com.zivolt.hardware.dsp.client.CardEvent;
+import com.zivolt.hardware.dsp.client.*;
 import com.zivolt.hardware.dsp.client.CardEvent.AudioRecorded;
-import com.zivolt.hardware.dsp.client.LineSetting;
-import com.zivolt.hardware.dsp.client.LineSettings;
-import com.zivolt.hardware.dsp.client.Trigger;
 import com.zivolt.hardware.dsp.cppint.CPPBridge;
-import java.nio.file.Files;
-import java.nio.file.Path;
+import java.nio.file.*;
 import java.time.Duration;
-import java.util.Comparator;
-import java.util.List;
-import java.util.Random;
-import java.util.Set;
-import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.ForkJoinPool;
+import java.util.*;
+import java.util.concurrent.*;
 import java.util.function.Predicate;
-import java.util.stream.IntStream;
-import java.util.stream.Stream;
+import java.util.stream.*;
 import org.junit.jupiter.api.Test;
 
 /**
@@ -43,15 +29,12 @@ class DriverTest {
     /** The property firstUse names the method that a thread of Java's calls before initialize. */
     @Test
     void recordingWorksWhateverIsCalledFirst() {
-        switch (System.getProperty("firstUse")) {
-            case "getPacket" -> bridge.getPacket();
-            case "startRecording" -> bridge.startRecording();
-            case "stopRecording" -> bridge.stopRecording();
-            case "setMonitoring" -> bridge.setMonitoring(-1);
-            case "getNumberOfChannels" -> bridge.getNumberOfChannels(0);
-            case "setPlayback" -> bridge.setPlayback(false);
-            default -> fail("no such method");
-        }
+        Map.<String, Runnable>of("getPacket", bridge::getPacket,
+                "startRecording", bridge::startRecording, "stopRecording", bridge::stopRecording,
+                "setMonitoring", () -> bridge.setMonitoring(-1),
+                "getNumberOfChannels", () -> bridge.getNumberOfChannels(0),
+                "setPlayback", () -> bridge.setPlayback(false))
+                .get(System.getProperty("firstUse")).run();
         client.apply(settings(Trigger.OFF_HOOK));
         client.start();
         client.start();
@@ -131,11 +114,8 @@ class DriverTest {
 
     private CardEvent next() {
         assertTrue(System.nanoTime() < deadline, "what is waited for does not come");
-        try {
-            return client.poll(PATIENCE).orElseGet(() -> fail("the cards are silent"));
-        } catch (InterruptedException never) {
-            return fail(never);
-        }
+        return assertDoesNotThrow(() -> client.poll(PATIENCE))
+                .orElseGet(() -> fail("the cards are silent"));
     }
 
     private static LineSettings settings(Trigger trigger) {
