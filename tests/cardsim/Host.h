@@ -20,9 +20,8 @@ constexpr HostLayout hostLayout(int channels) {
 class Host {
   public:
     // The faults are those of card 0.
-    explicit Host(int channels0, int channels1 = 0, const std::vector<cardsim::Fault>& faults = {},
-                  std::uint64_t seed = 1)
-        : cards({card(channels0, faults, seed), card(channels1, {}, seed)}, memory.data(), report),
+    explicit Host(int channels0, int channels1 = 0, const std::vector<cardsim::Fault>& faults = {})
+        : cards({slot(channels0, faults), slot(channels1, {})}, memory.data(), report),
           period_ms(hostLayout(channels0).period_ms) {}
     Host(const Host&) = delete;
 
@@ -84,10 +83,10 @@ class Host {
     cardsim::Cards cards;
 
   private:
-    using Slot = std::optional<cardsim::CardOptions>;
-    static Slot card(int channels, const std::vector<cardsim::Fault>& faults, std::uint64_t seed) {
-        const auto pattern = cardsim::AudioSource::kPattern;
-        return channels == 0 ? Slot() : cardsim::CardOptions{channels, 0, pattern, faults, seed};
+    static std::optional<cardsim::CardOptions> slot(int channels,
+                                                    const std::vector<cardsim::Fault>& faults) {
+        const cardsim::CardOptions card{channels, 0, cardsim::AudioSource::kPattern, faults};
+        return channels == 0 ? std::nullopt : std::optional(card);
     }
     const int period_ms;
 };
