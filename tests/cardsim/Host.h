@@ -62,14 +62,25 @@ class Host {
         return sent;
     }
 
-    // Which buffers of card 0 are handed over: bit 0 and bit 1.
-    int handedOver() { return (in(0x302) & 1) | (in(0x304) & 1) << 1; }
-    void release(int buffer) { out(0x302 + 2 * buffer, 0x1A); }
-    // Card 0's next buffer is handed over and released; its number.
+    // Follows a script with card 0: w waits for its period, 0 and 1 release that buffer, ? adds to
+    // the answer which buffers are handed over, bit 0 and bit 1.
+    std::string follow(const std::string& script) {
+        std::string answer;
+        for (const char step : script) {
+            if (step == 'w') {
+                wait(period_ms);
+            } else if (step == '?') {
+                answer += std::to_string((in(0x302) & 1) | (in(0x304) & 1) << 1);
+            } else {
+                out(step == '0' ? 0x302 : 0x304, 0x1A);
+            }
+        }
+        return answer;
+    }
+    // The next buffer is handed over and released; its number.
     int exchange() {
-        wait(period_ms);
-        const int buffer = handedOver() == 1 ? 0 : 1;
-        release(buffer);
+        const int buffer = follow("w?") == "1" ? 0 : 1;
+        follow(std::to_string(buffer));
         return buffer;
     }
     volatile std::uint16_t& word(int buffer, int byteOffset) {
