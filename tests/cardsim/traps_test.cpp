@@ -108,6 +108,7 @@ TEST_F(Traps, HandForeignFaultsOnToWhoeverStoodThereBefore) {
 
 TEST_F(Traps, TurnThePortDeviceAndNothingElseIntoPortAccessesByteByByte) {
     const int ports = __open_2("/dev/port", O_RDWR);
+    const int other = open("/dev/port", O_RDWR);
     unsigned char bytes[3] = {};
     EXPECT_EQ(0x302, lseek(ports, 0x302, SEEK_SET));
     EXPECT_EQ(1, read(ports, bytes, 1));
@@ -132,6 +133,7 @@ TEST_F(Traps, TurnThePortDeviceAndNothingElseIntoPortAccessesByteByByte) {
     EXPECT_EQ(0, fstat(plain, &status));
     EXPECT_EQ(0600u, status.st_mode & 0777);
     close(plain);
+    close(other);
     unlink(path.c_str());
     EXPECT_EQ(-1, open("/dev/ports", O_RDWR));
     EXPECT_EQ(ENOENT, errno);
