@@ -53,6 +53,7 @@ TEST_P(Card, EchoesOnlyInResetWhichTakesBothWrites) {
     host.out(0x30E, 9);
     host.out(0x302, 0x12);
     EXPECT_EQ(0xFF, host.in(0x300));
+    EXPECT_EQ(0xFFFF, host.in(0x2FC));
     host.holdInReset();
     EXPECT_EQ(0x55, host.in(0x300));
     EXPECT_EQ(kindBit, host.in(0x302));
