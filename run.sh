@@ -33,7 +33,7 @@ record() {
     cd build/firmware # the load files are looked for in the working directory
     ../bin/cardsim --cards 4,8 --traffic --audio pleasant -- \
         java -Djava.library.path=../lib -jar ../lib/dspcard-examples.jar \
-        --folder "$folder" --seconds "$1"
+        --folder "$folder" --seconds "$1" || exit 1
     printf 'dspcard: the call log, %s/calls.csv:\n' "$folder"
     cat "$folder/calls.csv"
 }
@@ -41,7 +41,7 @@ record() {
 bench() {
     tools/build.sh release main cardsim firmware
     cd build/firmware
-    ../bin/cardsim --cards 4 --seconds "$1" -- ../bin/main
+    ../bin/cardsim --cards 4 --seconds "$1" -- ../bin/main || exit 1
 }
 
 job=record

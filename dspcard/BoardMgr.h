@@ -44,7 +44,8 @@ class BoardMgr {
 
     // Off also empties the monitor buffer.
     void setEnablePlayback(bool playback);
-    // A global channel, or kMonitorNothing, which also empties the monitor buffer.
+    // A global channel, or kMonitorNothing, which also empties the monitor buffer. With a channel
+    // that no card has, card 0 plays only what the client sends.
     void setMonitorChannel(int channel);
     void enableDebug(bool debug);
     // While recording, triggers, digits and callers are reported; audio is reported always.

@@ -15,7 +15,9 @@ class DSPDetect {
     DSPDetect& operator=(const DSPDetect&) = delete;
 
     // Number of boards found, 0 to 2. Each count becomes the card's channels (4 or 8; 0 when they
-    // cannot be read), or -2 when the card is absent. Board 1 counts only beside board 0.
+    // cannot be read), or -2 when the card is absent. Board 1 counts only beside board 0, which is
+    // asked again then: if it answers only at that second time, the count is 2 and its channels
+    // stay -2. vmem is not used.
     int detectBoards(int& channelsBoard0, int& channelsBoard1, void* vmem);
 
     // Whether the card answers at its data port. Resets its DSP.

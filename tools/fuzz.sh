@@ -56,8 +56,12 @@ for fuzzer in "${fuzzers[@]}"; do
         printf 'FOUND by %s, see %s and %s\n' "$fuzzer" "$build/found" "$log"
     fi
     count=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    if [[ -z $count ]]; then
+        found=$((found + 1))
+        printf 'FOUND %s does not run, see %s\n' "$fuzzer" "$log"
+    fi
     runs=$((runs + ${count:-0}))
     printf '%s: %s runs\n' "$fuzzer" "${count:-no}"
 done
 printf 'fuzz: %d runs, %d found\n' "$runs" "$found"
-((found == 0 && runs > 0))
+((found == 0))

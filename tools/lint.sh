@@ -9,6 +9,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mapfile -t files < <(git ls-files --cached --others --exclude-standard)
+((${#files[@]} > 0)) || {
+    echo 'lint: no files; is this a checkout?' >&2
+    exit 1
+}
 mapfile -t cpp < <(printf '%s\n' "${files[@]}" | grep -E '\.(h|cpp)$')
 mapfile -t scripts < <(grep -lE '^#!.*[ /](ba)?sh$' "${files[@]}")
 unclean=()

@@ -76,9 +76,9 @@ class ReferenceHost {
     struct Settings {
         std::uint16_t beep, trigger, delay_ms;
     };
-    // What a card's line has to be set to, after the first command.
     // Whether the card has had its turn with both buffers since the last command.
     bool settingsAreOld(int slot) const;
+    // What a card's line has to be set to, after the first command.
     Settings settings(int slot, int port) const;
     int numBoards() const { return static_cast<int>(boards.size()); }
     int channels(int slot) const { return boards[static_cast<std::size_t>(slot)].channels; }

@@ -24,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kTimeToEnd{3000};
+constexpr int kNotStarted = 126;
 constexpr int kKilled = 128;
 
 [[noreturn]] void fail(const char* what) {
@@ -72,10 +73,9 @@ void setEnvironment(const ProgramSettings& settings) {
     sigprocmask(SIG_SETMASK, &signals, nullptr);
     execvp(arguments[0], arguments.data());
     const int error = errno;
-    if (write(failures, &error, sizeof error) != sizeof error) {
-        _exit(kKilled - 1);
-    }
-    _exit(kKilled - 2);
+    // When this cannot be told either, the exit status has to tell.
+    [[maybe_unused]] const ssize_t told = write(failures, &error, sizeof error);
+    _exit(kNotStarted);
 }
 
 // What the child had to say before it became the program: nothing, or why it could not.

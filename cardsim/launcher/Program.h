@@ -9,7 +9,7 @@
 
 namespace cardsim {
 
-// The program could not be started. what(): why.
+// The program could not be started, and why.
 struct CannotStart {
     std::string reason;
     bool isMissing;  // there is no such program
@@ -32,7 +32,8 @@ struct ProgramEnd {
 // Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone;
 // SIGTERM and SIGHUP are passed on to it and to the process that has the cards, which a script may
 // have started; afterwards they stay like that. When the time is over both are ended. Should the
-// launcher be killed, the program is told to end. Throws CannotStart.
+// launcher be killed, the program is told to end. Throws CannotStart, or std::system_error when
+// there is no process to be had.
 ProgramEnd run(const ProgramSettings& settings);
 
 }  // namespace cardsim

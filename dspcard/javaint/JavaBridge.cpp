@@ -66,6 +66,7 @@ void storeFrame(JNIEnv* env, jbyteArray frame, const Packet& packet) {
     const jbyte time7 = byteOf(timestamp, 7);
     const jbyte header[kFrameHeaderLength] = {packetType, lengthLO, lengthHO, time0, time1, time2,
                                               time3,      time4,    time5,    time6, time7};
+    // A call for each byte, in this order, is part of what a VM sees of the driver.
     for (jsize index = 0; index < kFrameHeaderLength; ++index) {
         env->SetByteArrayRegion(frame, index, 1, &header[index]);
     }

@@ -46,7 +46,8 @@ class thread {
     // Starts the thread; does nothing when it has been started before. Fatal if the system gives
     // no thread.
     void start();
-    // Returns when the thread has ended; at once when it never started.
+    // Returns when the thread has ended; at once when it never started, and for a thread that frees
+    // itself.
     void waitfor();
     bool get_running() const { return running; }
     bool get_finished() const { return finished; }

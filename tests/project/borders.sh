@@ -16,8 +16,9 @@ forbid() {
         shift 2
     done
     shift
-    hits=$(grep -rnE "$pattern" --include='*.h' --include='*.cpp' "${exceptions[@]}" "$@" |
-        grep -vE '^[^:]+:[0-9]+: *//' || true)
+    hits=$(grep -rnE "$pattern" --include='*.h' --include='*.cpp' "${exceptions[@]}" "$@") ||
+        (($? == 1)) # nothing found; more is an error, such as a path that is not there
+    hits=$(grep -vE '^[^:]+:[0-9]+: *//' <<<"$hits") || true
     if [[ -n $hits ]]; then
         printf '%s:\n%s\n' "$message" "$hits"
         failed=1

@@ -93,6 +93,7 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
         {sim + "--cards 4,8" + check, 0, "PASS  memory of card 1"},
         {CARDSIM " --cards 8" + check, 0, "SKIP  card 1: none: nobody answers at 0x310"},
         {sim + "--cards none,4" + check, 1, "FAIL  card 1: answers at 0x310, but is used beside"},
+        {sim + "--cards 4,8 --fault wrong-echo@1-3/0" + check, 1, "0x300 at times only\n"},
         {sim + "--fault wrong-echo" + check, 1, "0x300 (wrote 0x55, read 0xAA): another device"},
         {"cd / && " + sim + "--cards 4" + check, 1, "FAIL  LOAD_4CH.TXT: no LOAD_4CH.TXT in /"},
         {CARDCHECK " --files-only", 0, "LOAD_4CH.TXT: 3 records, 548 words, checksum 24883"},

@@ -15,6 +15,12 @@ std::string card(int slot) {
     return "card " + std::to_string(slot);
 }
 
+constexpr char kSeatAnew[] = "seat the card anew; if that does not help, exchange it";
+
+std::string answersAtTimes(int slot) {
+    return "answers at " + hex(basePortOfBoard(slot), 3) + " at times only";
+}
+
 // For a card that detection has not found: tests it once more, to see why.
 void explainAbsence(Report& report, DSPDetect& detector, int slot) {
     const std::string at = " at " + hex(basePortOfBoard(slot), 3);
@@ -26,8 +32,7 @@ void explainAbsence(Report& report, DSPDetect& detector, int slot) {
             card(slot), "answers" + at + ", but is used beside card 0 only",
             "mend card 0, or set the I/O address of this card to " + hex(kBasePortBoard0, 3));
     } else if (echo.isRight) {
-        report.fail(card(slot), "answers" + at + " at times only",
-                    "seat the card anew; if that does not help, exchange it");
+        report.fail(card(slot), answersAtTimes(slot), kSeatAnew);
     } else if (echo.read != kNobodyAnswers) {
         report.fail(card(slot), "wrong echo" + at + seen + ": another device, or a broken card",
                     "see in /proc/ioports whether another device has these ports; if none has, "
@@ -73,6 +78,10 @@ FoundCards checkCards(Report& report, const Access& access) {
     for (int slot = 0; slot < kMaxCards; ++slot) {
         if (slot >= numFound) {
             explainAbsence(report, detector, slot);
+            continue;
+        }
+        if (channels[slot] != 4 && channels[slot] != 8) {
+            report.fail(card(slot), answersAtTimes(slot), kSeatAnew);
             continue;
         }
         found.channels[slot] = channels[slot];

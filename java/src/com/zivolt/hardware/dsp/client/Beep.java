@@ -1,6 +1,6 @@
 package com.zivolt.hardware.dsp.client;
 
-/** The beep that a card sounds on a recorded line. */
+/** The beep that a card sounds on a recorded line, in the order of the codes in packets. */
 public enum Beep {
     /** No beep. */
     OFF,

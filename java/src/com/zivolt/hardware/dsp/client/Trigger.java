@@ -19,6 +19,7 @@ public enum Trigger {
     /** As {@link #VOX_1}, highest threshold. */
     VOX_6;
 
+    /** As in packets: the order of the constants is that of the codes. */
     byte code() {
         return (byte) ordinal();
     }
