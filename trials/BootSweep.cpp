@@ -17,6 +17,7 @@ namespace trials {
 namespace {
 
 constexpr std::uint64_t kLongestReturn_us = 201'000;
+constexpr std::uint16_t kEntryPoint = 0x0080;
 
 struct Way {
     BusFault fault;
@@ -170,7 +171,9 @@ class BootTrial {
             throw Deviation("the next boot, without a fault, fails");
         }
         const auto& image = pc.card(slot).bootRom().image();
-        bool same = pc.report().cards[slot].boots == boots + 1 && image.size() == firmware.size();
+        bool same = pc.report().cards[slot].boots == boots + 1 &&
+                    pc.card(slot).bootRom().entryPoint() == kEntryPoint &&
+                    image.size() == firmware.size();
         for (std::size_t i = 0; same && i < image.size(); ++i) {
             same = image[i].address == firmware[i].address && image[i].page == 0 &&
                    image[i].words == firmware[i].words;

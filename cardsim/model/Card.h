@@ -51,8 +51,6 @@ class Card {
     Faults& faults() { return plannedFaults; }
     void connectSpeaker(Speaker listener) { speaker = std::move(listener); }
     const BootRom& bootRom() const { return rom; }
-    bool isRunning() const { return state == State::kRunning; }
-    std::uint32_t counter() const { return transferCounter; }
     // The word that the host wrote to a register last.
     std::uint16_t written(std::uint16_t offset) const { return registers[offset / 2]; }
 
