@@ -118,6 +118,16 @@ void fillWithSilence(std::vector<unsigned char>& audio) {
     }
 }
 
+// A leading byte, the number of characters, and the characters.
+template <class Iterator>
+std::vector<unsigned char> labelled(int leadingByte, Iterator characters, int count) {
+    std::vector<unsigned char> payload(static_cast<std::size_t>(2 + count));
+    payload[0] = static_cast<unsigned char>(leadingByte);
+    payload[1] = static_cast<unsigned char>(count);
+    std::copy_n(characters, count, payload.begin() + 2);
+    return payload;
+}
+
 }  // namespace
 
 Firmware readFirmware(int channels) {
@@ -327,10 +337,7 @@ void ReferenceHost::reportText(int type, int channel, const unsigned char* field
         return;
     }
     const int count = std::min<int>(field[0], capacity - 1);
-    Report report = {type,
-                     {static_cast<unsigned char>(channel), static_cast<unsigned char>(count)}};
-    report.payload.insert(report.payload.end(), field + 1, field + 1 + count);
-    reports.push_back(report);
+    reports.push_back({type, labelled(channel, field + 1, count)});
 }
 
 void ReferenceHost::reportAudio(const Board& board, const unsigned char* bytes) {
@@ -347,10 +354,7 @@ void ReferenceHost::reportAudio(const Board& board, const unsigned char* bytes) 
 }
 
 void ReferenceHost::reportError(int code, const std::string& text) {
-    Report report = {7,
-                     {static_cast<unsigned char>(code), static_cast<unsigned char>(text.size())}};
-    report.payload.insert(report.payload.end(), text.begin(), text.end());
-    reports.push_back(report);
+    reports.push_back({7, labelled(code, text.begin(), static_cast<int>(text.size()))});
 }
 
 bool ReferenceHost::isOffHook(Replay& bus, int slot, int port) const {
