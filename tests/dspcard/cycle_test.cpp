@@ -95,6 +95,12 @@ class Cycle : public testing::Test {
     std::string heard;
 };
 
+#ifdef __SANITIZE_THREAD__
+constexpr std::uint64_t kLongRun_ms = 400'000;  // one thread drives the cards: little to see
+#else
+constexpr std::uint64_t kLongRun_ms = 2'000'000;
+#endif
+
 class EachPairing : public Cycle, public testing::WithParamInterface<std::tuple<int, int, int>> {};
 using LockUp = EachPairing;
 
@@ -122,7 +128,7 @@ TEST_P(EachPairing, IsFoundBootedServedThousandsOfTransfersAndHeard) {
         manager.setMonitorChannel(-1);
         EXPECT_TRUE(MonitorBuffer::getInstance().isEmpty());
     });
-    bootAndRun(2'000'000);
+    bootAndRun(kLongRun_ms);
     const Packets packets = takePackets();
     AudioCheck audio[] = {{0, 0}, {1, static_cast<unsigned>(channels[0])}};
     for (const auto& packet : packets) {
@@ -134,7 +140,7 @@ TEST_P(EachPairing, IsFoundBootedServedThousandsOfTransfersAndHeard) {
         EXPECT_EQ(1u, report(board).boots);
         EXPECT_EQ(0u, report(board).missed);
         EXPECT_GT(audio[board].transfers, audio[board].lastCounter - 7);
-        EXPECT_GT(audio[board].transfers, channels[board] == 4 ? 4'000u : 8'000u);
+        EXPECT_GT(audio[board].transfers, kLongRun_ms / (channels[board] == 4 ? 500 : 250));
         const auto& settings = pc->line(board, 3).settings();
         EXPECT_EQ(3, settings.beep);
         EXPECT_EQ(0xFF02, settings.trigger);
