@@ -2,6 +2,8 @@
 # Shows the project at work on simulated cards, from a fresh checkout on.
 set -euo pipefail
 cd "$(dirname "$0")"
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -17,12 +19,6 @@ At the end the cards report what they saw.
 
 Exit status: 0 the run went through, 1 it did not, 2 wrong usage.
 TEXT
-}
-
-wrong_usage() {
-    printf 'run.sh: %s\n\n' "$1" >&2
-    usage >&2
-    exit 2
 }
 
 record() {
@@ -50,14 +46,11 @@ while (($# > 0)); do
     case $1 in
         record | bench) job=$1 ;;
         --seconds)
-            [[ ${2-} =~ ^[1-9][0-9]*$ ]] || wrong_usage '--seconds takes a whole number from 1'
+            require_number "$1" "${2-}"
             seconds=$2
             shift
             ;;
-        --help)
-            usage
-            exit 0
-            ;;
+        --help) show_help ;;
         *) wrong_usage "what is $1?" ;;
     esac
     shift

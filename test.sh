@@ -2,6 +2,8 @@
 # Builds everything and runs all tests, from a fresh checkout on.
 set -euo pipefail
 cd "$(dirname "$0")"
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -19,14 +21,8 @@ presets=("$@")
 for preset in "${presets[@]}"; do
     case $preset in
         release | debug | asan | tsan) ;;
-        --help)
-            usage
-            exit 0
-            ;;
-        *)
-            usage >&2
-            exit 2
-            ;;
+        --help) show_help ;;
+        *) wrong_usage "what is $preset?" ;;
     esac
 done
 

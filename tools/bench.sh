@@ -2,6 +2,8 @@
 # What the driver costs beside the least that the same work takes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -46,15 +48,8 @@ repetitions=9 seconds=0.1 long_run=500000 batches=40000 transfers=100000 idle=60
 while (($# > 0)); do
     case $1 in
         --quick) repetitions=5 seconds=0.05 long_run=20000 batches=10000 transfers=20000 idle=5 ;;
-        --help)
-            usage
-            exit 0
-            ;;
-        *)
-            printf 'bench.sh: what is %s?\n\n' "$1" >&2
-            usage >&2
-            exit 2
-            ;;
+        --help) show_help ;;
+        *) wrong_usage "what is $1?" ;;
     esac
     shift
 done

@@ -2,6 +2,8 @@
 # Lets the fuzzers loose on load files, on the client's bytes and on transfer buffers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -19,21 +21,12 @@ seconds=60
 while (($# > 0)); do
     case $1 in
         --seconds)
-            [[ ${2-} =~ ^[1-9][0-9]*$ ]] || {
-                usage >&2
-                exit 2
-            }
+            require_number "$1" "${2-}"
             seconds=$2
             shift
             ;;
-        --help)
-            usage
-            exit 0
-            ;;
-        *)
-            usage >&2
-            exit 2
-            ;;
+        --help) show_help ;;
+        *) wrong_usage "what is $1?" ;;
     esac
     shift
 done

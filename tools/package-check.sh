@@ -2,6 +2,8 @@
 # Proves the Debian package where nothing of this machine helps it. See --help.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -19,14 +21,8 @@ TEXT
 
 case ${1-} in
     '') ;;
-    --help)
-        usage
-        exit 0
-        ;;
-    *)
-        usage >&2
-        exit 2
-        ;;
+    --help) show_help ;;
+    *) wrong_usage "what is $1?" ;;
 esac
 
 mirror=(${DEBIAN_MIRROR:+"$DEBIAN_MIRROR"})

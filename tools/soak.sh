@@ -2,6 +2,8 @@
 # Lets a Java application use two simulated cards for a day of their time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 usage() {
     cat <<'TEXT'
@@ -20,21 +22,12 @@ seed=1
 while (($# > 0)); do
     case $1 in
         --hours | --seed)
-            [[ ${2-} =~ ^[1-9][0-9]*$ ]] || {
-                usage >&2
-                exit 2
-            }
+            require_number "$1" "${2-}"
             [[ $1 == --hours ]] && hours=$2 || seed=$2
             shift
             ;;
-        --help)
-            usage
-            exit 0
-            ;;
-        *)
-            usage >&2
-            exit 2
-            ;;
+        --help) show_help ;;
+        *) wrong_usage "what is $1?" ;;
     esac
     shift
 done

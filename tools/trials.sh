@@ -2,6 +2,8 @@
 # Runs the trials that try to break the driver, whole, and sums them up.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
 all=(boots corruption schedules backlog fuzz soak)
 
@@ -21,21 +23,15 @@ preset=release
 trials=()
 while (($# > 0)); do
     case $1 in
-        --help)
-            usage
-            exit 0
-            ;;
+        --help) show_help ;;
         --preset)
             preset=${2-}
+            [[ $preset =~ ^(release|debug|asan|tsan)$ ]] || wrong_usage "what preset is $preset?"
             shift
             ;;
         boots | corruption | schedules | backlog | fuzz | soak) trials+=("$1") ;;
-        *) preset= ;;
+        *) wrong_usage "what is $1?" ;;
     esac
-    [[ $preset =~ ^(release|debug|asan|tsan)$ ]] || {
-        usage >&2
-        exit 2
-    }
     shift
 done
 ((${#trials[@]} > 0)) || trials=("${all[@]}")
