@@ -37,7 +37,7 @@ std::uint32_t counterIn(const Packet& packet) {
 class Backlog {
   public:
     explicit Backlog(std::uint64_t minutes)
-        : pc({{4, 8}, 1, 0, {}, {}, true, nullptr}), pause_ms(minutes * 60'000) {}
+        : pc(cardsim::SimulatedPc::Options::with(4, 8)), pause_ms(minutes * 60'000) {}
 
     Outcome outcome() {
         BoardMgr& manager = BoardMgr::getInstance();

@@ -121,7 +121,8 @@ class BootTrial {
     BootTrial(int bootedSlot, int kindOfCard)
         : slot(bootedSlot),
           channels(kindOfCard),
-          pc({{slot == 0 ? channels : 0, slot == 1 ? channels : 0}, 1, 0, {}, {}, true, nullptr}),
+          pc(cardsim::SimulatedPc::Options::with(slot == 0 ? channels : 0,
+                                                 slot == 1 ? channels : 0)),
           firmware(readFirmware(channels)) {
         DirectIO::getInstance().allowPortAccess();
         char* const memory =
@@ -217,7 +218,7 @@ void detect(ObservedPc& pc) {
 }
 
 Outcome sweepDetection(std::uint64_t every) {
-    ObservedPc pc({{4, 8}, 1, 0, {}, {}, true, nullptr});
+    ObservedPc pc(cardsim::SimulatedPc::Options::with(4, 8));
     DirectIO::getInstance().allowPortAccess();  // so that its sleeps are seen
     DSPDetect detector;
     int unused = 0;

@@ -27,7 +27,7 @@ std::uint16_t corrupted(std::uint16_t word, int way) {
 class Corruption {
   public:
     Corruption(int channels, std::uint64_t wordsApart)
-        : run({{channels, 0}, 1, 0, {}, {}, true, nullptr}),
+        : run(cardsim::SimulatedPc::Options::with(channels)),
           words(cardsim::layoutOf(channels).words),
           every(static_cast<int>(wordsApart)) {
         cardsim::planTraffic(run.pc().cards(), 1);

@@ -24,6 +24,14 @@ struct PowerOff : std::exception {
 class SimulatedPc : public Hardware {
   public:
     struct Options {
+        // Cards with so many channels, everything else as it stands here.
+        static Options with(int channels0, int channels1 = 0) {
+            Options options;
+            options.channels[0] = channels0;
+            options.channels[1] = channels1;
+            return options;
+        }
+
         int channels[portMap::kMaxCards] = {4, 0};  // by slot: 4, 8, or 0 for an empty one
         std::uint64_t seed = 1;
         std::uint32_t period_ms = 0;  // 0: that of each kind of card

@@ -10,7 +10,7 @@
 #include <chrono>
 #include <thread>
 
-#include "../dspcard/ScriptedCards.h"
+#include "ScriptedCards.h"
 #include "pc/SimulatedPc.h"
 
 extern "C" int __open_2(const char* path, int flags);

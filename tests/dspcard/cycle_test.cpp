@@ -57,8 +57,9 @@ class Cycle : public testing::Test {
   protected:
     BoardMgr& powerUp(int channels0, int channels1 = 0, std::vector<Fault> faults = {}) {
         std::filesystem::current_path(FIRMWARE_FOLDER);
-        pc = std::make_unique<SimulatedPc>(SimulatedPc::Options{
-            {channels0, channels1}, 1, 0, {}, std::move(faults), true, nullptr});
+        auto options = SimulatedPc::Options::with(channels0, channels1);
+        options.faults = std::move(faults);
+        pc = std::make_unique<SimulatedPc>(options);
         return BoardMgr::getInstance();
     }
     void listenToSpeaker() {
@@ -266,7 +267,7 @@ class StandingPc : public SimulatedPc {
 
 TEST(Runner, GetsPortsOfItsOwnWhoeverMadeTheManager) {
     std::filesystem::current_path(FIRMWARE_FOLDER);
-    auto& pc = *new StandingPc({{4, 8}, 1, 0, {}, {}, true, nullptr});  // the runner never ends
+    auto& pc = *new StandingPc(SimulatedPc::Options::with(4, 8));  // the runner never ends
     pc.endAt(20'000);
     const Console console;
     // The runner may get the number of a thread that has ended, but not its permission.
