@@ -181,9 +181,14 @@ void BoardMgr::releaseFirstBuffers() {
 }
 
 bool BoardMgr::exchangeBuffer(int board, int buffer) {
+    MonitorBuffer& monitorBuffer = MonitorBuffer::getInstance();
+    const unsigned clearsBefore = monitorBuffer.getClears();
     std::unique_ptr<Packet> command = getNextCommand(board);
     DSPBoard* const dspBoard = getBoard(board);
     dspBoard->doReadWrite(buffer, command.get());
+    // Audio of a client or line that was switched off meanwhile would never be played, and hold
+    // back all commands.
+    monitorBuffer.clearAgainSince(clearsBefore);
     const bool lockedUp = dspBoard->isLockedUp();
     dspBoard->setLockedUp(false);
     command.reset();

@@ -232,12 +232,9 @@ void DSPTransferBoard<Card, Transfer>::fillPlayback(int monitored) {
     }
     const bool monitoring = monitored != kNoChannel;
     card().checkMonitorSource(monitoring);
-    MonitorBuffer& monitorBuffer = MonitorBuffer::getInstance();
-    if ((monitoring || playbackEnabled.load(std::memory_order_relaxed)) &&
-        !monitorBuffer.isEmpty()) {
-        monitorBuffer.getData(reinterpret_cast<char*>(otherBuffer.playbackPortData.voiceBuffer),
-                              kAudioBytes);
-    } else {
+    auto* const audio = reinterpret_cast<char*>(otherBuffer.playbackPortData.voiceBuffer);
+    const bool mayPlay = monitoring || playbackEnabled.load(std::memory_order_relaxed);
+    if (!mayPlay || !MonitorBuffer::getInstance().getDataIfAny(audio, kAudioBytes)) {
         fillWithSilence(&otherBuffer);
     }
 }

@@ -14,6 +14,7 @@
 
 #include "../BoardMgr.h"
 #include "../ConsoleLine.h"
+#include "../MonitorBuffer.h"
 #include "DSPRunner.h"
 #include "MessageDispatcher.h"
 #include "Packet.h"
@@ -148,6 +149,8 @@ void switchPlayback(bool playback) {
     BoardMgr::getInstance().setEnablePlayback(playback);
     if (!playback) {
         MessageDispatcher::getInstance().removePacketsFromReceiveQueue(PACKET_PLAYBACK_DATA);
+        // An exchange that began meanwhile may have taken one of them.
+        MonitorBuffer::getInstance().clear();
     }
 }
 
