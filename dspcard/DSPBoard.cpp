@@ -6,6 +6,7 @@
 
 #include "CardPorts.h"
 #include "ConsoleLine.h"
+#include "ErrorReport.h"
 #include "javaint/MessageDispatcher.h"
 
 namespace {
@@ -22,6 +23,8 @@ bool isHandedOver(int buffer) {
 }
 
 }  // namespace
+
+std::atomic<bool> DSPBoard::recording{false};
 
 DSPBoard::DSPBoard(int bNumber, unsigned short nChannels, char* bAddress, int fChannel)
     : numChannels(nChannels),
@@ -80,6 +83,10 @@ void DSPBoard::setEnablePlayback(bool playback) {
     playbackEnabled.store(playback, std::memory_order_relaxed);
 }
 
+void DSPBoard::setRecording(bool on) {
+    recording.store(on, std::memory_order_relaxed);
+}
+
 void DSPBoard::enableDebug(bool debug) {
     debugEnabled.store(debug, std::memory_order_relaxed);
 }
@@ -135,8 +142,7 @@ void DSPBoard::clearTriggers() {
 }
 
 void DSPBoard::error(int code, const char* description) {
-    ConsoleLine(std::cerr) << "ERROR! " << description;
-    MessageDispatcher::getInstance().addPacketToSendQueue(new ErrorPacket(code, description));
+    reportError(code, description);
 }
 
 std::uint16_t DSPBoard::readLineStatus(int k) const {

@@ -1,5 +1,10 @@
 #include "DSPBoardEightChannel.h"
 
+#include <iostream>
+
+#include "ConsoleLine.h"
+#include "MonitorBuffer.h"
+
 namespace {
 
 constexpr std::uint16_t kEvenOffHook = 0x0004;

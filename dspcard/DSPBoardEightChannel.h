@@ -30,3 +30,5 @@ class DSPBoardEightChannel final
     // Two lines share a status word: a bit of the even one, or the same of the odd one.
     bool readLineBit(int channel, std::uint16_t evenBit, std::uint16_t oddBit) const;
 };
+
+extern template class DSPTransferBoard<DSPBoardEightChannel, DSPTransferEightChannel>;

@@ -2,11 +2,13 @@
 // a plain array here, laid out by this test's own offsets, and the registers read as set.
 #include <gmock/gmock.h>
 
+#include <cstring>
 #include <random>
 
 #include "BoardMgr.h"
 #include "DSPBoardEightChannel.h"
 #include "DSPBoardFourChannel.h"
+#include "MonitorBuffer.h"
 #include "ScriptedCards.h"
 #include "Surroundings.h"
 
