@@ -2,7 +2,6 @@
 
 #include <pasync.h>
 
-#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <string>
@@ -23,17 +22,6 @@ constexpr unsigned kPollInterval_ms = 100;
 constexpr int kToleratedLockUps = 6;
 constexpr unsigned kPauseBeforeReboot_ms = 3000;
 constexpr unsigned kPauseAfterReboot_ms = 1000;
-
-// "Cards in use by process 1234 (java)"; no longer than an error packet takes.
-std::string usedBy(pid_t process) {
-    if (process <= 0) {
-        return "Cards in use by another process";
-    }
-    const std::string number = std::to_string(process);
-    std::string name;
-    std::getline(std::ifstream("/proc/" + number + "/comm"), name);
-    return "Cards in use by process " + number + (name.empty() ? "" : " (" + name + ")");
-}
 
 }  // namespace
 
@@ -75,8 +63,9 @@ void BoardMgr::setUpCards() {
     if (dspCardsMem == nullptr) {
         // A board without its memory could only crash; the client hears why there is none.
         numBoards = 0;
-        reportError(ERROR_MEMORY_NOT_MAPPED, mayTouchPorts ? "Card memory not mapped"
-                                                           : usedBy(hardware.getHolder()).c_str());
+        const std::string reason =
+            mayTouchPorts ? "Card memory not mapped" : "Cards in use by " + hardware.getHolder();
+        reportError(ERROR_MEMORY_NOT_MAPPED, reason.c_str());
     }
     makeBoards(channelsBoard0, channelsBoard1);
 }

@@ -88,8 +88,8 @@ bool DSPBootloader::sendSections(const char* bootFileName) {
                 << bootFileName << ": record " << loadFile.recordNumber() << ": " << record.problem;
             return false;
         }
-        if (!bootSection(record.address, record.size, record.sectionFileName)) {
-            ConsoleLine(std::cerr) << "Boot Section failed addr=" << record.addressToken;
+        if (!bootSection(record.address, static_cast<int>(record.size), record.sectionFile.text)) {
+            ConsoleLine(std::cerr) << "Boot Section failed addr=0x" << record.addressToken.text + 1;
             return false;
         }
     }

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <fstream>
 #include <iostream>
 #include <mutex>
 
@@ -20,6 +21,16 @@ thread_local bool hasAskedForPorts = false;
 // Whether this process maps claimed memory. From then on no descriptor of /dev/mem is closed: with
 // any of them the claim would go.
 std::atomic<bool> hasClaim{false};
+
+std::string nameOf(pid_t process) {
+    if (process <= 0) {
+        return "another process";
+    }
+    const std::string number = std::to_string(process);
+    std::string program;
+    std::getline(std::ifstream("/proc/" + number + "/comm"), program);
+    return "process " + number + (program.empty() ? "" : " (" + program + ")");
+}
 
 }  // namespace
 
@@ -111,7 +122,7 @@ bool DirectIO::claim(int memory, unsigned long baseAddr, unsigned long length) {
             reportErrno("Couldn't lock /dev/mem errno=");
             return true;  // a kernel without locks: nobody can be kept away
         }
-        holder = fcntl(memory, F_GETLK, &lock) == 0 ? lock.l_pid : 0;
+        holder = nameOf(fcntl(memory, F_GETLK, &lock) == 0 ? lock.l_pid : 0);
     } while (lock.l_type == F_UNLCK);  // given up meanwhile
     return false;
 }

@@ -11,9 +11,8 @@
 // it is the caller tells.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
+#include <string>
 
 class DirectIO {
   public:
@@ -43,8 +42,8 @@ class DirectIO {
     Failure getFailure() const { return failure; }
     int getFailureErrno() const { return failureErrno; }
 
-    // The process that has the memory, after kMemoryInUse; 0 when it cannot be named.
-    pid_t getHolder() const { return holder; }
+    // Who has the memory, after kMemoryInUse: "process 1234 (java)", or "another process".
+    const std::string& getHolder() const { return holder; }
 
     // Claims and maps length bytes of physical memory from baseAddr, a multiple of the page size.
     // Null on failure, with the recorded mapping unchanged; when another process has that memory,
@@ -67,5 +66,5 @@ class DirectIO {
     std::uint32_t memoryLength = 0;  // bytes
     Failure failure = Failure::kNone;
     int failureErrno = 0;
-    pid_t holder = 0;
+    std::string holder;
 };

@@ -78,6 +78,10 @@ void MessageDispatcher::addPacketToReceiveQueue(unsigned char pktType, int pktLe
     addPacketToReceiveQueue(packet.release());
 }
 
+bool MessageDispatcher::isCommand(unsigned char pktType) {
+    return pktType == PACKET_PLAYBACK_DATA || pktType == PACKET_LINE_SETTINGS;
+}
+
 void MessageDispatcher::removePacketsFromReceiveQueue(int type) {
     const pt::scopelock lock(receiveQueueMutex);
     for (int i = pt::length(receiveQueue) - 1; i >= 0; --i) {
