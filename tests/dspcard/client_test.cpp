@@ -1,17 +1,12 @@
 // What a client does in the middle of an exchange leaves nothing behind that holds back commands:
 // the client here calls at each port access in turn, on the thread that drives the cards.
 #include <gtest/gtest.h>
-#include <jni.h>
 
 #include "BoardMgr.h"
+#include "JavaVm.h"
 #include "MonitorBuffer.h"
 #include "Surroundings.h"
 #include "pc/SimulatedPc.h"
-
-extern "C" {
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(JNIEnv*, jobject, jboolean);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(JNIEnv*, jobject, jint);
-}
 
 namespace {
 
