@@ -3,7 +3,6 @@
 #include <pasync.h>
 
 #include <iostream>
-#include <mutex>
 #include <string>
 
 #include "CardMemory.h"
@@ -12,6 +11,7 @@
 #include "DSPBoardFourChannel.h"
 #include "DSPDetect.h"
 #include "ErrorReport.h"
+#include "MadeOnce.h"
 #include "MonitorBuffer.h"
 #include "javaint/MessageDispatcher.h"
 
@@ -28,9 +28,7 @@ constexpr unsigned kPauseAfterReboot_ms = 1000;
 BoardMgr* BoardMgr::pInstance = nullptr;
 
 BoardMgr& BoardMgr::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { pInstance = new BoardMgr; });
-    return *pInstance;
+    return madeOnce(pInstance, [] { return new BoardMgr; });
 }
 
 BoardMgr::BoardMgr() {

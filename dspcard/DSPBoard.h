@@ -10,7 +10,6 @@
 // A transfer buffer is named by its global number: 2 x board number + buffer within the card.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -75,10 +74,6 @@ class DSPBoard {
     static constexpr int kNoChannel = -1;
     static constexpr std::uint16_t silence[10] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
                                                   0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
-
-    // Level words by TriggerType.
-    using TriggerLevels = std::array<std::uint16_t, 8>;
-    static std::uint16_t levelIn(const TriggerLevels& levels, TriggerType tType);
 
     static bool isRecording() { return recording.load(std::memory_order_relaxed); }
     // Line-status word k of the card, 0 to 3.

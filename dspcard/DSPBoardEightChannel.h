@@ -8,12 +8,12 @@
 class DSPBoardEightChannel final
     : public DSPTransferBoard<DSPBoardEightChannel, DSPTransferEightChannel> {
   public:
-    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
-
     using DSPTransferBoard::DSPTransferBoard;
 
     bool readOffHook(int channel) override;
     std::uint16_t getTriggerLevel(TriggerType tType) override;
+
+    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
 
   private:
     friend DSPTransferBoard;

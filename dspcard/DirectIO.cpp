@@ -7,11 +7,11 @@
 #include <atomic>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 
 #include "CardPorts.h"
 #include "ConsoleLine.h"
 #include "FileDescriptor.h"
+#include "MadeOnce.h"
 
 namespace {
 
@@ -37,9 +37,7 @@ std::string nameOf(pid_t process) {
 DirectIO* DirectIO::sInstance = nullptr;
 
 DirectIO& DirectIO::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { sInstance = new DirectIO; });
-    return *sInstance;
+    return madeOnce(sInstance, [] { return new DirectIO; });
 }
 
 void DirectIO::allowPortAccess() {

@@ -2,22 +2,14 @@
 
 #include <algorithm>
 #include <iostream>
-#include <mutex>
 
 #include "ConsoleLine.h"
-
-namespace {
-
-constexpr char kGettingData[] = "Getting data from monitor buffer, size now=";
-
-}  // namespace
+#include "MadeOnce.h"
 
 MonitorBuffer* MonitorBuffer::sInstance = nullptr;
 
 MonitorBuffer& MonitorBuffer::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { sInstance = new MonitorBuffer; });
-    return *sInstance;
+    return madeOnce(sInstance, [] { return new MonitorBuffer; });
 }
 
 void MonitorBuffer::addData(const char* buf, int size) {
@@ -25,20 +17,24 @@ void MonitorBuffer::addData(const char* buf, int size) {
         const pt::scopelock lock(bufferMutex);
         buffer.Write(buf, static_cast<Ring::DWORD>(std::max(size, 0)));
     }
-    ConsoleLine(std::cerr) << "Adding data to monitor buffer, size now=" << buffer.get_countUsed();
+    tellSize("Adding data to");
 }
 
 void MonitorBuffer::getData(char* destBuffer, int size) {
     read(destBuffer, size);
-    ConsoleLine(std::cerr) << kGettingData << buffer.get_countUsed();
+    tellSize("Getting data from");
 }
 
 bool MonitorBuffer::getDataIfAny(char* destBuffer, int size) {
     if (read(destBuffer, size) == 0) {
         return false;
     }
-    ConsoleLine(std::cerr) << kGettingData << buffer.get_countUsed();
+    tellSize("Getting data from");
     return true;
+}
+
+void MonitorBuffer::tellSize(const char* after) const {
+    ConsoleLine(std::cerr) << after << " monitor buffer, size now=" << buffer.get_countUsed();
 }
 
 MonitorBuffer::Ring::DWORD MonitorBuffer::read(char* destBuffer, int size) {

@@ -46,6 +46,7 @@ class MonitorBuffer {
     MonitorBuffer() = default;
 
     Ring::DWORD read(char* destBuffer, int size);
+    void tellSize(const char* after) const;
 
     static MonitorBuffer* sInstance;
 

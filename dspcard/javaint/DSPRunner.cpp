@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <mutex>
 
 #include "../BoardMgr.h"
 #include "../Console.h"
 #include "../ConsoleLine.h"
 #include "../DirectIO.h"
+#include "../MadeOnce.h"
 #include "../Precedence.h"
 
 namespace {
@@ -20,9 +20,7 @@ constexpr char kThreadFailed[] = "the thread that serves the cards failed";
 DSPRunner* DSPRunner::pInstance = nullptr;
 
 DSPRunner& DSPRunner::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { pInstance = new DSPRunner; });
-    return *pInstance;
+    return madeOnce(pInstance, [] { return new DSPRunner; });
 }
 
 DSPRunner::DSPRunner() : pt::thread(false) {}

@@ -2,9 +2,9 @@
 
 #include <iostream>
 #include <memory>
-#include <mutex>
 
 #include "../ConsoleLine.h"
+#include "../MadeOnce.h"
 
 namespace {
 
@@ -40,9 +40,7 @@ std::unique_ptr<Packet> makeCommandPacket(unsigned char pktType) {
 MessageDispatcher* MessageDispatcher::sInstance = nullptr;
 
 MessageDispatcher& MessageDispatcher::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { sInstance = new MessageDispatcher; });
-    return *sInstance;
+    return madeOnce(sInstance, [] { return new MessageDispatcher; });
 }
 
 Packet* MessageDispatcher::getPacketFromSendQueue() {

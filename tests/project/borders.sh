@@ -28,14 +28,14 @@ forbid() {
 # Which room a file is in. The rooms and their arrows are those drawn in ARCHITECTURE.md.
 room_of() {
     case $1 in
-        dspcard/Console*) room=console ;;
+        dspcard/Console* | dspcard/MadeOnce.h) room=console ;;
         dspcard/javaint/*Packet.* | dspcard/javaint/MessageDispatcher.* | dspcard/ErrorReport.* | \
             dspcard/LineSettingsCmd.h) room=packets ;;
         dspcard/DirectIO.* | dspcard/MemIO.* | dspcard/DSPDetect.* | dspcard/DSPBootLoader.* | \
             dspcard/BootLoadFile.* | dspcard/SectionFile.* | dspcard/RegularFile.h | \
             dspcard/FileDescriptor.h | dspcard/Card*.h) room=hardware ;;
         dspcard/DSPBoard* | dspcard/DSPTransferBoard.* | dspcard/DSPMessageBuffer.h | \
-            dspcard/MonitorBuffer.* | dspcard/CircularBuffer.h) room=boards ;;
+            dspcard/MonitorBuffer.* | dspcard/CircularBuffer.h | dspcard/TriggerLevels.h) room=boards ;;
         dspcard/BoardMgr.*) room=manager ;;
         dspcard/javaint/JavaBridge.cpp | dspcard/javaint/DSPRunner.* | dspcard/Precedence.* | \
             dspcard/boardMgrTest.cpp) room=entrances ;;
