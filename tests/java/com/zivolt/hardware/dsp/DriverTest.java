@@ -3,10 +3,10 @@ package com.zivolt.hardware.dsp;
 import static java.nio.charset.StandardCharsets.ISO_8859_1;
 import static org.junit.jupiter.api.Assertions.*;
 
-import com.zivolt.hardware.dsp.check.AudioChecker;
 import com.zivolt.hardware.dsp.client.*;
 import com.zivolt.hardware.dsp.client.CardEvent.AudioRecorded;
 import com.zivolt.hardware.dsp.cppint.CPPBridge;
+import com.zivolt.hardware.dsp.trials.AudioChecker;
 import java.nio.file.*;
 import java.time.Duration;
 import java.util.*;
