@@ -28,7 +28,7 @@ public final class AudioChecker {
 
     /** Checks the next transfer of any card. */
     public void check(AudioRecorded audio) {
-        int card = audio.firstChannel() == 0 ? 0 : 1;
+        int card = audio.firstLine() == 0 ? 0 : 1;
         int counter = counterOf(audio);
         Integer last = lastCounter.put(card, counter);
         lost += last != null && counter != last + 1 ? 1 : 0;
