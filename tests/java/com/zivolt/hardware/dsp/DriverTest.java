@@ -7,6 +7,7 @@ import com.zivolt.hardware.dsp.client.*;
 import com.zivolt.hardware.dsp.client.CardEvent.AudioRecorded;
 import com.zivolt.hardware.dsp.cppint.CPPBridge;
 import com.zivolt.hardware.dsp.trials.AudioChecker;
+import java.io.IOException;
 import java.nio.file.*;
 import java.time.*;
 import java.util.*;
@@ -16,55 +17,26 @@ import org.junit.jupiter.api.Test;
 
 /**
  * The driver through a real Java VM, on a four- and an eight-channel simulated card with traffic
- * and verifiable audio. A process has one driver: each test needs a VM of its own.
+ * and verifiable audio. A process has one driver, so each run needs a VM of its own.
  */
 class DriverTest {
     private final CPPBridge bridge = new CPPBridge();
     private final CardClient client = new CardClient(bridge);
 
-    /** The property firstUse names the method that a thread of Java's calls before initialize. */
+    /**
+     * The property firstUse names the method that a thread of Java's calls before initialize,
+     * speaker the file of what card 0 plays.
+     */
     @Test
-    void recordsAndStopsForSeveralThreadsWhateverIsCalledFirst() {
+    void recordsPlaysAndStopsWhateverIsCalledFirst() throws IOException {
         Map.<String, Runnable>of("getPacket", bridge::getPacket,
                 "startRecording", bridge::startRecording, "stopRecording", bridge::stopRecording,
                 "setMonitoring", () -> bridge.setMonitoring(-1),
                 "getNumberOfChannels", () -> bridge.getNumberOfChannels(0),
                 "setPlayback", () -> bridge.setPlayback(false))
                 .get(System.getProperty("firstUse")).run();
-        client.apply(settings(Trigger.OFF_HOOK));
-        client.start();
-        client.start();
-        client.startRecording();
-
-        AudioChecker checker = new AudioChecker();
-        await(event -> {
-            if (event instanceof AudioRecorded audio) {
-                checker.check(audio);
-            }
-            return event instanceof CardEvent.CallEnded && checker.transfers() > 1000;
-        });
-        assertTrue(checker.allWell(), checker.toString());  // two runner threads would upset it
-        assertEquals(List.of(4, 8, 0, 0, 0), Stream.of(0, 1, 2, -1, Integer.MIN_VALUE)
-                .map(client::linesOfCard).toList());
-
-        client.stopRecording();
-        Instant stopped = Instant.now();  // what comes after this exchange is audio
-        await(event -> event instanceof AudioRecorded && event.time().isAfter(stopped));
-        AudioChecker together = new AudioChecker();  // a transfer that comes twice is noticed, too
-        IntStream.range(0, 10_000).parallel()
-                .mapToObj(i -> assertInstanceOf(AudioRecorded.class, next()))
-                .sorted(Comparator.comparing(AudioChecker::counterOf))
-                .forEachOrdered(together::check);
-        assertTrue(together.allWell() && together.cards() == 2, together.toString());
-
-        assertTrue(IntStream.range(0, 20).anyMatch(i -> nextIsStampedNow()), "wrong time stamps");
-    }
-
-    /** The property speaker names the file of what card 0 plays. */
-    @Test
-    void badCommandsHurtNothingAndGoodOnesKeepTheirOrder() throws Exception {
         Random random = new Random(1);
-        for (int i = 0; i < 10_000; ++i) {
+        for (int i = 0; i < 1000; ++i) {
             byte[] data = random.nextInt(8) == 0 ? null : new byte[random.nextInt(700)];
             bridge.putPacket((byte) random.nextInt(256), random.nextInt(800) - 20, data);
         }
@@ -79,17 +51,35 @@ class DriverTest {
         client.enablePlayback(true);
         client.play(played);
         client.start();
-
-        String wanted = new String(played, ISO_8859_1);  // a char a byte, which String can find
-        String heard;
-        do {
-            await(AudioRecorded.class::isInstance);
-            heard = Files.readString(Path.of(System.getProperty("speaker")), ISO_8859_1);
-        } while (!heard.contains(wanted));
-        assertFalse(heard.contains(new String(discarded, 0, 600, ISO_8859_1)), "not discarded");
-        assertEquals(heard.indexOf(wanted), heard.lastIndexOf(wanted), "played twice");
+        client.start();
         client.startRecording();
-        await(CardEvent.CallStarted.class::isInstance);  // the settings that were sent last hold
+
+        AudioChecker checker = new AudioChecker();
+        await(event -> {
+            if (event instanceof AudioRecorded audio) {
+                checker.check(audio);
+            }
+            return event instanceof CardEvent.CallEnded && checker.transfers() > 1000;
+        });
+        assertTrue(checker.allWell(), checker.toString());  // two runner threads would upset it
+        assertEquals(List.of(4, 8, 0, 0, 0), Stream.of(0, 1, 2, -1, Integer.MIN_VALUE)
+                .map(client::linesOfCard).toList());
+        String heard = Files.readString(Path.of(System.getProperty("speaker")), ISO_8859_1);
+        String wanted = new String(played, ISO_8859_1);  // a char a byte, which String can find
+        assertTrue(heard.contains(wanted), "not played as it is");
+        assertEquals(heard.indexOf(wanted), heard.lastIndexOf(wanted), "played twice");
+        assertFalse(heard.contains(new String(discarded, 0, 600, ISO_8859_1)), "not discarded");
+
+        client.stopRecording();
+        Instant stopped = Instant.now();  // what comes after this exchange is audio
+        await(event -> event instanceof AudioRecorded && event.time().isAfter(stopped));
+        AudioChecker together = new AudioChecker();  // a transfer that comes twice is noticed, too
+        IntStream.range(0, 10_000).parallel()
+                .mapToObj(i -> assertInstanceOf(AudioRecorded.class, next()))
+                .sorted(Comparator.comparing(AudioChecker::counterOf))
+                .forEachOrdered(together::check);
+        assertTrue(together.allWell() && together.cards() == 2, together.toString());
+        assertTrue(IntStream.range(0, 20).anyMatch(i -> nextIsStampedNow()), "wrong time stamps");
     }
 
     /** Takes events up to and including the first that is wanted. */
