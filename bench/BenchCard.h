@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <string>
 #include <system_error>
 
 #include "traps/Hardware.h"
@@ -70,7 +71,7 @@ class BenchCard : public cardsim::Hardware {
     }
     int grantPorts() override { return 0; }
     int openPorts() override { return 0; }
-    int openMemory() override { return dup(file); }
+    std::string memoryPath() override { return "/proc/self/fd/" + std::to_string(file); }
     bool sleep(std::uint64_t) override {
         if (onSleep) {
             onSleep();

@@ -25,7 +25,7 @@ class EmptyPc : public cardsim::Hardware {
     void out(std::uint16_t, int, std::uint32_t) override {}
     int grantPorts() override { return 0; }
     int openPorts() override { return 0; }
-    int openMemory() override { return -1; }
+    std::string memoryPath() override { return ""; }
     bool sleep(std::uint64_t) override { return false; }
     bool processorTime(std::clock_t&) override { return false; }
 };

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 namespace cardsim {
 
@@ -23,8 +24,9 @@ class Hardware {
     // with errno set.
     virtual int grantPorts() = 0;
     virtual int openPorts() = 0;
-    // A new descriptor of a file that stands for physical memory, or -1 with errno set.
-    virtual int openMemory() = 0;
+    // The path of a file that stands for physical memory, to be opened as the program opens
+    // /dev/mem; empty, with errno set, when it may not.
+    virtual std::string memoryPath() = 0;
 
     // The thread that drives the cards wants to sleep. True: the time has passed; false: it shall
     // sleep for real. May throw: the program's sleep lets the exception through.
@@ -39,7 +41,10 @@ void attachHardware(Hardware* hardware);
 Hardware* attachedHardware();
 
 // Set by whoever wants to be asked for hardware as late as possible: called once, at the first
-// ioperm or opening of /dev/port or /dev/mem without hardware; may attach some.
+// ioperm or opening of /dev/port or /dev/mem without hardware, or at the first access by a
+// permission or a descriptor that is older than a fork; may attach some.
 void onFirstUse(void (*attach)());
+// The attached hardware, after onFirstUse had its turn.
+Hardware* hardwareAtFirstUse();
 
 }  // namespace cardsim

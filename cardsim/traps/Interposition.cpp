@@ -16,6 +16,7 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <string>
 
 #include "traps/Hardware.h"
 #include "traps/PortTrap.h"
@@ -51,19 +52,6 @@ Function* real(const char* name) {
     REAL(close);
 }
 
-Hardware* hardwareAtFirstUse() {
-    // A thread that asks at the same time waits until the hardware is complete; whoever makes it
-    // may open files.
-    static std::recursive_mutex attaching;
-    const std::lock_guard<std::recursive_mutex> guard(attaching);
-    if (attachedHardware() == nullptr) {
-        if (auto* const attach = firstUse.exchange(nullptr)) {
-            attach();
-        }
-    }
-    return attachedHardware();
-}
-
 int openPortDevice(Hardware& hardware) {
     if (hardware.openPorts() != 0) {
         return -1;
@@ -95,7 +83,7 @@ std::atomic<int>* portSlot(int fd) {
 }
 
 bool isPortDescriptor(int fd) {
-    return attachedHardware() != nullptr && portSlot(fd) != nullptr;
+    return portSlot(fd) != nullptr && hardwareAtFirstUse() != nullptr;
 }
 
 // Where the descriptor stands, moving on by count bytes.
@@ -135,8 +123,13 @@ Device deviceOf(const char* path) {
     return std::strcmp(path, "/dev/mem") == 0 ? Device::kMemory : Device::kOther;
 }
 
+int openMemoryDevice(Hardware& hardware, int flags) {
+    const std::string path = hardware.memoryPath();
+    return path.empty() ? -1 : REAL(open)(path.c_str(), flags);
+}
+
 // Opens one of the cards' devices; false when path is none, or no hardware is attached.
-bool openDevice(const char* path, int& fd) {
+bool openDevice(const char* path, int flags, int& fd) {
     const Device device = deviceOf(path);
     if (device == Device::kOther) {
         return false;
@@ -145,7 +138,7 @@ bool openDevice(const char* path, int& fd) {
     if (hardware == nullptr) {
         return false;
     }
-    fd = device == Device::kPorts ? openPortDevice(*hardware) : hardware->openMemory();
+    fd = device == Device::kPorts ? openPortDevice(*hardware) : openMemoryDevice(*hardware, flags);
     return true;
 }
 
@@ -186,6 +179,19 @@ void onFirstUse(void (*attach)()) {
     firstUse = attach;
 }
 
+Hardware* hardwareAtFirstUse() {
+    // A thread that asks at the same time waits until the hardware is complete; whoever makes it
+    // may open files.
+    static std::recursive_mutex attaching;
+    const std::lock_guard<std::recursive_mutex> guard(attaching);
+    if (attachedHardware() == nullptr) {
+        if (auto* const attach = firstUse.exchange(nullptr)) {
+            attach();
+        }
+    }
+    return attachedHardware();
+}
+
 }  // namespace cardsim
 
 using namespace cardsim;
@@ -206,7 +212,7 @@ int ioperm(unsigned long from, unsigned long count, int on) noexcept {
 #define OPEN(name)                                          \
     int name(const char* path, int flags, ...) {            \
         int fd = -1;                                        \
-        if (openDevice(path, fd)) {                         \
+        if (openDevice(path, flags, fd)) {                  \
             return fd;                                      \
         }                                                   \
         va_list arguments;                                  \
