@@ -193,6 +193,7 @@ class WaitingPc : public Hardware {
     // The time of the cards is not that of this process.
     bool sleep(std::uint64_t) override { return false; }
     bool processorTime(std::clock_t&) override { return false; }
+    bool hasOwnTime() override { return configuration.pc.virtualTime; }
 
   private:
     // An access: by what it acts on the cards, or null when another process has them.

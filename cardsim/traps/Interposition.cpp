@@ -1,7 +1,9 @@
 // The library calls of the program that mean the hardware, taken in front of the C library's own:
-// port permission, the cards' devices, sleeps and processor time. Every other call, and every call
-// while no hardware is attached, goes on to the C library untouched.
+// port permission, the cards' devices, sleeps, processor time and wishes for priority. Every other
+// call, and every call while no hardware is attached, goes on to the C library untouched.
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/io.h>
 #include <time.h>
 #include <unistd.h>
@@ -68,6 +70,17 @@ bool sleptAlready(const timespec* wanted) {
     }
     return sleptAlready(static_cast<std::uint64_t>(wanted->tv_sec) * 1'000'000 +
                         static_cast<std::uint64_t>(wanted->tv_nsec + 999) / 1000);
+}
+
+// Whether a thread may not have that priority: in time of the hardware's own, where the driving
+// thread never really sleeps, a real-time thread would keep everybody else from running.
+bool wouldStarveTheRest(int policy) {
+    policy &= ~SCHED_RESET_ON_FORK;
+    if (policy != SCHED_FIFO && policy != SCHED_RR) {
+        return false;
+    }
+    Hardware* const hardware = hardwareAtFirstUse();
+    return hardware != nullptr && hardware->hasOwnTime();
 }
 
 }  // namespace
@@ -279,6 +292,18 @@ clock_t clock() noexcept {
     std::clock_t ticks = 0;
     Hardware* const hardware = attachedHardware();
     return hardware != nullptr && hardware->processorTime(ticks) ? ticks : REAL(clock)();
+}
+
+int pthread_setschedparam(pthread_t thread, int policy, const sched_param* wanted) noexcept {
+    return wouldStarveTheRest(policy) ? EPERM : REAL(pthread_setschedparam)(thread, policy, wanted);
+}
+
+int sched_setscheduler(pid_t process, int policy, const sched_param* wanted) noexcept {
+    if (wouldStarveTheRest(policy)) {
+        errno = EPERM;
+        return -1;
+    }
+    return REAL(sched_setscheduler)(process, policy, wanted);
 }
 
 }  // extern "C"

@@ -209,6 +209,22 @@ TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
     EXPECT_THAT(hardware.slept_us, ElementsAre(5, 3'000'000, 2'345'679, 2'345'679, 3'600'000'000));
 }
 
+TEST_F(Traps, RefuseUrgencyThatWouldStarveTheMachine) {
+    const sched_param lowest{1}, none{0};
+    for (const int policy : {SCHED_FIFO, SCHED_RR | SCHED_RESET_ON_FORK}) {
+        EXPECT_EQ(EPERM, pthread_setschedparam(pthread_self(), policy, &lowest));
+        EXPECT_EQ(-1, sched_setscheduler(0, policy, &lowest));
+        EXPECT_EQ(EPERM, errno);
+    }
+    EXPECT_EQ(0, pthread_setschedparam(pthread_self(), SCHED_BATCH, &none));
+    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(0));
+    EXPECT_EQ(0, sched_setscheduler(0, SCHED_OTHER, &none));
+    EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
+    // In real time it is the C library that answers, here to nonsense.
+    hardware.keepsTime = false;
+    EXPECT_EQ(EINVAL, pthread_setschedparam(pthread_self(), SCHED_FIFO, &none));
+}
+
 TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
     cardsim::SimulatedPc pc({});
     ASSERT_EQ(0, ioperm(0x300, 32, 1));

@@ -64,7 +64,7 @@ class ScriptedCards : public cardsim::Hardware {
     }
     bool processorTime(std::clock_t& ticks) override {
         ticks = elapsed_us;
-        return true;
+        return keepsTime;
     }
 
     std::map<int, std::uint32_t> registers;
@@ -75,6 +75,7 @@ class ScriptedCards : public cardsim::Hardware {
     std::string widths;  // of the accesses, in bytes
     std::vector<std::uint64_t> slept_us;
     std::clock_t elapsed_us = 0, accessTime_us = 1;
+    bool keepsTime = true;  // by what is slept and accessed; otherwise the machine does
     int portsErrno = 0, devPortErrno = 0, devMemErrno = 0;
 
   private:
