@@ -5,21 +5,24 @@ cd "$(dirname "$0")/.."
 # shellcheck source=tools/usage.sh
 . tools/usage.sh
 
-all=(boots corruption schedules backlog fuzz soak)
+all=(schedules fuzz soak)
 
 usage() {
     cat <<TEXT
-Usage: tools/trials.sh [--preset PRESET] [TRIAL...]
+Usage: tools/trials.sh [--preset PRESET] [--first N] [--seeds N] [TRIAL...]
 
 Builds and runs the trials named, or all of them, in some minutes: ${all[*]}.
-With --preset asan or tsan the first four run under that sanitizer. For a trial with options of
-its own see build/bin/trials --help, tools/fuzz.sh --help and tools/soak.sh --help.
+The schedules run from N seeds, 1000 when not said otherwise, the first of them 1; with --preset
+asan or tsan under that sanitizer. For a trial with options of its own see
+build/bin/schedules --help, tools/fuzz.sh --help and tools/soak.sh --help.
 
 Exit status: 0 nothing found, 1 something found or the build failed, 2 wrong usage.
 TEXT
 }
 
 preset=release
+first=1
+seeds=1000
 trials=()
 while (($# > 0)); do
     case $1 in
@@ -29,23 +32,29 @@ while (($# > 0)); do
             [[ $preset =~ ^(release|debug|asan|tsan)$ ]] || wrong_usage "what preset is $preset?"
             shift
             ;;
-        boots | corruption | schedules | backlog | fuzz | soak) trials+=("$1") ;;
+        --first | --seeds)
+            require_number "$1" "${2-}"
+            [[ $1 == --first ]] && first=$2 || seeds=$2
+            shift
+            ;;
+        schedules | fuzz | soak) trials+=("$1") ;;
         *) wrong_usage "what is $1?" ;;
     esac
     shift
 done
 ((${#trials[@]} > 0)) || trials=("${all[@]}")
 
-program=build/bin/trials
-[[ $preset == release ]] || program=build/$preset/bin/trials
-tools/build.sh "$preset" trials
-
 status=0
 summary=()
 for trial in "${trials[@]}"; do
     printf '== %s\n' "$trial"
-    command=("$program" "$trial")
-    [[ $trial == fuzz || $trial == soak ]] && command=("tools/$trial.sh")
+    command=("tools/$trial.sh")
+    if [[ $trial == schedules ]]; then
+        tools/build.sh "$preset" schedules
+        program=build/bin/schedules
+        [[ $preset == release ]] || program=build/$preset/bin/schedules
+        command=(trials/seeds.sh "$program" "$first" "$seeds")
+    fi
     start=$SECONDS
     output=$(mktemp)
     "${command[@]}" | tee "$output" || status=1

@@ -1,135 +1,348 @@
-// What a host has to do with the cards, said a second time, plainly and apart from the driver: how
-// it finds and boots them, and what each pass over them reads, writes and reports. A trial runs it
-// over the record of what the driver did; where the two part, one of them is wrong.
-//
-// It knows the cards from the simulation's description of ports and layouts, not from the driver's.
+// What a host has to do with the cards, said a second time, plainly and apart from the driver. It
+// goes through the events of each pass of the driver's cycle, in their order, the client's calls in
+// between included: what the driver read is taken as it was, what it wrote and reported must be
+// what was due. It knows the cards from the simulation's description, not from the driver's.
 #pragma once
 
-#include <array>
-#include <cstdint>
+#include <algorithm>
 #include <deque>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "Replay.h"
 #include "model/TransferLayout.h"
 
 namespace trials {
 
-// A load file's content: what a boot has to bring into the DSP.
-struct Section {
-    std::uint16_t address;
-    std::vector<std::uint16_t> words;
+namespace layout = cardsim::layout;
+using Bytes = std::vector<unsigned char>;
+
+// Something that the driver did, or a call of the client.
+struct Event {
+    std::string name;
+    std::uint32_t value = 0;  // at a port
+    Bytes bytes = {};         // of card memory, of a packet's payload, or into the monitor buffer
+    std::function<void()> call = {};
 };
-using Firmware = std::vector<Section>;
+using Events = std::deque<Event>;
 
-// The load file of that kind of card, and its sections, as a host finds them in the working
-// directory.
-Firmware readFirmware(int channels);
+// Names are these and a number: of the port, the byte in the memory of both cards, the type.
+constexpr char kRead[] = "read of port ", kRelease[] = "release by port ",
+               kCopy[] = "copy from byte ", kStore[] = "store at byte ",
+               kPacket[] = "packet of type ",
+               kFeed[] = "monitor buffer gets bytes: ", kSleep[] = "sleep of microseconds: ";
 
-// What was found, by slot: 4, 8, or -2 for no card.
-struct Detected {
-    int boards;
-    std::array<int, 2> channels;
-};
-Detected referenceDetection(Replay& bus);
+// Says what was found, and ends the process.
+[[noreturn]] void deviate(const std::string& what, const std::string& due, const std::string& got);
 
-// Whether the card could be booted and started.
-bool referenceBoot(Replay& bus, int slot, int channels, const Firmware& firmware);
-
-// An event packet as the client has to get it.
-struct Report {
-    int type;
-    std::vector<unsigned char> payload;
-};
-
-// Card memory in one pass of the cycle.
-struct PassMemory {
-    MemoryImage before;
-    MemoryImage atRelease;  // empty when no buffer was released
-    bool undisturbed;       // no DSP worked during the pass: what changed, the driver changed
-};
+inline void compare(const std::string& what, const Bytes& due, const Bytes& got) {
+    const auto [inDue, inGot] = std::mismatch(due.begin(), due.end(), got.begin(), got.end());
+    if (inDue != due.end() || inGot != got.end()) {
+        deviate(what + ", byte " + std::to_string(inDue - due.begin()),
+                inDue == due.end() ? "the end" : std::to_string(*inDue),
+                inGot == got.end() ? "the end" : std::to_string(*inGot));
+    }
+}
 
 class ReferenceHost {
   public:
-    explicit ReferenceHost(const Detected& detected);
+    // channels: of the card in each slot, 0 for none.
+    explicit ReferenceHost(const std::vector<int>& channels) {
+        for (int slot = 0; slot < 2 && channels[slot] != 0; ++slot) {
+            boards.push_back({slot, slot * channels[0], cardsim::layoutOf(channels[slot])});
+            boards.back().playback.resize(2 * boards.back().transfer.audioWords);
+        }
+    }
 
-    // Boots the cards up to the first that fails; whether none did. memory becomes what it has to
-    // be afterwards.
-    bool boot(Replay& bus, MemoryImage& memory);
-    // One pass of the cycle, its sleep included. Throws Deviation when the driver did something
-    // else, on the bus or in card memory.
-    void pass(Replay& bus, const PassMemory& memory);
+    // The driver has booted the cards: all, or perhaps only those before one that failed.
+    void judgeBoot(const Events& bootEvents, bool mayFail) {
+        std::copy_if(bootEvents.begin(), bootEvents.end(), std::back_inserter(events),
+                     [](const Event& event) { return event.call || !event.bytes.empty(); });
+        hearClient();
+        for (Board& board : boards) {
+            if (!mayFail || !events.empty()) {
+                fillWithSilence(board.playback);
+                store(board, 0, false);
+                store(board, 1, false);
+            }
+        }
+        isPausing = passes > 0;
+        lockUps = 0;
+        end();
+    }
+    // The driver has gone through a pass of its cycle, up to its sleep.
+    void judgePass(const Events& passEvents, bool ringIsEmpty) {
+        events = passEvents;
+        hearClient();
+        int buffer = -1;
+        for (std::size_t slot = 0; slot < boards.size() && buffer < 0 && !isPausing; ++slot) {
+            buffer = findHandedOver(boards[slot]);
+            if (buffer >= 0) {
+                if (++warmUp > kWarmUpBuffers) {
+                    exchange(boards[slot], buffer);
+                }
+                next(kRead, boards[slot].statusPort(buffer));
+                next(kRelease, boards[slot].statusPort(buffer));
+            }
+        }
+        isPausing = false;
+        next(kSleep, lockUps > kToleratedLockUps ? 3'000'000 : 100'000);
+        compare("monitor buffer is empty", {ring.empty()}, {ringIsEmpty});
+        ++passes;
+        end();
+    }
 
-    // What the client does, between two passes.
-    void send(int type, const std::vector<unsigned char>& bytes);
-    void setMonitorChannel(int channel);
-    void setEnablePlayback(bool enabled);
-    // The playback audio that waits is forgotten.
-    void dropPlayback();
-    void startRecording();
-    void stopRecording() { recording = false; }
+    // What the client does.
+    void send(int type, Bytes bytes) {
+        static constexpr unsigned char kDefaults[] = {0, 5, 3};
+        while (type == kSettings && bytes.size() < 48) {
+            bytes.push_back(kDefaults[bytes.size() % 3]);
+        }
+        bytes.resize(std::min<std::size_t>(bytes.size(), type == kSettings ? 48 : 600));
+        commands.push_back({type, bytes});
+    }
+    void setMonitoring(int channel) {
+        monitored = channel;
+        emptyRing(channel == -1);
+    }
+    void setPlayback(bool on) {
+        const auto goes = [on](const Command& command) { return !on && command.type == kPlayback; };
+        commands.erase(std::remove_if(commands.begin(), commands.end(), goes), commands.end());
+        playing = on;
+        emptyRing(!on);
+    }
+    void setRecording(bool on) {
+        for (Board& board : boards) {
+            std::fill_n(board.triggered, on ? 8 : 0, false);
+        }
+        recording = on;
+    }
 
-    // What the client has to get, the oldest first; the trial takes from it.
-    std::deque<Report> reports;
-
-    struct Settings {
-        std::uint16_t beep, trigger, delay_ms;
-    };
-    // Whether the card has had its turn with both buffers since the last command.
-    bool settingsAreOld(int slot) const;
-    // What a card's line has to be set to, after the first command.
-    Settings settings(int slot, int port) const;
-    int numBoards() const { return static_cast<int>(boards.size()); }
-    int channels(int slot) const { return boards[static_cast<std::size_t>(slot)].channels; }
-    std::uint64_t releases() const { return released; }
+    // Commands wait for the next exchange of a card.
+    bool hasCommands(int slot) const {
+        return slot == 0 ? !commands.empty() : boards[slot].pending.type != 0;
+    }
+    // The command block that a card got last.
+    const Bytes& settings(int slot) const { return boards[slot].settings; }
+    std::uint64_t passes = 0, exchanges = 0;
 
   private:
-    struct Board {
-        int channels = 0;
-        int firstChannel = 0;
-        Firmware firmware;
-        std::uint32_t counter = 0;
-        bool hasSettings = false;
-        std::array<Settings, 8> settings{};
-        std::array<bool, 8> followsHook{};
-        std::array<bool, 8> triggered{};
-        std::vector<unsigned char> playback;
-        std::vector<unsigned char> pending;  // settings to come, from board 0's command
-        int exchangesSinceSettings = 0;
-    };
+    static constexpr int kPlayback = 5, kSettings = 6;  // commands
+    static constexpr int kWarmUpBuffers = 6, kToleratedLockUps = 6;
+
     struct Command {
-        int type;
-        std::vector<unsigned char> bytes;
+        int type = 0;
+        Bytes bytes = {};
+    };
+    struct Board {
+        int slot, firstChannel;
+        cardsim::TransferLayout transfer;
+        unsigned counter = 0;
+        bool followsHook[8] = {}, triggered[8] = {};
+        Bytes settings = {}, playback = {};
+        Command pending = {};  // for the next exchange
+
+        bool isFour() const { return transfer.channels == 4; }
+        int statusPort(int buffer) const { return 0x302 + 0x10 * slot + 2 * buffer; }
+        int linePort(int k) const { return 0x306 + 0x10 * slot + 2 * k; }
+        int bufferByte(int buffer) const {
+            return 2 * (slot * layout::kCardWords + buffer * layout::kSecondBuffer);
+        }
+        // A field of a port in what was copied.
+        Bytes field(const Bytes& copy, int port, int word, int count) const {
+            const int first = 2 * (transfer.firstPort + port * transfer.portWords + word);
+            return Bytes(copy.begin() + first, copy.begin() + first + count);
+        }
+        Bytes audio(const Bytes& copy, int port) const {
+            return field(copy, port, transfer.audio, 2 * transfer.audioWords);
+        }
     };
 
-    int findHandedOver(Replay& bus, int slot) const;
-    int findHandedOver(Replay& bus) const;
-    void release(Replay& bus, int buffer);
-    void exchange(Replay& bus, int buffer, const PassMemory& memory);
-    Command takeCommand(int slot);
-    void reportLines(Replay& bus, int slot, const std::uint16_t* words);
-    void reportText(int type, int channel, const unsigned char* field, int capacity);
-    void reportAudio(const Board& board, const unsigned char* bytes);
-    void reportError(int code, const std::string& text);
-    bool isOffHook(Replay& bus, int slot, int port) const;
-    void monitor(const Board& board, const unsigned char* bytes);
-    void applySettings(Board& board, const std::vector<unsigned char>& table);
-    void fillPlayback(Board& board);
-    // What an exchange writes into the other buffer.
-    static void write(const Board& board, int slot, bool hasSettings, std::uint16_t* words);
-    void judgeCounter(Board& board, std::uint32_t counter);
+    // The next thing that the driver did; the client's calls in it come before whatever follows.
+    Event next(const char* kind, int number) {
+        const std::string due = kind + std::to_string(number);
+        if (events.empty() || events.front().name != due) {
+            deviate("event", due, events.empty() ? "nothing" : events.front().name);
+        }
+        Event event = std::move(events.front());
+        events.pop_front();
+        hearClient();
+        return event;
+    }
+    void hearClient() {
+        for (; !events.empty() && events.front().call; events.pop_front()) {
+            events.front().call();
+        }
+    }
+    void end() const {
+        if (!events.empty()) {
+            deviate("event", "nothing", events.front().name);
+        }
+    }
+
+    int findHandedOver(const Board& board) {
+        const bool isFirst = (next(kRead, board.statusPort(0)).value & 1) != 0;
+        return isFirst ? 0 : (next(kRead, board.statusPort(1)).value & 1) != 0 ? 1 : -1;
+    }
+    void exchange(Board& board, int buffer) {
+        wasSwitchedOff = false;
+        const Command command = takeCommand(board);
+        Bytes copy = next(kCopy, board.bufferByte(buffer)).bytes;
+        copy.resize(2 * board.transfer.words);
+        if (recording) {
+            reportTriggers(board, copy);
+            reportTexts(board, copy);
+        }
+        reportAudio(board, copy);
+        const int port = monitored - board.firstChannel;
+        const bool isMonitoring = monitored != -1;
+        if (port >= 0 && port < board.transfer.channels) {
+            feed(board.audio(copy, port));
+        }
+        if (command.type == kPlayback) {
+            feed(command.bytes);
+        } else if (command.type == kSettings) {
+            applySettings(board, command.bytes);
+        }
+        if (board.slot == 0) {
+            fillPlayback(board.playback, isMonitoring || playing);
+        }
+        store(board, 1 - buffer, command.type == kSettings);
+        if (findHandedOver(board) != buffer) {
+            reportText(7, 2,
+                       board.isFour() ? "Too Slow! Buffer already change"
+                                      : "ReadWrite Too Slow, Buffer already changed");
+        }
+        const unsigned counter = copy[0] | copy[1] << 8 | copy[2] << 16 | unsigned{copy[3]} << 24;
+        const unsigned before = std::exchange(board.counter, counter);
+        if (before != 0 && counter != before + 1) {
+            lockUps += counter == before ? 1 : 0;
+            reportText(7, counter == before ? 3 : 1,
+                       counter == before ? "DSP Board Locked Up" : "Missed Xfer ");
+        }
+        emptyRing(wasSwitchedOff);
+        ++exchanges;
+    }
+    Command takeCommand(Board& board) {
+        if (board.slot == 0 && ring.empty() && !commands.empty()) {
+            board.pending = commands.front();
+            commands.pop_front();
+            if (board.pending.type == kSettings) {
+                boards.back().pending = board.pending;
+            }
+        }
+        return std::exchange(board.pending, {});
+    }
+
+    void reportTriggers(Board& board, const Bytes& copy) {
+        for (int port = 0; !board.settings.empty() && port < board.transfer.channels; ++port) {
+            const bool isLoud = board.field(copy, port, layout::kLevel, 2)[1] > 127;
+            const bool state = board.followsHook[port] ? isOffHook(board, port) : isLoud;
+            if (std::exchange(board.triggered[port], state) != state) {
+                const int channel = board.firstChannel + port;
+                report(1, {static_cast<unsigned char>(state), static_cast<unsigned char>(channel)});
+            }
+        }
+    }
+    bool isOffHook(const Board& board, int port) {
+        const bool isFour = board.isFour();
+        const std::uint32_t status = next(kRead, board.linePort(isFour ? port : port / 2)).value;
+        return isFour ? (status & 0x04) == 0 : (status & (port % 2 == 0 ? 0x04 : 0x40)) != 0;
+    }
+    void reportTexts(const Board& board, const Bytes& copy) {
+        const auto reportField = [&](int type, int port, const Bytes& field) {
+            const std::string text(field.begin(), field.end());
+            const int count = static_cast<std::int8_t>(text[0]);
+            if (count > 0) {
+                reportText(type, board.firstChannel + port, text.substr(1, count));
+            }
+        };
+        const cardsim::TransferLayout& transfer = board.transfer;
+        for (int port = 0; port < transfer.channels; ++port) {
+            reportField(3, port, board.field(copy, port, transfer.digits, transfer.digitsBytes));
+            reportField(2, port, board.field(copy, port, transfer.caller, layout::kCallerBytes));
+        }
+    }
+    void reportText(int type, int channelOrCode, const std::string& text) {
+        Bytes due = {static_cast<unsigned char>(channelOrCode),
+                     static_cast<unsigned char>(text.size())};
+        due.insert(due.end(), text.begin(), text.end());
+        report(type, due);
+    }
+    void reportAudio(const Board& board, const Bytes& copy) {
+        Bytes due = {static_cast<unsigned char>(board.transfer.channels),
+                     static_cast<unsigned char>(board.firstChannel)};
+        for (int port = 0; port < board.transfer.channels; ++port) {
+            const Bytes audio = board.audio(copy, port);
+            due.insert(due.end(), audio.begin(), audio.end());
+        }
+        report(4, due);
+    }
+    void report(int type, const Bytes& due) {
+        compare(kPacket + std::to_string(type), due, next(kPacket, type).bytes);
+    }
+
+    void feed(const Bytes& audio) {
+        compare(kFeed, audio, next(kFeed, static_cast<int>(audio.size())).bytes);
+        ring.insert(ring.end(), audio.begin(), audio.end());
+        ring.erase(ring.begin(), ring.end() - std::min<std::ptrdiff_t>(ring.size(), 600));
+    }
+    void emptyRing(bool really) {
+        wasSwitchedOff = wasSwitchedOff || really;
+        ring.resize(really ? 0 : ring.size());
+    }
+    void applySettings(Board& board, const Bytes& table) {
+        static constexpr int kLevels[2][9] = {
+            {0xFF01, 0xFF02, 0x04FF, 0x089F, 0x0C9F, 0x115F, 0x155E, 0x1C20, 0},
+            {0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}};
+        bool& odd = oddSettings[board.isFour() ? 0 : 1];
+        board.settings = {layout::kApplySettings, 0, 0, 0};
+        for (int port = 0; port < board.transfer.channels; ++port) {
+            const unsigned char* const entry = &table[3 * (board.firstChannel + port)];
+            const int level = kLevels[board.isFour() ? 0 : 1][std::min<int>(entry[1], 8)];
+            const int delay_ms = std::min<int>(entry[2], 65) * 1000 + (odd ? 1 : 0);
+            for (const int word : {int{entry[0]}, level, delay_ms}) {
+                board.settings.push_back(static_cast<unsigned char>(word & 0xFF));
+                board.settings.push_back(static_cast<unsigned char>(word >> 8));
+            }
+            board.followsHook[port] = entry[1] == 1;
+        }
+        board.settings.resize(board.settings.size() + 6);
+        odd = !odd;
+    }
+    void fillPlayback(Bytes& audio, bool mayPlay) {
+        if (!mayPlay || ring.empty()) {
+            fillWithSilence(audio);
+            return;
+        }
+        const auto count = static_cast<std::ptrdiff_t>(std::min(ring.size(), audio.size()));
+        std::copy_n(ring.begin(), count, audio.begin());
+        ring.erase(ring.begin(), ring.begin() + count);
+    }
+    static void fillWithSilence(Bytes& audio) {
+        static constexpr int kSilence[] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
+                                           0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
+        for (std::size_t i = 0; i < audio.size(); ++i) {
+            audio[i] = static_cast<unsigned char>(kSilence[i / 2 % 10] >> i % 2 * 8);
+        }
+    }
+    void store(const Board& board, int buffer, bool hasSettings) {
+        const int word = hasSettings ? board.transfer.command : board.transfer.playbackAudio;
+        if (hasSettings || board.isFour() || board.slot == 0) {
+            compare("what is stored", hasSettings ? board.settings : board.playback,
+                    next(kStore, board.bufferByte(buffer) + 2 * word).bytes);
+        }
+    }
 
     std::vector<Board> boards;
     std::deque<Command> commands;
-    std::deque<unsigned char> ring;
-    int monitored = -1;
-    bool playing = false;
-    bool recording = false;
+    Bytes ring;
+    bool wasSwitchedOff = false;  // in this exchange: what it leaves in the ring goes at its end
+    bool playing = false, recording = false, isPausing = false;  // pausing: after a new boot
     bool oddSettings[2] = {};  // of four- and of eight-channel cards
-    int warmUp = 0;
-    int lockUps = 0;
-    std::uint64_t released = 0;
+    int monitored = -1, warmUp = 0, lockUps = 0;
+    Events events;  // to come
 };
 
 }  // namespace trials

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+// The native methods but initialize, which starts a thread.
 extern "C" {
 jbyteArray Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(JNIEnv*, jobject);
 void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(JNIEnv*, jobject, jbyte, jint,
@@ -72,6 +73,26 @@ class JavaVm {
         Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(
             &env, nullptr, static_cast<jbyte>(type), length, array);
         requireNothingHeld();
+    }
+
+    void send(int type, std::vector<unsigned char> bytes) {
+        const auto length = static_cast<jint>(bytes.size());
+        Array array(std::move(bytes));
+        putPacket(type, length, &array);
+    }
+    void setRecording(bool on) {
+        (on ? Java_com_zivolt_hardware_dsp_cppint_CPPBridge_startRecording
+            : Java_com_zivolt_hardware_dsp_cppint_CPPBridge_stopRecording)(&env, nullptr);
+    }
+    void setMonitoring(int channel) {
+        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(&env, nullptr, channel);
+    }
+    void setPlayback(bool on) {
+        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(&env, nullptr, on ? 1 : 0);
+    }
+    int channelsOf(int board) {
+        return Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(&env, nullptr,
+                                                                                 board);
     }
 
     static inline bool outOfMemory = false;  // no array is made or given out

@@ -1,0 +1,334 @@
+// Everything at once, from a seed: which cards there are, calls on their lines, faults of the
+// cards, and a client whose calls fall anywhere: between two passes of the driver's cycle, and in
+// the middle of one, at an access to a port, at a word of card memory, at a packet. All of it on
+// one thread and in virtual time, so that a seed gives the same run each time.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "BoardMgr.h"
+#include "JavaVm.h"
+#include "MonitorBuffer.h"
+#include "ReferenceHost.h"
+#include "javaint/MessageDispatcher.h"
+#include "model/Traffic.h"
+#include "pc/SimulatedPc.h"
+
+namespace {
+
+using cardsim::Fault;
+using cardsim::FaultKind;
+using namespace trials;
+
+constexpr double kBetweenPasses = 0.15, kInPass = 0.02, kInBoot = 0.0003;  // a call falls there
+constexpr double kStaysAway = 0.003, kFaultsTogether = 0.4;
+constexpr std::uint64_t kResetSettle_us = 100, kPollInterval_us = 100'000;
+constexpr std::uint64_t kPauseBeforeBoot_us = 3'000'000, kPauseAfterBoot_us = 1'000'000;
+constexpr int kQuietPasses = 250, kLastPasses = 310;
+constexpr std::uint64_t kServedIfItWorks = 6;  // in the last passes
+constexpr std::uint64_t kOpportunities[cardsim::kNumFaultKinds] = {15'000, 6,   3'000, 3'000, 3,
+                                                                   300,    300, 300,   300,   300};
+
+cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
+    constexpr int kPairings[][2] = {{4, 0}, {8, 0}, {4, 4}, {4, 8}, {8, 4}, {8, 8}};
+    cardsim::Random random(seed, 1);
+    const auto& pairing = kPairings[random.between(0, std::size(kPairings) - 1)];
+    auto options = cardsim::SimulatedPc::Options::with(pairing[0], pairing[1]);
+    options.seed = seed;
+    for (std::uint64_t faults = random.between(0, 4); faults > 0; --faults) {
+        const bool isAlone = options.faults.empty() || !random.chance(kFaultsTogether);
+        Fault fault = isAlone ? Fault() : options.faults.back();
+        fault.kind = static_cast<FaultKind>(random.between(0, cardsim::kNumFaultKinds - 1));
+        fault.field = static_cast<cardsim::FaultField>(random.between(0, 9));
+        fault.probability = random.chance(0.5) ? 1 : 0.3;
+        if (isAlone) {
+            fault.card = static_cast<int>(random.between(0, 2)) - 1;
+            fault.first = random.between(1, kOpportunities[static_cast<int>(fault.kind)]);
+            fault.last = fault.first + (random.chance(0.5) ? 0 : random.between(0, 30));
+        }
+        options.faults.push_back(fault);
+    }
+    return options;
+}
+
+class Schedule : public cardsim::SimulatedPc {
+  public:
+    explicit Schedule(std::uint64_t number)
+        : SimulatedPc(planOf(number)), seed(number), random(number, 2), plan(planOf(number)) {
+        cardsim::planTraffic(cards(), seed);
+        end_us = random.between(30'000'000, 120'000'000);
+    }
+
+    void run() {
+        BoardMgr& manager = BoardMgr::getInstance();
+        host = ReferenceHost({vm.channelsOf(0), vm.channelsOf(1)});
+        events.clear();
+        isOpen = isBooting = true;
+        manager.bootload();
+        judgeBoot();
+        try {
+            manager.readWriteDSPs();
+        } catch (const cardsim::PowerOff&) {
+        }
+        std::printf("seed %lu: %lu exchanges, %lu calls inside a pass, %lu faults, digest %016lx\n",
+                    seed, host.exchanges, callsInside,
+                    report().cards[0].faults + report().cards[1].faults,
+                    report().timeline ^ report().portAccesses);
+    }
+    std::string where() const {
+        return "seed " + std::to_string(seed) + ": pass " + std::to_string(host.passes);
+    }
+
+    std::uint32_t in(std::uint16_t port, int bytes) override {
+        Event& event = note(kRead, port);
+        act();
+        return event.value = SimulatedPc::in(port, bytes);
+    }
+    void out(std::uint16_t port, int bytes, std::uint32_t value) override {
+        note(value == 0x1A ? kRelease : "write to port ", port);
+        act();
+        SimulatedPc::out(port, bytes, value);
+    }
+    bool sleep(std::uint64_t microseconds) override {
+        if (microseconds == kPauseAfterBoot_us) {
+            judgeBoot();
+        } else if (microseconds != kResetSettle_us) {
+            note(kSleep, static_cast<long>(microseconds));
+            host.judgePass(std::exchange(events, {}), MonitorBuffer::getInstance().isEmpty());
+            isBooting = microseconds == kPauseBeforeBoot_us;
+        }
+        SimulatedPc::sleep(microseconds);
+        if (microseconds == kPollInterval_us) {
+            now() < end_us ? beClient() : beQuiet();
+        }
+        return true;
+    }
+    // Words of card memory are moved, in two parts.
+    template <class Move>
+    void move(const char* kind, const void* address, int words, const Move& part) {
+        const auto* const start = static_cast<const unsigned char*>(address);
+        const auto first = static_cast<int>(random.between(0, static_cast<unsigned>(words)));
+        Event& event =
+            note(kind, static_cast<const char*>(address) - BoardMgr::getInstance().getDSPMemory());
+        part(0, first);
+        act();
+        part(first, words - first);
+        event.bytes.assign(start, start + 2 * words);
+    }
+    void feed(const char* audio, int count) {
+        note(kFeed, count).bytes.assign(audio, audio + count);
+        act();
+    }
+    template <class Queue>
+    void queue(const Packet& packet, const Queue& queuePacket) {
+        const Bytes payload(packet.getData(), packet.getData() + packet.getLength());
+        note(kPacket, packet.getType()).bytes = payload;
+        act();
+        queuePacket();
+        packets.push_back(payload);
+        packets.back().insert(packets.back().begin(), static_cast<unsigned char>(packet.getType()));
+        act();
+    }
+
+  private:
+    Event& note(const char* kind, long number) {
+        return events.emplace_back(Event{kind + std::to_string(number)});
+    }
+    void judgeBoot() {
+        const auto spoilsBoots = [](const Fault& fault) {
+            return fault.kind <= FaultKind::kDeadAfterBoot;
+        };
+        host.judgeBoot(std::exchange(events, {}),
+                       std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots));
+        isBooting = false;
+    }
+
+    // A moment at which a call of the client may fall.
+    void act() {
+        if (isOpen && !isCalling && random.chance(isBooting ? kInBoot : kInPass)) {
+            ++callsInside;
+            call();
+        }
+    }
+    void call() {
+        const std::function<void()> calls[] = {
+            [this] { sendSettings(); },
+            [this] {
+                for (std::uint64_t left = random.between(1, 12); left > 0; --left) {
+                    send(PACKET_PLAYBACK_DATA, makeBytes(random.between(0, 700), {255}));
+                }
+            },
+            [this] { setPlayback(random.chance(0.6)); },
+            [this] { setMonitoring(static_cast<int>(random.between(0, 16))); },
+            [this] { setMonitoring(-1); },
+            [this] { setRecording(random.chance(0.8)); },
+            [this] { takePackets(random.between(0, 3)); },
+        };
+        isCalling = true;
+        calls[random.between(0, std::size(calls) - 1)]();
+        isCalling = false;
+    }
+    // After a pass.
+    void beClient() {
+        if (random.chance(kBetweenPasses)) {
+            call();
+        }
+        away = away > 0 ? away - 1 : random.chance(kStaysAway) ? random.between(1, 300) : 0;
+        takePackets(away > 0 ? 0 : packets.size() + 1);
+    }
+    // The time is over: all is switched off, and later settings come once more. Every card that
+    // still works must have them in the end.
+    void beQuiet() {
+        isOpen = false;
+        takePackets(packets.size() + 1);
+        if (++quietPasses == 1) {
+            setPlayback(false);
+            setMonitoring(-1);
+            setRecording(false);
+        } else if (quietPasses == kQuietPasses) {
+            served = {report().cards[0].served, report().cards[1].served};
+            sendSettings();
+        } else if (quietPasses == kLastPasses) {
+            for (int slot = 0; slot < 2 && works(slot); ++slot) {
+                judgeSettings(slot);
+            }
+            throw cardsim::PowerOff();
+        }
+    }
+    bool works(int slot) {
+        return vm.channelsOf(slot) == plan.channels[slot] && plan.channels[slot] != 0 &&
+               report().cards[slot].served - served[slot] >= kServedIfItWorks;
+    }
+    void judgeSettings(int slot) {
+        Bytes set = {2, 0, 0, 0};
+        for (int port = 0; port < plan.channels[slot]; ++port) {
+            const cardsim::Line::Settings& settings = line(slot, port).settings();
+            for (const int word : {settings.beep, settings.trigger, settings.delay_ms}) {
+                set.push_back(static_cast<unsigned char>(word & 0xFF));
+                set.push_back(static_cast<unsigned char>(word >> 8));
+            }
+        }
+        set.resize(set.size() + 6);
+        compare("settings of card " + std::to_string(slot), host.settings(slot), set);
+        compare("commands that wait for it", {0}, {host.hasCommands(slot)});
+    }
+
+    // Each of them up to what its place in the pattern says.
+    Bytes makeBytes(std::uint64_t count, const std::vector<std::uint64_t>& most) {
+        Bytes bytes;
+        while (bytes.size() < count) {
+            const std::uint64_t byte = random.between(0, most[bytes.size() % most.size()]);
+            bytes.push_back(static_cast<unsigned char>(byte));
+        }
+        return bytes;
+    }
+    void sendSettings() {
+        const std::uint64_t count = random.chance(0.8) ? 48 : random.between(0, 60);
+        send(PACKET_LINE_SETTINGS, makeBytes(count, {3, 8, 70}));
+    }
+
+    // The driver hears it now, the reference host when it comes to this event.
+    template <class... Arguments>
+    void tell(void (JavaVm::*driver)(Arguments...), void (ReferenceHost::*reference)(Arguments...),
+              Arguments... arguments) {
+        (vm.*driver)(arguments...);
+        events.emplace_back(Event{"call"}).call = [=] { (host.*reference)(arguments...); };
+    }
+    void send(int type, const Bytes& bytes) {
+        tell(&JavaVm::send, &ReferenceHost::send, type, bytes);
+    }
+    void setPlayback(bool on) { tell(&JavaVm::setPlayback, &ReferenceHost::setPlayback, on); }
+    void setRecording(bool on) { tell(&JavaVm::setRecording, &ReferenceHost::setRecording, on); }
+    void setMonitoring(int channel) {
+        tell(&JavaVm::setMonitoring, &ReferenceHost::setMonitoring, channel);
+    }
+    // Up to so many, and no more than there are.
+    void takePackets(std::uint64_t atMost) {
+        for (; atMost > 0; --atMost) {
+            Bytes frame = vm.getPacket();
+            if (!frame.empty()) {
+                frame.erase(frame.begin() + 1, frame.begin() + 11);  // length and time
+            }
+            compare("packet for the client", packets.empty() ? Bytes() : packets.front(), frame);
+            if (frame.empty()) {
+                return;
+            }
+            packets.pop_front();
+        }
+    }
+
+    const std::uint64_t seed;
+    cardsim::Random random;
+    const Options plan;
+    JavaVm vm;
+    ReferenceHost host{{0, 0}};
+    Events events;              // since the last sleep began
+    std::deque<Bytes> packets;  // that wait for the client: type and payload
+    std::uint64_t end_us = 0, away = 0, callsInside = 0;
+    std::array<std::uint64_t, 2> served{};
+    int quietPasses = 0;
+    bool isOpen = false, isCalling = false, isBooting = false;
+};
+
+Schedule* schedule = nullptr;
+
+}  // namespace
+
+void trials::deviate(const std::string& what, const std::string& due, const std::string& got) {
+    std::printf("FOUND %s, %s: expected %s, got %s\n", schedule->where().c_str(), what.c_str(),
+                due.c_str(), got.c_str());
+    std::fflush(stdout);
+    std::_Exit(1);
+}
+
+// The parts of the driver call each other through these, see CMakeLists.txt.
+extern "C" {
+void __real__Z13MemReadBlockWPKvmPti(const void*, unsigned long, std::uint16_t*, int);
+void __wrap__Z13MemReadBlockWPKvmPti(const void* base, unsigned long offset, std::uint16_t* to,
+                                     int words) {
+    schedule->move(kCopy, static_cast<const char*>(base) + offset, words, [=](int first, int n) {
+        __real__Z13MemReadBlockWPKvmPti(base, offset + 2 * first, to + first, n);
+    });
+}
+void __real__Z14MemWriteBlockWPvmPKti(void*, unsigned long, const std::uint16_t*, int);
+void __wrap__Z14MemWriteBlockWPvmPKti(void* base, unsigned long offset, const std::uint16_t* from,
+                                      int words) {
+    schedule->move(kStore, static_cast<char*>(base) + offset, words, [=](int first, int n) {
+        __real__Z14MemWriteBlockWPvmPKti(base, offset + 2 * first, from + first, n);
+    });
+}
+void __real__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher*, Packet*);
+void __wrap__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher* dispatcher,
+                                                                  Packet* packet) {
+    schedule->queue(*packet, [=] {
+        __real__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(dispatcher, packet);
+    });
+}
+void __real__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer*, const char*, int);
+void __wrap__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer* buffer, const char* audio, int count) {
+    schedule->feed(audio, count);
+    __real__ZN13MonitorBuffer7addDataEPKci(buffer, audio, count);
+}
+}
+
+int main(int argc, char** argv) {
+    CLI::App app("Lets the driver serve simulated cards as a seed wants it, and judges it.");
+    app.footer(
+        "Prints one line: what happened, or FOUND and what should not have happened.\n"
+        "Exit status: 0 nothing found, 1 something found, 2 wrong usage.");
+    std::uint64_t seed = 0;
+    app.add_option("--seed", seed, "from which everything follows")->required();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    std::filesystem::current_path(DEMONSTRATION_FIRMWARE);
+    std::cout.rdbuf(nullptr);
+    std::cerr.rdbuf(nullptr);
+    Schedule run(seed);
+    schedule = &run;
+    run.run();
+    return 0;
+}
