@@ -1,6 +1,7 @@
 // The card that the benchmarks run against: registers and nothing behind them, so that a port
-// access costs what the trap costs. It hands over its buffers in turn, the next one as soon as the
-// last one is released, with the transfer counter advanced.
+// access costs what the trap costs. It takes each boot byte at once. Once it runs it hands over its
+// buffers in turn, the next one as soon as the last one is released, with the transfer counter
+// advanced.
 //
 // Everything happens on the thread that drives the cards.
 #pragma once
@@ -27,7 +28,7 @@ class BenchCard : public ScriptedCards {
     std::uint32_t in(std::uint16_t port, int) override {
         switch (port - kBasePortBoard0) {
             case kStatusPort:
-                return kind | (running && buffer == 0 ? kBufferHandedOver : 0u);
+                return kind | kBootByteWanted | (running && buffer == 0 ? kBufferHandedOver : 0u);
             case kStatusPort1:
                 return running && buffer == 1 ? kBufferHandedOver : 0;
             case kDataPort:

@@ -29,7 +29,7 @@ expect 1 "Looked in java.library.path: $work" "$java" "-Djava.library.path=$work
 
 expect 0 'recorder: line 1: caller 0191 498 0123' "$cardsim" --cards 4,8 --virtual-time \
     --scenario "$scenario" --speaker "$work/speaker" -- \
-    "${recorder[@]}" --folder "$work/calls" --seconds 5 --monitor 7
+    "${recorder[@]}" --folder "$work/calls" --seconds 10 --monitor 7
 cd "$work/calls"
 # A row for each call, and for each file a row that tells its size.
 diff <(cut -d, -f1,4,5 calls.csv) <(
