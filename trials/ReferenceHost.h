@@ -50,7 +50,8 @@ class ReferenceHost {
     // channels: of the card in each slot, 0 for none.
     explicit ReferenceHost(const std::vector<int>& channels) {
         for (int slot = 0; slot < 2 && channels[slot] != 0; ++slot) {
-            boards.push_back({slot, slot * channels[0], cardsim::layoutOf(channels[slot])});
+            boards.push_back(
+                {slot, slot * channels[0], channels[slot], cardsim::layoutOf(channels[slot])});
             boards.back().playback.resize(2 * boards.back().transfer.audioWords);
         }
     }
@@ -136,14 +137,14 @@ class ReferenceHost {
         Bytes bytes = {};
     };
     struct Board {
-        int slot, firstChannel;
+        int slot, firstChannel, channels;
         cardsim::TransferLayout transfer;
         unsigned counter = 0;
         bool followsHook[8] = {}, triggered[8] = {};
         Bytes settings = {}, playback = {};
         Command pending = {};  // for the next exchange
 
-        bool isFour() const { return transfer.channels == 4; }
+        bool isFour() const { return channels == 4; }
         int statusPort(int buffer) const { return 0x302 + 0x10 * slot + 2 * buffer; }
         int linePort(int k) const { return 0x306 + 0x10 * slot + 2 * k; }
         int bufferByte(int buffer) const {
@@ -197,7 +198,7 @@ class ReferenceHost {
         reportAudio(board, copy);
         const int port = monitored - board.firstChannel;
         const bool isMonitoring = monitored != -1;
-        if (port >= 0 && port < board.transfer.channels) {
+        if (port >= 0 && port < board.channels) {
             feed(board.audio(copy, port));
         }
         if (command.type == kPlayback) {
@@ -236,7 +237,7 @@ class ReferenceHost {
     }
 
     void reportTriggers(Board& board, const Bytes& copy) {
-        for (int port = 0; !board.settings.empty() && port < board.transfer.channels; ++port) {
+        for (int port = 0; !board.settings.empty() && port < board.channels; ++port) {
             const bool isLoud = board.field(copy, port, layout::kLevel, 2)[1] > 127;
             const bool state = board.followsHook[port] ? isOffHook(board, port) : isLoud;
             if (std::exchange(board.triggered[port], state) != state) {
@@ -259,7 +260,7 @@ class ReferenceHost {
             }
         };
         const cardsim::TransferLayout& transfer = board.transfer;
-        for (int port = 0; port < transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             reportField(3, port, board.field(copy, port, transfer.digits, transfer.digitsBytes));
             reportField(2, port, board.field(copy, port, transfer.caller, layout::kCallerBytes));
         }
@@ -271,9 +272,9 @@ class ReferenceHost {
         report(type, due);
     }
     void reportAudio(const Board& board, const Bytes& copy) {
-        Bytes due = {static_cast<unsigned char>(board.transfer.channels),
+        Bytes due = {static_cast<unsigned char>(board.channels),
                      static_cast<unsigned char>(board.firstChannel)};
-        for (int port = 0; port < board.transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             const Bytes audio = board.audio(copy, port);
             due.insert(due.end(), audio.begin(), audio.end());
         }
@@ -298,7 +299,7 @@ class ReferenceHost {
             {0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}};
         bool& odd = oddSettings[board.isFour() ? 0 : 1];
         board.settings = {layout::kApplySettings, 0, 0, 0};
-        for (int port = 0; port < board.transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             const unsigned char* const entry = &table[3 * (board.firstChannel + port)];
             const int level = kLevels[board.isFour() ? 0 : 1][std::min<int>(entry[1], 8)];
             const int delay_ms = std::min<int>(entry[2], 65) * 1000 + (odd ? 1 : 0);

@@ -35,7 +35,7 @@ class SimulatedPc : public Hardware {
             return options;
         }
 
-        int channels[portMap::kMaxCards] = {4, 0};  // by slot: 4, 8, or 0 for an empty one
+        int channels[portMap::kMaxCards] = {4, 0};  // by slot; 0: an empty one
         std::uint64_t seed = 1;
         std::uint32_t period_ms = 0;  // 0: that of each kind of card
         AudioSource audio = AudioSource::kPattern;
