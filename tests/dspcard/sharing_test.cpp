@@ -54,41 +54,35 @@ class FullPipe {
 };
 
 TEST(Runner, NeverWaitsForAConsoleAndTellsWhatItDidNotTake) {
-    const FullPipe out(STDOUT_FILENO), err(STDERR_FILENO);
     constexpr int kLines = 1000;
-    const auto start = std::chrono::steady_clock::now();
-    std::thread([] {
+    const FullPipe out(STDOUT_FILENO), err(STDERR_FILENO);
+    std::cout << std::string(4095, '.') << std::endl;
+    std::thread([&err] {
         console::handOverLinesOfThisThread();
-        for (int i = 0; i < kLines; ++i) {
-            ConsoleLine(std::cout) << "line " << i << std::string(50, '.');
+        ConsoleLine(std::cout) << "line 0";
+        ConsoleLine(std::cerr) << "passes";
+        EXPECT_EQ("passes\n", err.read()) << "held up by the other stream";
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 1; i < kLines; ++i) {
+            ConsoleLine(std::cout) << "line " << i;
         }
         ConsoleLine(std::cerr) << "dropped as well";
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     }).join();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     std::istringstream lines(out.read());
+    std::string line;
+    std::getline(lines, line);
     int next = 0;
-    for (std::string line; std::getline(lines, line);) {
-        int number = 0;
-        if (std::sscanf(line.c_str(), "dspcard: %d lines were dropped here", &number) == 1) {
-            next += number;
+    while (std::getline(lines, line)) {
+        int dropped = 0;
+        if (std::sscanf(line.c_str(), "dspcard: %d lines were dropped here", &dropped) == 1) {
+            next += dropped;
         } else {
-            ASSERT_EQ("line " + std::to_string(next++) + std::string(50, '.'), line);
+            ASSERT_EQ("line " + std::to_string(next++), line);
         }
     }
     EXPECT_EQ(kLines, next);
     EXPECT_THAT(err.read(), HasSubstr("dspcard: 1 line was dropped here"));
-}
-
-TEST(Runner, IsNotHeldUpOnOneStreamByTheOther) {
-    const FullPipe out(STDOUT_FILENO), err(STDERR_FILENO);
-    std::cout << std::string(4096, '.') << std::flush;
-    std::thread([] {
-        console::handOverLinesOfThisThread();
-        ConsoleLine(std::cout) << "waits";
-        ConsoleLine(std::cerr) << "passes";
-    }).join();
-    EXPECT_EQ("passes\n", err.read());
-    EXPECT_EQ(std::string(4096, '.') + "waits\n", out.read());
 }
 
 TEST(RunnerDeathTest, WritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
@@ -113,48 +107,34 @@ TEST(RunnerDeathTest, WritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
                 "dspcard: the thread that serves the cards failed: std::bad_alloc\n");
 }
 
-// Keeps each piece that is written to standard error.
-class Pieces : public std::streambuf {
-  public:
-    Pieces() : before(std::cerr.rdbuf(this)) {}
-    ~Pieces() override { std::cerr.rdbuf(before); }
-    std::vector<std::string> all;
-
-  protected:
-    std::streamsize xsputn(const char* text, std::streamsize count) override {
-        all.emplace_back(text, static_cast<std::size_t>(count));
-        return count;
-    }
-
-  private:
-    std::streambuf* const before;
-};
-
 TEST(ConsoleLine, IsWrittenWholeAndReadsTheSameInEveryLocale) {
     struct Grouped : std::numpunct<char> {
         char do_thousands_sep() const override { return '.'; }
         std::string do_grouping() const override { return "\3"; }
     };
-    const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));
+    struct Pieces : std::streambuf {  // that are written
+        std::streamsize xsputn(const char* text, std::streamsize count) override {
+            all.emplace_back(text, static_cast<std::size_t>(count));
+            return count;
+        }
+        std::vector<std::string> all;
+    } pieces;
     const WorkingFolder folder;
     folder.write("CODE.BIN", std::string(8, '\1'));
     ScriptedCards cards;
     cards.onRead = [](int) { return 0x20u; };
+    Console console;
     DirectIO().allowPortAccess();
     DSPBootloader loader;
     loader.init(0x300, 4, 0);
-    testing::internal::CaptureStdout();
-    std::vector<std::string> lines;
-    {
-        Pieces pieces;
-        loader.bootSection(0x1F000, 4, "CODE.BIN");
-        lines = pieces.all;
-    }
-    testing::internal::GetCapturedStdout();
-    EXPECT_THAT(lines, ElementsAre("Attempt Boot Section - addr: 126976 size: 4 sectionName: "
-                                   "CODE.BIN\n",
-                                   "Boot section succeeded: CODE.BIN Checksum: 1028\n"));
-    std::locale::global(before);
+    const std::locale locale = std::locale::global(std::locale(std::locale(), new Grouped));
+    std::streambuf* const terminal = std::cerr.rdbuf(&pieces);
+    loader.bootSection(0x1F000, 4, "CODE.BIN");
+    std::cerr.rdbuf(terminal);
+    std::locale::global(locale);
+    EXPECT_THAT(pieces.all,
+                ElementsAre("Attempt Boot Section - addr: 126976 size: 4 sectionName: CODE.BIN\n",
+                            "Boot section succeeded: CODE.BIN Checksum: 1028\n"));
 }
 
 // Another process that maps the cards' memory and keeps it until it is killed.
