@@ -49,8 +49,8 @@ class ReferenceHost {
   public:
     // channels: of the card in each slot, 0 for none.
     explicit ReferenceHost(const std::vector<int>& channels) {
-        for (int slot = 0; slot < 2 && channels[slot] != 0; ++slot) {
-            boards.push_back({slot, slot * channels[0], cardsim::layoutOf(channels[slot])});
+        for (int i = 0; i < 2 && channels[i] != 0; ++i) {
+            boards.push_back({i, i * channels[0], cardsim::layoutOf(channels[i])});
             boards.back().playback.resize(2 * boards.back().transfer.audioWords);
         }
     }
@@ -76,14 +76,14 @@ class ReferenceHost {
         events = passEvents;
         hearClient();
         int buffer = -1;
-        for (std::size_t slot = 0; slot < boards.size() && buffer < 0 && !isPausing; ++slot) {
-            buffer = findHandedOver(boards[slot]);
+        for (std::size_t i = 0; i < boards.size() && buffer < 0 && !isPausing; ++i) {
+            buffer = findHandedOver(boards[i]);
             if (buffer >= 0) {
                 if (++warmUp > kWarmUpBuffers) {
-                    exchange(boards[slot], buffer);
+                    exchange(boards[i], buffer);
                 }
-                next(kRead, boards[slot].statusPort(buffer));
-                next(kRelease, boards[slot].statusPort(buffer));
+                next(kRead, boards[i].statusPort(buffer));
+                next(kRelease, boards[i].statusPort(buffer));
             }
         }
         isPausing = false;
@@ -120,12 +120,13 @@ class ReferenceHost {
     }
 
     // Commands wait for the next exchange of a card.
-    bool hasCommands(int slot) const {
-        return slot == 0 ? !commands.empty() : boards[slot].pending.type != 0;
+    bool hasCommands(int card) const {
+        return card == 0 ? !commands.empty() : boards[card].pending.type != 0;
     }
     // The command block that a card got last.
-    const Bytes& settings(int slot) const { return boards[slot].settings; }
+    const Bytes& settings(int card) const { return boards[card].settings; }
     std::uint64_t passes = 0, exchanges = 0;
+    int slot = 0;  // of the last exchange
 
   private:
     static constexpr int kPlayback = 5, kSettings = 6;  // commands
@@ -186,6 +187,7 @@ class ReferenceHost {
         return isFirst ? 0 : (next(kRead, board.statusPort(1)).value & 1) != 0 ? 1 : -1;
     }
     void exchange(Board& board, int buffer) {
+        slot = board.slot;
         wasSwitchedOff = false;
         const Command command = takeCommand(board);
         Bytes copy = next(kCopy, board.bufferByte(buffer)).bytes;

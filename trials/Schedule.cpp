@@ -77,7 +77,8 @@ class Schedule : public cardsim::SimulatedPc {
                     report().timeline ^ report().portAccesses);
     }
     std::string where() const {
-        return "seed " + std::to_string(seed) + ": pass " + std::to_string(host.passes);
+        return "seed " + std::to_string(seed) + ": pass " + std::to_string(host.passes) +
+               ", card " + std::to_string(host.slot);
     }
 
     std::uint32_t in(std::uint16_t port, int bytes) override {
