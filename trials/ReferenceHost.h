@@ -50,7 +50,7 @@ class ReferenceHost {
     // channels: of the card in each slot, 0 for none.
     explicit ReferenceHost(const std::vector<int>& channels) {
         for (int i = 0; i < 2 && channels[i] != 0; ++i) {
-            boards.push_back({i, i * channels[0], cardsim::layoutOf(channels[i])});
+            boards.push_back({i, i * channels[0], channels[i], cardsim::layoutOf(channels[i])});
             boards.back().playback.resize(2 * boards.back().transfer.audioWords);
         }
     }
@@ -137,14 +137,14 @@ class ReferenceHost {
         Bytes bytes = {};
     };
     struct Board {
-        int slot, firstChannel;
+        int slot, firstChannel, channels;
         cardsim::TransferLayout transfer;
         unsigned counter = 0;
         bool followsHook[8] = {}, triggered[8] = {};
         Bytes settings = {}, playback = {};
         Command pending = {};  // for the next exchange
 
-        bool isFour() const { return transfer.channels == 4; }
+        bool isFour() const { return channels == 4; }
         int statusPort(int buffer) const { return 0x302 + 0x10 * slot + 2 * buffer; }
         int linePort(int k) const { return 0x306 + 0x10 * slot + 2 * k; }
         int bufferByte(int buffer) const {
@@ -199,7 +199,7 @@ class ReferenceHost {
         reportAudio(board, copy);
         const int port = monitored - board.firstChannel;
         const bool isMonitoring = monitored != -1;
-        if (port >= 0 && port < board.transfer.channels) {
+        if (port >= 0 && port < board.channels) {
             feed(board.audio(copy, port));
         }
         if (command.type == kPlayback) {
@@ -238,7 +238,7 @@ class ReferenceHost {
     }
 
     void reportTriggers(Board& board, const Bytes& copy) {
-        for (int port = 0; !board.settings.empty() && port < board.transfer.channels; ++port) {
+        for (int port = 0; !board.settings.empty() && port < board.channels; ++port) {
             const bool isLoud = board.field(copy, port, layout::kLevel, 2)[1] > 127;
             const bool state = board.followsHook[port] ? isOffHook(board, port) : isLoud;
             if (std::exchange(board.triggered[port], state) != state) {
@@ -248,9 +248,10 @@ class ReferenceHost {
         }
     }
     bool isOffHook(const Board& board, int port) {
-        const bool isFour = board.isFour();
-        const std::uint32_t status = next(kRead, board.linePort(isFour ? port : port / 2)).value;
-        return isFour ? (status & 0x04) == 0 : (status & (port % 2 == 0 ? 0x04 : 0x40)) != 0;
+        const auto& status = cardsim::kindOf(board.channels).lineStatus;
+        const int word = port / status.linesOfWord, line = port % status.linesOfWord;
+        const unsigned bits = next(kRead, board.linePort(word)).value >> line * status.bitsOfLine;
+        return (bits & (status.onHook | status.offHook)) == status.offHook;
     }
     void reportTexts(const Board& board, const Bytes& copy) {
         const auto reportField = [&](int type, int port, const Bytes& field) {
@@ -261,7 +262,7 @@ class ReferenceHost {
             }
         };
         const cardsim::TransferLayout& transfer = board.transfer;
-        for (int port = 0; port < transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             reportField(3, port, board.field(copy, port, transfer.digits, transfer.digitsBytes));
             reportField(2, port, board.field(copy, port, transfer.caller, layout::kCallerBytes));
         }
@@ -273,9 +274,9 @@ class ReferenceHost {
         report(type, due);
     }
     void reportAudio(const Board& board, const Bytes& copy) {
-        Bytes due = {static_cast<unsigned char>(board.transfer.channels),
+        Bytes due = {static_cast<unsigned char>(board.channels),
                      static_cast<unsigned char>(board.firstChannel)};
-        for (int port = 0; port < board.transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             const Bytes audio = board.audio(copy, port);
             due.insert(due.end(), audio.begin(), audio.end());
         }
@@ -300,7 +301,7 @@ class ReferenceHost {
             {0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}};
         bool& odd = oddSettings[board.isFour() ? 0 : 1];
         board.settings = {layout::kApplySettings, 0, 0, 0};
-        for (int port = 0; port < board.transfer.channels; ++port) {
+        for (int port = 0; port < board.channels; ++port) {
             const unsigned char* const entry = &table[3 * (board.firstChannel + port)];
             const int level = kLevels[board.isFour() ? 0 : 1][std::min<int>(entry[1], 8)];
             const int delay_ms = std::min<int>(entry[2], 65) * 1000 + (odd ? 1 : 0);

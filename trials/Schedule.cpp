@@ -27,8 +27,9 @@ constexpr std::uint64_t kResetSettle_us = 100, kPollInterval_us = 100'000;
 constexpr std::uint64_t kPauseBeforeBoot_us = 3'000'000, kPauseAfterBoot_us = 1'000'000;
 constexpr int kQuietPasses = 250, kLastPasses = 310;
 constexpr std::uint64_t kServedIfItWorks = 6;  // in the last passes
-constexpr std::uint64_t kOpportunities[cardsim::kNumFaultKinds] = {15'000, 6,   3'000, 3'000, 3,
-                                                                   300,    300, 300,   300,   300};
+// Of each kind of fault, up to how late one strikes.
+constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 300, 300, 300, 300, 300};
+static_assert(std::size(kOpportunities) == std::size(cardsim::kFaultDescriptions));
 
 cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
     constexpr int kPairings[][2] = {{4, 0}, {8, 0}, {4, 4}, {4, 8}, {8, 4}, {8, 8}};
@@ -39,7 +40,7 @@ cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
     for (std::uint64_t faults = random.between(0, 4); faults > 0; --faults) {
         const bool isAlone = options.faults.empty() || !random.chance(kFaultsTogether);
         Fault fault = isAlone ? Fault() : options.faults.back();
-        fault.kind = static_cast<FaultKind>(random.between(0, cardsim::kNumFaultKinds - 1));
+        fault.kind = static_cast<FaultKind>(random.between(0, std::size(kOpportunities) - 1));
         fault.field = static_cast<cardsim::FaultField>(random.between(0, 9));
         fault.probability = random.chance(0.5) ? 1 : 0.3;
         if (isAlone) {
@@ -84,6 +85,7 @@ class Schedule : public cardsim::SimulatedPc {
     std::uint32_t in(std::uint16_t port, int bytes) override {
         Event& event = note(kRead, port);
         act();
+        SimulatedPc::sleep(isBooting ? 100 : 0);  // a slower host finds out no later
         return event.value = SimulatedPc::in(port, bytes);
     }
     void out(std::uint16_t port, int bytes, std::uint32_t value) override {

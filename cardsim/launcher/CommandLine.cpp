@@ -62,24 +62,43 @@ std::string helpAtEnd() {
            "it; 2 wrong usage, 126 PROGRAM cannot be run, 127 PROGRAM not found.\n";
 }
 
+// The kinds of cards as --cards names them.
+std::string kindNames() {
+    std::string names;
+    for (const CardKind& kind : kCardKinds) {
+        names += (names.empty() ? "" : ", ") + std::to_string(kind.channels);
+    }
+    return names;
+}
+
+std::string periods() {
+    std::string text;
+    for (const CardKind& kind : kCardKinds) {
+        text += (text.empty() ? "" : ", ") + std::to_string(kind.period_us / 1000) + " with " +
+                std::to_string(kind.channels);
+    }
+    return text + " channels";
+}
+
 void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
     SimulatedPc::Options& pc = line.configuration.pc;
     pc.virtualTime = false;
 
     app.add_option("--cards", given.cards,
-                   "channels of the first and the second card, 4, 8 or none each:\n"
-                   "4, or 4,8, or none,8 ...; 4 when not given")
+                   "channels of the first and the second card, " + kindNames() +
+                       " or none each:\n4, or 4,8, or none,8 ...; 4 when not given")
         ->type_name("CARDS");
     app.add_option("--seed", given.seed,
                    "what traffic and random faults follow from; chosen and shown\n"
                    "when not given")
         ->type_name("N");
     app.add_option("--period-ms", pc.period_ms,
-                   "time between two buffers of a card; 450 with four, 225 with\n"
-                   "eight channels when not given")
+                   "time between two buffers of a card; when not given\n" + periods())
         ->check(CLI::Range(1u, kLongestPeriod_ms).description(""))
         ->type_name("N");
-    app.add_option("--seconds", given.seconds, "end PROGRAM after that time, 0.001 or more")
+    app.add_option("--seconds", given.seconds,
+                   "end PROGRAM and all that it has started after that time,\n"
+                   "0.001 or more")
         ->check(CLI::Range(kShortestRun_s, kLongestRun_s).description(""))
         ->type_name("N");
     app.add_flag("--virtual-time", pc.virtualTime,
@@ -109,14 +128,16 @@ void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
 }
 
 int channelsFrom(const std::string& text) {
-    if (text == "4" || text == "8") {
-        return text[0] - '0';
-    }
     if (text == "none") {
         return 0;
     }
-    throw std::invalid_argument("--cards: no card is called \"" + text +
-                                "\"; right are 4, 8 and none, for two cards with a comma between");
+    for (const CardKind& kind : kCardKinds) {
+        if (text == std::to_string(kind.channels)) {
+            return kind.channels;
+        }
+    }
+    throw std::invalid_argument("--cards: no card is called \"" + text + "\"; right are " +
+                                kindNames() + " and none, for two cards with a comma between");
 }
 
 void readCards(const std::string& text, int (&channels)[portMap::kMaxCards]) {

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 namespace cardsim {
 
 namespace {
 
-constexpr std::uint16_t kFourOnHook = 0x04;
-constexpr std::uint16_t kEightOffHook = 0x04;
-constexpr std::uint16_t kEightFpgaTrigger = 0x08;
-constexpr int kOddLineShift = 4;
 constexpr std::uint16_t kNotInReset = 0xFF;
 
 void writeText(volatile std::uint16_t* words, const std::string& text) {
@@ -61,18 +58,19 @@ Place placeOf(FaultField field, const TransferLayout& transfer, int port) {
 Card::Card(int slotNumber, const CardOptions& options, volatile std::uint16_t* memory,
            MachineReport& machineReport)
     : slot(slotNumber),
-      transfer(layoutOf(options.channels)),
-      period_us(options.period_us == 0 ? transfer.period_us : options.period_us),
+      kind(kindOf(options.channels)),
+      transfer(kind.transfer),
+      period_us(options.period_us == 0 ? kind.period_us : options.period_us),
       audio(options.audio),
       report(machineReport.cards[slotNumber]),
       timeline(machineReport.timeline),
       plannedFaults(options.faults, slotNumber, options.seed) {
-    report.channels = static_cast<std::uint32_t>(transfer.channels);
+    report.channels = static_cast<std::uint32_t>(channels());
     buffers[0].words = memory;
     buffers[1].words = memory + layout::kSecondBuffer;
-    lines.reserve(static_cast<std::size_t>(transfer.channels));
-    for (int port = 0; port < transfer.channels; ++port) {
-        lines.emplace_back(now, transfer.defaultThreshold);
+    lines.reserve(static_cast<std::size_t>(channels()));
+    for (int port = 0; port < channels(); ++port) {
+        lines.emplace_back(now, kind.defaultThreshold);
     }
 }
 
@@ -207,7 +205,7 @@ std::uint16_t Card::readData() {
 }
 
 std::uint16_t Card::readStatus() {
-    std::uint16_t status = transfer.channels == 8 ? portMap::kEightChannels : std::uint16_t{0};
+    std::uint16_t status = kind.status;
     if (state == State::kBooting) {
         status |= wantsByte ? portMap::kWantsByte : 0;
         status |= byteBusy ? portMap::kByteBusy : 0;
@@ -225,16 +223,14 @@ std::uint16_t Card::readHandOver(Buffer& buffer) {
     return seen ? portMap::kHandedOver : std::uint16_t{0};
 }
 
-std::uint16_t Card::readLineStatus(int k) {
-    if (transfer.channels == 4) {
-        return line(k).isOffHook() ? std::uint16_t{0} : kFourOnHook;
-    }
+std::uint16_t Card::readLineStatus(int word) {
+    const LineStatusLayout& bits = kind.lineStatus;
     unsigned status = 0;
-    for (int odd = 0; odd < 2; ++odd) {
-        const Line& pair = line(2 * k + odd);
-        const unsigned bits =
-            (pair.isOffHook() ? kEightOffHook : 0u) | (pair.isTriggered() ? kEightFpgaTrigger : 0u);
-        status |= bits << (odd * kOddLineShift);
+    for (int i = 0; i < bits.linesOfWord; ++i) {
+        const Line& each = line(word * bits.linesOfWord + i);
+        const unsigned hook = each.isOffHook() ? bits.offHook : bits.onHook;
+        const unsigned trigger = each.isTriggered() ? bits.triggered : 0u;
+        status |= (hook | trigger) << (i * bits.bitsOfLine);
     }
     return static_cast<std::uint16_t>(status);
 }
@@ -290,7 +286,7 @@ void Card::takeFromHost(const Buffer& buffer) {
 }
 
 void Card::applySettings(const Buffer& buffer) {
-    for (int port = 0; port < transfer.channels; ++port) {
+    for (int port = 0; port < channels(); ++port) {
         const volatile std::uint16_t* const entry =
             buffer.words + transfer.command + layout::kSettings + 3 * port;
         const Line::Settings settings = {entry[0], entry[1], entry[2]};
@@ -303,7 +299,7 @@ void Card::applySettings(const Buffer& buffer) {
 }
 
 void Card::play(const Buffer& buffer) {
-    char bytes[2 * 300];
+    char bytes[2 * kMaxAudioWords];
     for (int i = 0; i < transfer.audioWords; ++i) {
         const std::uint16_t word = buffer.words[transfer.playbackAudio + i];
         bytes[2 * i] = static_cast<char>(word & 0xFF);
@@ -330,12 +326,13 @@ void Card::advanceCounter() {
 void Card::fill(const Buffer& buffer) {
     buffer.words[layout::kCounter] = static_cast<std::uint16_t>(transferCounter & 0xFFFF);
     buffer.words[layout::kCounter + 1] = static_cast<std::uint16_t>(transferCounter >> 16);
-    for (int port = 0; port < transfer.channels; ++port) {
+    for (int port = 0; port < channels(); ++port) {
         fillPort(buffer.words + transfer.firstPort + port * transfer.portWords, port);
     }
-    report.calls = std::accumulate(
+    const std::uint64_t calls = std::accumulate(
         lines.begin(), lines.end(), std::uint64_t{0},
         [](std::uint64_t sum, const Line& each) { return sum + each.callsSoFar(); });
+    report.calls += calls - std::exchange(reportedCalls, calls);
     samples += static_cast<std::uint64_t>(2 * transfer.audioWords);
     if (transfer.debug != 0) {
         buffer.words[transfer.debug] = 0;
@@ -378,8 +375,8 @@ void Card::scribble(const Buffer& buffer, FaultField field) {
         const FaultField last = transfer.debug == 0 ? FaultField::kCaller : FaultField::kDebug;
         field = static_cast<FaultField>(random.between(0, static_cast<std::uint64_t>(last)));
     }
-    const auto channels = static_cast<std::uint64_t>(transfer.channels);
-    const auto port = static_cast<int>(random.between(0, channels - 1));
+    const auto lastPort = static_cast<std::uint64_t>(channels() - 1);
+    const auto port = static_cast<int>(random.between(0, lastPort));
     const auto [start, count] =
         placeOf(field, transfer, transfer.firstPort + port * transfer.portWords);
     report.faults += count == 0 ? 0 : 1;
@@ -393,8 +390,8 @@ void Card::remember(std::uint64_t what) {
     timeline = (timeline ^ what ^ static_cast<std::uint64_t>(slot) << 63) * kFnvPrime;
 }
 
-bool Card::strikes(FaultKind kind) {
-    const bool struck = plannedFaults.strikes(kind) != nullptr;
+bool Card::strikes(FaultKind fault) {
+    const bool struck = plannedFaults.strikes(fault) != nullptr;
     report.faults += struck ? 1 : 0;
     return struck;
 }

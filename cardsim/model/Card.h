@@ -22,7 +22,7 @@
 namespace cardsim {
 
 struct CardOptions {
-    int channels = 4;             // 4 or 8
+    int channels = 4;             // which kind of card
     std::uint32_t period_us = 0;  // between buffers; 0: that of the kind of card
     AudioSource audio = AudioSource::kPattern;
     std::vector<Fault> faults;
@@ -46,7 +46,7 @@ class Card {
     // Does what the DSP does until then.
     void advance(std::uint64_t until);
 
-    int channels() const { return transfer.channels; }
+    int channels() const { return kind.channels; }
     Line& line(int port) { return lines[static_cast<std::size_t>(port)]; }
     Faults& faults() { return plannedFaults; }
     void connectSpeaker(Speaker listener) { speaker = std::move(listener); }
@@ -74,7 +74,7 @@ class Card {
 
     std::uint16_t readStatus();
     std::uint16_t readHandOver(Buffer& buffer);
-    std::uint16_t readLineStatus(int k);
+    std::uint16_t readLineStatus(int word);
     std::uint16_t readData();
 
     void takeTurn();
@@ -89,9 +89,10 @@ class Card {
     void fillAudio(volatile std::uint16_t* audio, int number);
     void scribble(const Buffer& buffer, FaultField field);
     void remember(std::uint64_t what);
-    bool strikes(FaultKind kind);
+    bool strikes(FaultKind fault);
 
     const int slot;
+    const CardKind& kind;
     const TransferLayout& transfer;
     const std::uint32_t period_us;
     const AudioSource audio;
@@ -113,6 +114,7 @@ class Card {
     std::uint64_t nextTurn = 0;
     bool dead = false;
     std::uint32_t transferCounter = 0;
+    std::uint64_t reportedCalls = 0;
     std::uint64_t samples = 0;  // of each line since the firmware started
     std::vector<Line> lines;
 };

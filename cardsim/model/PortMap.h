@@ -19,7 +19,6 @@ constexpr std::uint16_t kReset = 0xE;
 // Bits of the status.
 constexpr std::uint16_t kHandedOver = 0x01;
 constexpr std::uint16_t kByteBusy = 0x01;
-constexpr std::uint16_t kEightChannels = 0x04;
 constexpr std::uint16_t kWantsByte = 0x20;
 
 // Words that act when written to a status register.
@@ -30,7 +29,7 @@ constexpr std::uint16_t kStrobe = 0x0A;
 // What the reset register must hold for kStop to act.
 constexpr std::uint16_t kResetArmed = 8;
 
-// An empty slot reads as this.
+// What a port reads as at which nobody answers: one of an empty slot, or one that is only written.
 constexpr std::uint16_t kNobody = 0xFFFF;
 
 }  // namespace cardsim::portMap

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "model/PortMap.h"
+#include "model/TransferLayout.h"
 
 namespace cardsim {
 
@@ -18,9 +19,8 @@ struct BlockReport {
 
 struct CardReport {
     static constexpr int kMaxBlocks = 32;
-    static constexpr int kMaxLines = 8;
 
-    std::uint32_t channels;  // 4 or 8; 0: the slot is empty
+    std::uint32_t channels;  // 0: the slot is empty
     std::uint32_t boots;     // starts of the firmware
     std::uint32_t imageBlocks;
     std::uint32_t imageWords;

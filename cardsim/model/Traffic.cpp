@@ -15,8 +15,8 @@ constexpr double kUnanswered = 0.1;
 constexpr double kDigitsInPause = 0.1;
 constexpr std::uint64_t kCallerAfter_ms = 500;
 constexpr std::uint64_t kDigitEvery_ms = 150;
-// Numbers that no telephone has.
-const std::string kNobodysNumbers = "01914980";
+// Of numbers that no telephone has.
+const std::string kNumberStart = "01914980";
 
 // Whoever telephones on one line: each step of a call plans the next. The plan owns it.
 class Subscriber : public std::enable_shared_from_this<Subscriber> {
@@ -123,7 +123,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
         cards.at(time, [self = shared_from_this(), step] { (self.get()->*step)(); });
     }
 
-    std::string anyNumber() { return kNobodysNumbers + std::to_string(random.between(100, 999)); }
+    std::string anyNumber() { return kNumberStart + std::to_string(random.between(100, 999)); }
 
     Cards& cards;
     Line& line;

@@ -1,6 +1,7 @@
 // The driver's way to the hardware: port permission, card memory, detection. All of it over the
 // system calls and port instructions that it uses on real cards.
-#include <gmock/gmock.h>
+#include <fcntl.h>
+#include <poll.h>
 
 #include <thread>
 
@@ -12,13 +13,21 @@
 #include "Surroundings.h"
 #include "javaint/DSPRunner.h"
 
+// Called at each operator new of this program, for a test that needs that moment.
+std::function<void()> whenAllocating;
+extern "C" void* __real__Znwm(std::size_t bytes);
+extern "C" void* __wrap__Znwm(std::size_t bytes) {
+    if (whenAllocating) {
+        whenAllocating();
+    }
+    return __real__Znwm(bytes);
+}
+
 namespace {
 
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
+using namespace testing;
 
-class Hardware : public testing::Test {
+class Hardware : public TestWithParam<std::pair<int, int>> {
   protected:
     void plugIn(int base, std::uint32_t status) {
         cards.registers[base + 2] = status;
@@ -33,18 +42,19 @@ class Hardware : public testing::Test {
 
 TEST_F(Hardware, GetsPermissionAndCardMemoryOrSaysWhyNot) {
     DirectIO directIO;
-    cards.portsErrno = EPERM;
-    directIO.allowPortAccess();
-    EXPECT_FALSE(directIO.arePortsEnabled());
-    cards.portsErrno = 0;
-    directIO.allowPortAccess();
-    EXPECT_TRUE(directIO.arePortsEnabled());
+    for (const int refusal : {EPERM, 0}) {
+        cards.portsErrno = refusal;
+        directIO.allowPortAccess();
+        EXPECT_EQ(refusal == 0, directIO.arePortsEnabled());
+    }
     directIO.disallowPortAccess();
     EXPECT_FALSE(directIO.arePortsEnabled());
+    const auto before = openFiles();
     cards.devMemErrno = EPERM;
     EXPECT_EQ(nullptr, directIO.mapMemory(0xD0000, 0x4000));
     cards.devMemErrno = 0;
     EXPECT_EQ(nullptr, directIO.mapMemory(0xD0001, 0x4000));
+    EXPECT_EQ(before, openFiles());
     EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
     void* const memory = directIO.mapMemory(0xD0000, 0x4000);
     ASSERT_NE(nullptr, memory);
@@ -57,6 +67,7 @@ TEST_F(Hardware, GetsPermissionAndCardMemoryOrSaysWhyNot) {
     for (int i = 0; i < 2; ++i) {
         directIO.unmapMemory();
         EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
+        EXPECT_EQ(-1, msync(memory, 0x4000, MS_ASYNC)) << "still mapped";
     }
     EXPECT_EQ(
         "failed to allow port access, errno=1\nPorts enabled OK\nPorts disabled OK\n"
@@ -68,34 +79,35 @@ TEST_F(Hardware, GetsPermissionAndCardMemoryOrSaysWhyNot) {
 TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
     plugIn(0x300, 0xFB);
     plugIn(0x310, 0x84);
+    const auto before = openFiles();
+    std::set<std::ptrdiff_t> open;
+    cards.onWrite = [&open](int, std::uint32_t) { open.insert(openFiles()); };
     DirectIO().allowPortAccess();
     EXPECT_EQ(2, detect());
     EXPECT_THAT(channels, ElementsAre(4, 8));
-    std::vector<PortAccess> expected;
+    EXPECT_THAT(open, ElementsAre(before + 1)) << "one /dev/port at a time";
+    EXPECT_EQ(before, openFiles());
+    std::vector<PortAccess> accesses;
     std::string lines = "DSPDetect: Opening /dev/port\n";
-    const auto expectTest = [&](const std::string& board, int base) {
-        for (const PortAccess& access :
-             {writes(base + 14, 8), writes(base + 2, 0x12), writes(base, 0x55), reads(base, 0x55),
-              writes(base, 0xAA), reads(base, 0xAA)}) {
-            expected.push_back(access);
+    for (const auto& [base, counted] : {std::pair(0x300, 0x302), {0x310, 0}, {0x300, 0x312}}) {
+        accesses.insert(accesses.end(),
+                        {writes(base + 14, 8), writes(base + 2, 0x12), writes(base, 0x55),
+                         reads(base, 0x55), writes(base, 0xAA), reads(base, 0xAA)});
+        if (counted != 0) {
+            accesses.push_back(reads(counted, cards.registers[counted]));
         }
-        lines += "Doing port test for board " + board + "\nPlacing DSP in RESET\n";
-        for (int echo = 0; echo < 2; ++echo) {
-            lines += "Attempt to write to baseIOPort\nAttempt to read from baseIOPort \n";
-        }
-        lines += "port: " + std::to_string(base) + " ok!\n";
-    };
-    expectTest("0", 0x300);
-    expected.push_back(reads(0x302, 0xFB));
-    expectTest("1", 0x310);
-    expectTest("0", 0x300);
-    expected.push_back(reads(0x312, 0x84));
-    EXPECT_EQ(expected, cards.accesses);
+        const std::string echo =
+            "Attempt to write to baseIOPort\nAttempt to read from baseIOPort \n";
+        lines += "Doing port test for board " + std::to_string(base >> 4 & 1) +
+                 "\nPlacing DSP in RESET\n" + echo + echo + "port: " + std::to_string(base) +
+                 " ok!\n";
+    }
+    EXPECT_EQ(accesses, cards.accesses);
     EXPECT_THAT(cards.slept_us, ElementsAre(100, 100, 100));
     EXPECT_EQ(
-        "Ports enabled OK\n"
-        "board0 present\nnumChannels opening /dev/port\nFound 4 chan board\nchannelsBoard0=4\n"
-        "board1 present\nnumChannels opening /dev/port\nFound 8 channel board\n",
+        "Ports enabled OK\nboard0 present\nnumChannels opening /dev/port\n"
+        "Found 4 chan board\nchannelsBoard0=4\nboard1 present\n"
+        "numChannels opening /dev/port\nFound 8 channel board\n",
         console.take().err);
     EXPECT_EQ(lines, console.out);
 }
@@ -111,7 +123,7 @@ TEST_F(Hardware, AllowsTheFirstPatternThreeAttemptsAndTheSecondOne) {
         EXPECT_EQ(boards, detect());
     }
     EXPECT_THAT(console.take().err,
-                testing::StartsWith("read 17 not 0x55\nread 17 not 0x55\nboard0 present\n"));
+                StartsWith("read 17 not 0x55\nread 17 not 0x55\nboard0 present\n"));
 }
 
 TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
@@ -122,22 +134,31 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
     EXPECT_FALSE(detector.portTest(0));
     EXPECT_EQ(0, detector.numChannels(0));
     cards.devPortErrno = 0;
+    const int descriptor = dup(0);  // the next one that is free
+    close(descriptor);
     EXPECT_FALSE(detector.portTest(2));
     EXPECT_EQ(0, detector.numChannels(2));
     cards.registers[0x305] = 0xAB;
     EXPECT_EQ(-85, detector.readPort(0x305));
-    EXPECT_EQ(
-        "lseek failed errno=9\nwritePort: lseek failed errno=9\n"
-        "Couldn't access /dev/port errno=13\nnumChannels opening /dev/port\n"
-        "Couldn't access /dev/port errno=13\nno Dev port so returning 0 channels\n"
-        "numChannels opening /dev/port\nCannot determine no of channels for board 2\n",
-        console.take().err);
-    EXPECT_THAT(console.out, EndsWith("Doing port test for board 2\n"));
     std::vector<std::uint16_t> memory(0x2000);
     EXPECT_TRUE(detector.simpleMemTest(memory.data(), 1));
     EXPECT_EQ(3, memory[0x1002]);
     EXPECT_EQ(4, memory[0x1003]);
-    EXPECT_EQ("MemTest: board= 1\nboard 1 passed simple mem test\n", console.take().out);
+    cardsim::attachHardware(nullptr);
+    for (const int way : {O_WRONLY, O_RDONLY}) {  // a device that fails one way only
+        dup2(open("/dev/null", way), descriptor);
+        EXPECT_EQ(way == O_WRONLY ? -1 : 0, detector.readPort(0x300));
+        detector.writePort(1, 0x300);
+    }
+    EXPECT_EQ(
+        "lseek failed errno=9\nwritePort: lseek failed errno=9\n"
+        "Couldn't access /dev/port errno=13\nnumChannels opening /dev/port\n"
+        "Couldn't access /dev/port errno=13\nno Dev port so returning 0 channels\n"
+        "numChannels opening /dev/port\nCannot determine no of channels for board 2\n"
+        "read failed errno=9\nwritePort:write failed errno=9\n",
+        console.take().err);
+    EXPECT_THAT(console.out, EndsWith("Doing port test for board 2\nMemTest: board= 1\n"
+                                      "board 1 passed simple mem test\n"));
 }
 
 TEST_F(Hardware, MakesNoBoardWithoutItsMemory) {
@@ -146,16 +167,35 @@ TEST_F(Hardware, MakesNoBoardWithoutItsMemory) {
     EXPECT_EQ(0, BoardMgr::getInstance().getNumberOfBoards());
     EXPECT_EQ(nullptr, BoardMgr::getInstance().getBoard(0));
     EXPECT_EQ(nullptr, BoardMgr::getInstance().getDSPMemory());
-    EXPECT_THAT(reportsIn(takePackets()), ElementsAre(errorReport(4, "Card memory not mapped")));
-    EXPECT_THAT(console.take().err, HasSubstr("Detected 1 boards\nBoard0 has 4 channels\n"));
-    EXPECT_THAT(console.err, EndsWith("ERROR! Card memory not mapped\n"));
+    EXPECT_THAT(takeReports(), ElementsAre(errorReport(4, "Card memory not mapped")));
+    EXPECT_THAT(console.take().err, AllOf(HasSubstr("Detected 1 boards\nBoard0 has 4 channels\n"),
+                                          EndsWith("ERROR! Card memory not mapped\n")));
 }
 
+using UncountedLines = Hardware;
+
+TEST_P(UncountedLines, AreThoseOfTheBoardThatIsMadeForThem) {
+    plugIn(0x300, 0);
+    plugIn(0x310, 0);
+    cards.lostOpening = GetParam().first;
+    const BoardMgr& manager = BoardMgr::getInstance();
+    EXPECT_THAT(console.take().err,
+                HasSubstr("Detected 2 boards\nBoard0 has " + std::to_string(GetParam().second) +
+                          " channels\nBoard1 has 4 channels\n"));
+    EXPECT_EQ(8, manager.getBoard(0)->getNumChannels());
+    EXPECT_TRUE(manager.getBoard(1)->channelOnThisBoard(8));
+    EXPECT_FALSE(manager.getBoard(1)->channelOnThisBoard(7));
+}
+
+// /dev/port is lost for card 0's first test, or when its lines are to be counted.
+INSTANTIATE_TEST_SUITE_P(Cards, UncountedLines, Values(std::pair(1, -2), std::pair(2, 0)));
+
 TEST(SingletonsDeathTest, AreMadeOnceHoweverManyThreadsAskFirst) {
-    ScriptedCards cards;
+    const ScriptedCards cards;
     std::vector<std::vector<void*>> seen(8);
     std::atomic<std::size_t> missing{seen.size()};
     std::vector<std::thread> threads;
+    whenAllocating = [] { poll(nullptr, 0, 1); };  // time for the others to come in
     for (auto& mine : seen) {
         threads.emplace_back([&mine, &missing] {
             for (--missing; missing > 0;) {
@@ -167,13 +207,14 @@ TEST(SingletonsDeathTest, AreMadeOnceHoweverManyThreadsAskFirst) {
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_THAT(seen, testing::Each(seen[0]));
+    whenAllocating = nullptr;
+    EXPECT_THAT(seen, Each(seen[0]));
     EXPECT_EXIT(
         {
             delete &BoardMgr::getInstance();
             std::exit(DirectIO::getInstance().getPreviouslyMappedMemory() == nullptr ? 0 : 1);
         },
-        testing::ExitedWithCode(0), "BoardMgr - destructor unmapping dsp card memory\n");
+        ExitedWithCode(0), "BoardMgr - destructor unmapping dsp card memory\n");
 }
 
 }  // namespace

@@ -75,13 +75,20 @@ TEST_F(JavaBridge, RefusesCommandsThatCannotBeRead) {
         EXPECT_EQ(putPacket(6, length, &table),
                   refused + "length " + std::to_string(length) + ", the data array has 48 bytes\n");
     }
-    for (const int type : {0, 4, 7, 200, 255}) {
-        EXPECT_EQ(putPacket(type, 48, &table),
-                  "Unexpected packet type " + std::to_string(type) + "\n");
+    for (const int type : {0, 4, 7, 200, 255}) {  // whatever their array
+        const std::string line = "Unexpected packet type " + std::to_string(type) + "\n";
+        EXPECT_EQ(putPacket(type, 48, &table), line);
+        EXPECT_EQ(putPacket(type, 49, &table), line);
+        EXPECT_EQ(putPacket(type, 0, nullptr), line);
     }
     vm.outOfMemory = true;
     EXPECT_EQ(putPacket(6, 48, &table), refused + "the Java VM has no memory for the data\n");
+    // No elements need no address.
+    EXPECT_EQ(putPacket(5, 0, &table), "");
     vm.outOfMemory = false;
+    const std::unique_ptr<Packet> silence(dispatcher.getPacketFromReceiveQueue());
+    ASSERT_NE(silence, nullptr);
+    EXPECT_EQ(silence->getLength(), 0);
 
     EXPECT_EQ(putPacket(6, 48, &table), "");
     const std::unique_ptr<Packet> command(dispatcher.getPacketFromReceiveQueue());

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
@@ -28,17 +27,24 @@ inline PortAccess writes(int port, std::uint32_t value) {
 
 class ScriptedCards : public cardsim::Hardware {
   public:
-    ScriptedCards() { cardsim::attachHardware(this); }
-    ~ScriptedCards() override { cardsim::attachHardware(nullptr); }
+    ScriptedCards() {
+        cardsim::attachHardware(this);
+        fail(ftruncate(memoryFile, 0xD4000));
+    }
+    ~ScriptedCards() override {
+        cardsim::attachHardware(nullptr);
+        close(memoryFile);
+    }
 
     std::uint32_t in(std::uint16_t port, int bytes) override {
-        noteAccess(bytes);
-        accesses.push_back(reads(port, onRead ? onRead(port) : registers[port]));
-        return static_cast<std::uint32_t>(std::get<2>(accesses.back()));
+        elapsed_us += accessTime_us;
+        const std::uint32_t value = onRead ? onRead(port) : registers[port];
+        note(reads(port, value), bytes);
+        return value;
     }
     void out(std::uint16_t port, int bytes, std::uint32_t value) override {
-        noteAccess(bytes);
-        accesses.push_back(writes(port, value));
+        elapsed_us += accessTime_us;
+        note(writes(port, value), bytes);
         if (echoes.count(port) != 0) {
             registers[port] = value;
         }
@@ -47,10 +53,9 @@ class ScriptedCards : public cardsim::Hardware {
         }
     }
     int grantPorts() override { return fail(portsErrno); }
-    int openPorts() override { return fail(devPortErrno); }
-    int openMemory() override {
-        const int file = memfd_create("card memory", 0);
-        return ftruncate(file, 0xD4000) == 0 && fail(devMemErrno) == 0 ? file : -1;
+    int openPorts() override { return fail(++openings == lostOpening ? EMFILE : devPortErrno); }
+    std::string memoryPath() override {
+        return fail(devMemErrno) == 0 ? "/proc/self/fd/" + std::to_string(memoryFile) : "";
     }
     bool sleep(std::uint64_t microseconds) override {
         slept_us.push_back(microseconds);
@@ -59,27 +64,36 @@ class ScriptedCards : public cardsim::Hardware {
     }
     bool processorTime(std::clock_t& ticks) override {
         ticks = elapsed_us;
-        return true;
+        return keepsTime;
     }
 
     std::map<int, std::uint32_t> registers;
     std::set<int> echoes;  // registers that read back what is written to them
     std::function<std::uint32_t(int port)> onRead;
     std::function<void(int port, std::uint32_t value)> onWrite;
+    bool isRecording = true;
     std::vector<PortAccess> accesses;
     std::string widths;  // of the accesses, in bytes
     std::vector<std::uint64_t> slept_us;
     std::clock_t elapsed_us = 0, accessTime_us = 1;
+    bool keepsTime = true;  // by what is slept and accessed; otherwise the machine does
     int portsErrno = 0, devPortErrno = 0, devMemErrno = 0;
+    int lostOpening = 0;  // the opening of /dev/port that fails, from 1; 0: none does
 
   private:
-    void noteAccess(int bytes) {
-        elapsed_us += accessTime_us;
-        widths += std::to_string(bytes);
+    const int memoryFile = memfd_create("card memory", 0);
+
+    void note(const PortAccess& access, int bytes) {
         errno = ENOTTY;
+        if (isRecording) {
+            accesses.push_back(access);
+            widths += std::to_string(bytes);
+        }
     }
     static int fail(int number) {
         errno = number;
         return number == 0 ? 0 : -1;
     }
+
+    int openings = 0;
 };

@@ -1,9 +1,9 @@
 // What lies around the driver, for a test to hold: the console, the working directory, the queues.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -58,6 +58,10 @@ class WorkingFolder {
     std::string path = testing::TempDir() + "firmwareXXXXXX";
 };
 
+inline auto openFiles() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 using Packets = std::vector<std::unique_ptr<Packet>>;
 using Bytes = std::vector<int>;
 
@@ -67,6 +71,11 @@ inline MessageDispatcher& dispatcher() {
 inline Bytes payload(const Packet& packet) {
     return {packet.getData(), packet.getData() + packet.getLength()};
 }
+inline Bytes typeAndPayload(const Packet& packet) {
+    Bytes bytes = payload(packet);
+    bytes.insert(bytes.begin(), packet.getType());
+    return bytes;
+}
 inline Packets takePackets() {
     Packets packets;
     while (Packet* const packet = dispatcher().getPacketFromSendQueue()) {
@@ -75,13 +84,12 @@ inline Packets takePackets() {
     return packets;
 }
 
-// Type and payload of all packets but the audio.
-inline std::vector<Bytes> reportsIn(const Packets& packets) {
+// Of those that wait; of the audio only if wanted.
+inline std::vector<Bytes> takeReports(bool withAudio = false) {
     std::vector<Bytes> reports;
-    for (const auto& packet : packets) {
-        if (packet->getType() != PACKET_RECORDED_DATA) {
-            reports.push_back(payload(*packet));
-            reports.back().insert(reports.back().begin(), packet->getType());
+    for (const auto& packet : takePackets()) {
+        if (withAudio || packet->getType() != PACKET_RECORDED_DATA) {
+            reports.push_back(typeAndPayload(*packet));
         }
     }
     return reports;
@@ -96,7 +104,7 @@ inline Bytes errorReport(int code, const std::string& text) {
 inline std::vector<unsigned char> settingsTable(unsigned char trigger, unsigned char delay_s,
                                                 unsigned char beep = BEEP_OFF) {
     std::vector<unsigned char> table;
-    for (int channel = 0; channel < 16; ++channel) {
+    while (table.size() < 48) {
         table.insert(table.end(), {beep, trigger, delay_s});
     }
     return table;
