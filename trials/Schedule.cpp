@@ -23,10 +23,8 @@ using namespace trials;
 
 constexpr double kBetweenPasses = 0.15, kInPass = 0.02, kInBoot = 0.0003;  // a call falls there
 constexpr double kStaysAway = 0.003, kFaultsTogether = 0.4;
-constexpr std::uint64_t kResetSettle_us = 100, kPollInterval_us = 100'000;
-constexpr std::uint64_t kPauseBeforeBoot_us = 3'000'000, kPauseAfterBoot_us = 1'000'000;
-constexpr int kQuietPasses = 250, kLastPasses = 310;
-constexpr std::uint64_t kServedIfItWorks = 6;  // in the last passes
+constexpr int kResetSettle_us = 100;
+constexpr int kQuietPasses = 250, kLastPasses = 310, kServedIfItWorks = 6;  // in the last ones
 // Of each kind of fault, up to how late one strikes.
 constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 300, 300, 300, 300, 300};
 static_assert(std::size(kOpportunities) == std::size(cardsim::kFaultDescriptions));
@@ -67,7 +65,8 @@ class Schedule : public cardsim::SimulatedPc {
         events.clear();
         isOpen = isBooting = true;
         manager.bootload();
-        judgeBoot();
+        judge(kAfterBoot_us);
+        judge(kPoll_us);  // as after every further boot
         try {
             manager.readWriteDSPs();
         } catch (const cardsim::PowerOff&) {
@@ -77,11 +76,6 @@ class Schedule : public cardsim::SimulatedPc {
                     report().cards[0].faults + report().cards[1].faults,
                     report().timeline ^ report().portAccesses);
     }
-    std::string where() const {
-        return "seed " + std::to_string(seed) + ": pass " + std::to_string(host.passes) +
-               ", card " + std::to_string(host.slot);
-    }
-
     std::uint32_t in(std::uint16_t port, int bytes) override {
         Event& event = note(kRead, port);
         act();
@@ -94,15 +88,11 @@ class Schedule : public cardsim::SimulatedPc {
         SimulatedPc::out(port, bytes, value);
     }
     bool sleep(std::uint64_t microseconds) override {
-        if (microseconds == kPauseAfterBoot_us) {
-            judgeBoot();
-        } else if (microseconds != kResetSettle_us) {
-            note(kSleep, static_cast<long>(microseconds));
-            host.judgePass(std::exchange(events, {}), MonitorBuffer::getInstance().isEmpty());
-            isBooting = microseconds == kPauseBeforeBoot_us;
+        if (microseconds != kResetSettle_us) {
+            judge(static_cast<int>(microseconds));
         }
         SimulatedPc::sleep(microseconds);
-        if (microseconds == kPollInterval_us) {
+        if (microseconds == kPoll_us) {
             now() < end_us ? beClient() : beQuiet();
         }
         return true;
@@ -134,17 +124,22 @@ class Schedule : public cardsim::SimulatedPc {
         act();
     }
 
+    const std::uint64_t seed;
+    ReferenceHost host{{0, 0}};
+
   private:
     Event& note(const char* kind, long number) {
         return events.emplace_back(Event{kind + std::to_string(number)});
     }
-    void judgeBoot() {
+    void judge(int sleep_us) {
         const auto spoilsBoots = [](const Fault& fault) {
             return fault.kind <= FaultKind::kDeadAfterBoot;
         };
-        host.judgeBoot(std::exchange(events, {}),
-                       std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots));
-        isBooting = false;
+        note(kSleep, sleep_us);
+        host.judge(std::exchange(events, {}),
+                   std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots),
+                   MonitorBuffer::getInstance().isEmpty());
+        isBooting = sleep_us == kBeforeBoot_us;
     }
 
     // A moment at which a call of the client may fall.
@@ -261,11 +256,9 @@ class Schedule : public cardsim::SimulatedPc {
         }
     }
 
-    const std::uint64_t seed;
     cardsim::Random random;
     const Options plan;
     JavaVm vm;
-    ReferenceHost host{{0, 0}};
     Events events;              // since the last sleep began
     std::deque<Bytes> packets;  // that wait for the client: type and payload
     std::uint64_t end_us = 0, away = 0, callsInside = 0;
@@ -279,8 +272,8 @@ Schedule* schedule = nullptr;
 }  // namespace
 
 void trials::deviate(const std::string& what, const std::string& due, const std::string& got) {
-    std::printf("FOUND %s, %s: expected %s, got %s\n", schedule->where().c_str(), what.c_str(),
-                due.c_str(), got.c_str());
+    std::printf("FOUND seed %lu, pass %lu, card %d, %s: expected %s, got %s\n", schedule->seed,
+                schedule->host.passes, schedule->host.slot, what.c_str(), due.c_str(), got.c_str());
     std::fflush(stdout);
     std::_Exit(1);
 }
