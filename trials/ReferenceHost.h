@@ -33,7 +33,14 @@ constexpr char kRead[] = "read of port ", kRelease[] = "release by port ",
                kPacket[] = "packet of type ",
                kFeed[] = "monitor buffer gets bytes: ", kSleep[] = "sleep of microseconds: ";
 
-constexpr int kPoll_us = 100'000, kBeforeBoot_us = 3'000'000, kAfterBoot_us = 1'000'000;  // sleeps
+inline unsigned char byteOf(int value, int number = 0) {
+    return static_cast<unsigned char>(value >> 8 * number);
+}
+inline void append(Bytes& bytes, const std::vector<int>& words) {
+    for (const int word : words) {
+        bytes.insert(bytes.end(), {byteOf(word), byteOf(word, 1)});
+    }
+}
 
 // Says what was found, and ends the process.
 [[noreturn]] void deviate(const std::string& what, const std::string& due, const std::string& got);
@@ -57,25 +64,41 @@ class ReferenceHost {
         }
     }
 
-    // The driver has come to a sleep of its cycle. mayFail: the boot of a card, after which those
-    // of further cards are left out.
-    void judge(const Events& newEvents, bool mayFail, bool ringIsEmpty) {
-        events = newEvents;
-        if (slept_us == kBeforeBoot_us) {
-            judgeBoot(mayFail);
-        }
+    // The driver has booted the cards: all, or perhaps only those before one that failed.
+    void judgeBoot(const Events& bootEvents, bool mayFail) {
+        events = bootEvents;
+        const auto isAccess = [](const Event& event) { return event.name.find("port") < 20; };
+        events.erase(std::remove_if(events.begin(), events.end(), isAccess), events.end());
         hearClient();
-        if (slept_us == kPoll_us) {
-            judgePass();
+        for (Board& board : boards) {
+            if (!mayFail || events.size() > 1) {
+                fillWithSilence(board.playback);
+                store(board, 0, false);
+                store(board, 1, false);
+            }
         }
-        slept_us = slept_us == kBeforeBoot_us    ? kAfterBoot_us
-                   : lockUps > kToleratedLockUps ? kBeforeBoot_us
-                                                 : kPoll_us;
-        next(kSleep, slept_us);
-        if (!events.empty()) {
-            deviate("event", "nothing", events.front().name);
+        next(kSleep, 1'000'000);
+        isPausing = passes > 0;
+        lockUps = 0;
+    }
+    // The driver has gone through a pass of its cycle; the first after a further boot is empty.
+    void judgePass(const Events& passEvents, bool ringIsEmpty) {
+        events = passEvents;
+        hearClient();
+        int buffer = std::exchange(isPausing, false) ? 0 : -1;
+        for (std::size_t i = 0; i < boards.size() && buffer < 0; ++i) {
+            buffer = findHandedOver(boards[i]);
+            if (buffer >= 0) {
+                if (++warmUp > kWarmUpBuffers) {
+                    exchange(boards[i], buffer);
+                }
+                next(kRead, boards[i].statusPort(buffer));
+                next(kRelease, boards[i].statusPort(buffer));
+            }
         }
+        next(kSleep, lockUps > kToleratedLockUps ? 3'000'000 : 100'000);
         compare("monitor buffer is empty", {ring.empty()}, {ringIsEmpty});
+        ++passes;
     }
 
     // What the client does.
@@ -104,9 +127,9 @@ class ReferenceHost {
         recording = on;
     }
 
-    // Commands wait for the next exchange of a card.
+    // That wait for the next exchange of a card.
     bool hasCommands(int card) const {
-        return card == 0 ? !commands.empty() : boards[card].pending.type != 0;
+        return !(card == 0 ? commands : boards[card].pending).empty();
     }
     // The command block that a card got last.
     const Bytes& settings(int card) const { return boards[card].settings; }
@@ -127,7 +150,7 @@ class ReferenceHost {
         unsigned counter = 0;
         bool followsHook[8] = {}, triggered[8] = {};
         Bytes settings = {}, playback = {};
-        Command pending = {};  // for the next exchange
+        std::deque<Command> pending = {};  // for the next exchange: one or none
 
         bool isFour() const { return channels == 4; }
         int statusPort(int buffer) const { return 0x302 + 0x10 * slot + 2 * buffer; }
@@ -160,33 +183,6 @@ class ReferenceHost {
         for (; !events.empty() && events.front().call; events.pop_front()) {
             events.front().call();
         }
-    }
-    void judgeBoot(bool mayFail) {
-        const auto isAccess = [](const Event& event) { return event.name.find("port") < 20; };
-        events.erase(std::remove_if(events.begin(), events.end(), isAccess), events.end());
-        hearClient();
-        for (Board& board : boards) {
-            if (!mayFail || events.size() > 1) {
-                fillWithSilence(board.playback);
-                store(board, 0, false);
-                store(board, 1, false);
-            }
-        }
-        lockUps = 0;
-    }
-    void judgePass() {
-        int buffer = -1;
-        for (std::size_t i = 0; i < boards.size() && buffer < 0; ++i) {
-            buffer = findHandedOver(boards[i]);
-            if (buffer >= 0) {
-                if (++warmUp > kWarmUpBuffers) {
-                    exchange(boards[i], buffer);
-                }
-                next(kRead, boards[i].statusPort(buffer));
-                next(kRelease, boards[i].statusPort(buffer));
-            }
-        }
-        ++passes;
     }
     int findHandedOver(const Board& board) {
         const bool isFirst = (next(kRead, board.statusPort(0)).value & 1) != 0;
@@ -233,14 +229,17 @@ class ReferenceHost {
         ++exchanges;
     }
     Command takeCommand(Board& board) {
-        if (board.slot == 0 && ring.empty() && !commands.empty()) {
-            board.pending = commands.front();
-            commands.pop_front();
-            if (board.pending.type == kSettings) {
-                boards.back().pending = board.pending;
-            }
+        const bool isFirst = board.slot == 0;
+        std::deque<Command>& waiting = isFirst ? commands : board.pending;
+        if (waiting.empty() || (isFirst && !ring.empty())) {
+            return {};
         }
-        return std::exchange(board.pending, {});
+        const Command command = waiting.front();
+        waiting.pop_front();
+        if (isFirst && command.type == kSettings) {
+            boards.back().pending = {command};
+        }
+        return command;
     }
 
     void reportTriggers(Board& board, const Bytes& copy) {
@@ -248,8 +247,7 @@ class ReferenceHost {
             const bool isLoud = board.field(copy, port, layout::kLevel, 2)[1] > 127;
             const bool state = board.followsHook[port] ? isOffHook(board, port) : isLoud;
             if (std::exchange(board.triggered[port], state) != state) {
-                const int channel = board.firstChannel + port;
-                report(1, {static_cast<unsigned char>(state), static_cast<unsigned char>(channel)});
+                report(1, {state, byteOf(board.firstChannel + port)});
             }
         }
     }
@@ -274,14 +272,12 @@ class ReferenceHost {
         }
     }
     void reportText(int type, int channelOrCode, const std::string& text) {
-        Bytes due = {static_cast<unsigned char>(channelOrCode),
-                     static_cast<unsigned char>(text.size())};
+        Bytes due = {byteOf(channelOrCode), byteOf(static_cast<int>(text.size()))};
         due.insert(due.end(), text.begin(), text.end());
         report(type, due);
     }
     void reportAudio(const Board& board, const Bytes& copy) {
-        Bytes due = {static_cast<unsigned char>(board.channels),
-                     static_cast<unsigned char>(board.firstChannel)};
+        Bytes due = {byteOf(board.channels), byteOf(board.firstChannel)};
         for (int port = 0; port < board.channels; ++port) {
             const Bytes audio = board.audio(copy, port);
             due.insert(due.end(), audio.begin(), audio.end());
@@ -311,10 +307,7 @@ class ReferenceHost {
             const unsigned char* const entry = &table[3 * (board.firstChannel + port)];
             const int level = kLevels[board.isFour() ? 0 : 1][std::min<int>(entry[1], 8)];
             const int delay_ms = std::min<int>(entry[2], 65) * 1000 + (odd ? 1 : 0);
-            for (const int word : {int{entry[0]}, level, delay_ms}) {
-                board.settings.push_back(static_cast<unsigned char>(word & 0xFF));
-                board.settings.push_back(static_cast<unsigned char>(word >> 8));
-            }
+            append(board.settings, {entry[0], level, delay_ms});
             board.followsHook[port] = entry[1] == 1;
         }
         board.settings.resize(board.settings.size() + 6);
@@ -330,10 +323,10 @@ class ReferenceHost {
         ring.erase(ring.begin(), ring.begin() + count);
     }
     static void fillWithSilence(Bytes& audio) {
-        static constexpr int kSilence[] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
-                                           0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
-        for (std::size_t i = 0; i < audio.size(); ++i) {
-            audio[i] = static_cast<unsigned char>(kSilence[i / 2 % 10] >> i % 2 * 8);
+        const std::size_t count = audio.size();
+        for (audio.clear(); audio.size() < count;) {
+            append(audio, {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200, 0x07D6, 0x0280, 0x03EB, 0x0800,
+                           0x1F58});
         }
     }
     void store(const Board& board, int buffer, bool hasSettings) {
@@ -348,10 +341,9 @@ class ReferenceHost {
     std::deque<Command> commands;
     Bytes ring;
     bool wasSwitchedOff = false;  // in this exchange: what it leaves in the ring goes at its end
-    bool playing = false, recording = false;
+    bool playing = false, recording = false, isPausing = false;  // pausing: after a further boot
     bool oddSettings[2] = {};  // of four- and of eight-channel cards
     int monitored = -1, warmUp = 0, lockUps = 0;
-    int slept_us = kBeforeBoot_us;
     Events events;  // to come
 };
 
