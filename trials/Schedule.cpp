@@ -23,10 +23,8 @@ using namespace trials;
 
 constexpr double kBetweenPasses = 0.15, kInPass = 0.02, kInBoot = 0.0003;  // a call falls there
 constexpr double kStaysAway = 0.003, kFaultsTogether = 0.4;
-constexpr std::uint64_t kResetSettle_us = 100, kPollInterval_us = 100'000;
-constexpr std::uint64_t kPauseBeforeBoot_us = 3'000'000, kPauseAfterBoot_us = 1'000'000;
-constexpr int kQuietPasses = 250, kLastPasses = 310;
-constexpr std::uint64_t kServedIfItWorks = 6;  // in the last passes
+constexpr int kResetSettle_us = 100, kPoll_us = 100'000, kAfterBoot_us = 1'000'000;  // sleeps
+constexpr int kQuietPasses = 250, kLastPasses = 310, kServedIfItWorks = 6;  // in the last ones
 // Of each kind of fault, up to how late one strikes.
 constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 300, 300, 300, 300, 300};
 static_assert(std::size(kOpportunities) == std::size(cardsim::kFaultDescriptions));
@@ -67,7 +65,7 @@ class Schedule : public cardsim::SimulatedPc {
         events.clear();
         isOpen = isBooting = true;
         manager.bootload();
-        judgeBoot();
+        judge(kAfterBoot_us);
         try {
             manager.readWriteDSPs();
         } catch (const cardsim::PowerOff&) {
@@ -77,13 +75,10 @@ class Schedule : public cardsim::SimulatedPc {
                     report().cards[0].faults + report().cards[1].faults,
                     report().timeline ^ report().portAccesses);
     }
-    std::string where() const {
-        return "seed " + std::to_string(seed) + ": pass " + std::to_string(host.passes);
-    }
-
     std::uint32_t in(std::uint16_t port, int bytes) override {
         Event& event = note(kRead, port);
         act();
+        SimulatedPc::sleep(isBooting ? 100 : 0);  // a slower host finds out no later
         return event.value = SimulatedPc::in(port, bytes);
     }
     void out(std::uint16_t port, int bytes, std::uint32_t value) override {
@@ -92,15 +87,11 @@ class Schedule : public cardsim::SimulatedPc {
         SimulatedPc::out(port, bytes, value);
     }
     bool sleep(std::uint64_t microseconds) override {
-        if (microseconds == kPauseAfterBoot_us) {
-            judgeBoot();
-        } else if (microseconds != kResetSettle_us) {
-            note(kSleep, static_cast<long>(microseconds));
-            host.judgePass(std::exchange(events, {}), MonitorBuffer::getInstance().isEmpty());
-            isBooting = microseconds == kPauseBeforeBoot_us;
+        if (microseconds != kResetSettle_us) {
+            judge(static_cast<int>(microseconds));
         }
         SimulatedPc::sleep(microseconds);
-        if (microseconds == kPollInterval_us) {
+        if (microseconds == kPoll_us) {
             now() < end_us ? beClient() : beQuiet();
         }
         return true;
@@ -109,7 +100,7 @@ class Schedule : public cardsim::SimulatedPc {
     template <class Move>
     void move(const char* kind, const void* address, int words, const Move& part) {
         const auto* const start = static_cast<const unsigned char*>(address);
-        const auto first = static_cast<int>(random.between(0, static_cast<unsigned>(words)));
+        const int first = pick(static_cast<std::uint64_t>(words));
         Event& event =
             note(kind, static_cast<const char*>(address) - BoardMgr::getInstance().getDSPMemory());
         part(0, first);
@@ -125,24 +116,32 @@ class Schedule : public cardsim::SimulatedPc {
     void queue(const Packet& packet, const Queue& queuePacket) {
         const Bytes payload(packet.getData(), packet.getData() + packet.getLength());
         note(kPacket, packet.getType()).bytes = payload;
-        act();
+        packets.push_back({byteOf(packet.getType())});
+        packets.back().insert(packets.back().end(), payload.begin(), payload.end());
         queuePacket();
-        packets.push_back(payload);
-        packets.back().insert(packets.back().begin(), static_cast<unsigned char>(packet.getType()));
         act();
     }
+
+    const std::uint64_t seed;
+    ReferenceHost host{{0, 0}};
 
   private:
     Event& note(const char* kind, long number) {
         return events.emplace_back(Event{kind + std::to_string(number)});
     }
-    void judgeBoot() {
+    void judge(int sleep_us) {
         const auto spoilsBoots = [](const Fault& fault) {
             return fault.kind <= FaultKind::kDeadAfterBoot;
         };
-        host.judgeBoot(std::exchange(events, {}),
-                       std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots));
-        isBooting = false;
+        note(kSleep, sleep_us);
+        if (sleep_us == kAfterBoot_us) {
+            host.judgeBoot(events,
+                           std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots));
+        } else {
+            host.judgePass(events, MonitorBuffer::getInstance().isEmpty());
+        }
+        isBooting = sleep_us > kAfterBoot_us;
+        events.clear();
     }
 
     // A moment at which a call of the client may fall.
@@ -157,17 +156,17 @@ class Schedule : public cardsim::SimulatedPc {
             [this] { sendSettings(); },
             [this] {
                 for (std::uint64_t left = random.between(1, 12); left > 0; --left) {
-                    send(PACKET_PLAYBACK_DATA, makeBytes(random.between(0, 700), {255}));
+                    send(PACKET_PLAYBACK_DATA, random.between(0, 700), {255});
                 }
             },
-            [this] { setPlayback(random.chance(0.6)); },
-            [this] { setMonitoring(static_cast<int>(random.between(0, 16))); },
-            [this] { setMonitoring(-1); },
-            [this] { setRecording(random.chance(0.8)); },
+            [this] { tell([on = random.chance(0.6)](auto& to) { to.setPlayback(on); }); },
+            [this] { tell([line = pick(16)](auto& to) { to.setMonitoring(line); }); },
+            [this] { tell([](auto& to) { to.setMonitoring(-1); }); },
+            [this] { tell([on = random.chance(0.8)](auto& to) { to.setRecording(on); }); },
             [this] { takePackets(random.between(0, 3)); },
         };
         isCalling = true;
-        calls[random.between(0, std::size(calls) - 1)]();
+        calls[pick(std::size(calls) - 1)]();
         isCalling = false;
     }
     // After a pass.
@@ -184,9 +183,11 @@ class Schedule : public cardsim::SimulatedPc {
         isOpen = false;
         takePackets(packets.size() + 1);
         if (++quietPasses == 1) {
-            setPlayback(false);
-            setMonitoring(-1);
-            setRecording(false);
+            tell([](auto& to) {
+                to.setPlayback(false);
+                to.setMonitoring(-1);
+                to.setRecording(false);
+            });
         } else if (quietPasses == kQuietPasses) {
             served = {report().cards[0].served, report().cards[1].served};
             sendSettings();
@@ -205,44 +206,33 @@ class Schedule : public cardsim::SimulatedPc {
         Bytes set = {2, 0, 0, 0};
         for (int port = 0; port < plan.channels[slot]; ++port) {
             const cardsim::Line::Settings& settings = line(slot, port).settings();
-            for (const int word : {settings.beep, settings.trigger, settings.delay_ms}) {
-                set.push_back(static_cast<unsigned char>(word & 0xFF));
-                set.push_back(static_cast<unsigned char>(word >> 8));
-            }
+            append(set, {settings.beep, settings.trigger, settings.delay_ms});
         }
         set.resize(set.size() + 6);
         compare("settings of card " + std::to_string(slot), host.settings(slot), set);
-        compare("commands that wait for it", {0}, {host.hasCommands(slot)});
+        if (host.hasCommands(slot)) {
+            deviate("commands for card " + std::to_string(slot), "taken", "waiting");
+        }
     }
 
-    // Each of them up to what its place in the pattern says.
-    Bytes makeBytes(std::uint64_t count, const std::vector<std::uint64_t>& most) {
+    int pick(std::uint64_t most) { return static_cast<int>(random.between(0, most)); }
+    // Each byte up to what its place in the pattern says.
+    void send(int type, std::uint64_t count, const std::vector<std::uint64_t>& most) {
         Bytes bytes;
         while (bytes.size() < count) {
-            const std::uint64_t byte = random.between(0, most[bytes.size() % most.size()]);
-            bytes.push_back(static_cast<unsigned char>(byte));
+            bytes.push_back(byteOf(pick(most[bytes.size() % most.size()])));
         }
-        return bytes;
+        tell([=](auto& to) { to.send(type, bytes); });
     }
     void sendSettings() {
-        const std::uint64_t count = random.chance(0.8) ? 48 : random.between(0, 60);
-        send(PACKET_LINE_SETTINGS, makeBytes(count, {3, 8, 70}));
+        send(PACKET_LINE_SETTINGS, random.chance(0.8) ? 48 : random.between(0, 60), {3, 8, 70});
     }
 
     // The driver hears it now, the reference host when it comes to this event.
-    template <class... Arguments>
-    void tell(void (JavaVm::*driver)(Arguments...), void (ReferenceHost::*reference)(Arguments...),
-              Arguments... arguments) {
-        (vm.*driver)(arguments...);
-        events.emplace_back(Event{"call"}).call = [=] { (host.*reference)(arguments...); };
-    }
-    void send(int type, const Bytes& bytes) {
-        tell(&JavaVm::send, &ReferenceHost::send, type, bytes);
-    }
-    void setPlayback(bool on) { tell(&JavaVm::setPlayback, &ReferenceHost::setPlayback, on); }
-    void setRecording(bool on) { tell(&JavaVm::setRecording, &ReferenceHost::setRecording, on); }
-    void setMonitoring(int channel) {
-        tell(&JavaVm::setMonitoring, &ReferenceHost::setMonitoring, channel);
+    template <class Call>
+    void tell(const Call& what) {
+        what(vm);
+        events.emplace_back(Event{"call"}).call = [this, what] { what(host); };
     }
     // Up to so many, and no more than there are.
     void takePackets(std::uint64_t atMost) {
@@ -259,11 +249,9 @@ class Schedule : public cardsim::SimulatedPc {
         }
     }
 
-    const std::uint64_t seed;
     cardsim::Random random;
     const Options plan;
     JavaVm vm;
-    ReferenceHost host{{0, 0}};
     Events events;              // since the last sleep began
     std::deque<Bytes> packets;  // that wait for the client: type and payload
     std::uint64_t end_us = 0, away = 0, callsInside = 0;
@@ -277,8 +265,8 @@ Schedule* schedule = nullptr;
 }  // namespace
 
 void trials::deviate(const std::string& what, const std::string& due, const std::string& got) {
-    std::printf("FOUND %s, %s: expected %s, got %s\n", schedule->where().c_str(), what.c_str(),
-                due.c_str(), got.c_str());
+    std::printf("FOUND seed %lu, pass %lu, card %d, %s: expected %s, got %s\n", schedule->seed,
+                schedule->host.passes, schedule->host.slot, what.c_str(), due.c_str(), got.c_str());
     std::fflush(stdout);
     std::_Exit(1);
 }
