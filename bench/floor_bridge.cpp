@@ -1,5 +1,5 @@
-// The native methods of the class Floor: what getPacket is measured against, and the feed. Built
-// into one library with the driver's own native methods, so that both reach the same queue.
+// The native methods of the class GetPacketBench: what getPacket is measured against, and the feed.
+// Built into one library with the driver's own native methods, so that both reach the same queue.
 #include <jni.h>
 
 #include "javaint/MessageDispatcher.h"
@@ -13,21 +13,10 @@ const jbyte bytes[4096] = {};
 
 extern "C" {
 
-JNIEXPORT jbyteArray JNICALL Java_com_zivolt_hardware_dsp_bench_Floor_nothing(JNIEnv*, jclass) {
-    return nullptr;
-}
-
-JNIEXPORT jbyteArray JNICALL Java_com_zivolt_hardware_dsp_bench_Floor_filledArray(JNIEnv* env,
-                                                                                  jclass,
-                                                                                  jint length) {
-    const jbyteArray array = env->NewByteArray(length);
-    env->SetByteArrayRegion(array, 0, length, bytes);
-    return array;
-}
-
-JNIEXPORT jbyteArray JNICALL Java_com_zivolt_hardware_dsp_bench_Floor_framedArray(JNIEnv* env,
-                                                                                  jclass,
-                                                                                  jint length) {
+// The calls into the VM that a frame takes, and nothing else.
+JNIEXPORT jbyteArray JNICALL Java_com_zivolt_hardware_dsp_bench_GetPacketBench_floor(JNIEnv* env,
+                                                                                     jclass,
+                                                                                     jint length) {
     const jbyteArray array = env->NewByteArray(length);
     for (jsize i = 0; i < kHeaderLength; ++i) {
         env->SetByteArrayRegion(array, i, 1, &bytes[i]);
@@ -36,8 +25,8 @@ JNIEXPORT jbyteArray JNICALL Java_com_zivolt_hardware_dsp_bench_Floor_framedArra
     return array;
 }
 
-JNIEXPORT void JNICALL Java_com_zivolt_hardware_dsp_bench_Floor_queueAudio(JNIEnv*, jclass,
-                                                                           jint packets) {
+JNIEXPORT void JNICALL Java_com_zivolt_hardware_dsp_bench_GetPacketBench_queueAudio(JNIEnv*, jclass,
+                                                                                    jint packets) {
     for (jint i = 0; i < packets; ++i) {
         MessageDispatcher::getInstance().addPacketToSendQueue(new RecordedDataPacket(true, 0));
     }

@@ -3,13 +3,15 @@
 #include <pasync.h>
 
 #include <iostream>
-#include <mutex>
+#include <string>
 
 #include "CardMemory.h"
 #include "ConsoleLine.h"
 #include "DSPBoardEightChannel.h"
 #include "DSPBoardFourChannel.h"
 #include "DSPDetect.h"
+#include "ErrorReport.h"
+#include "MadeOnce.h"
 #include "MonitorBuffer.h"
 #include "javaint/MessageDispatcher.h"
 
@@ -26,9 +28,7 @@ constexpr unsigned kPauseAfterReboot_ms = 1000;
 BoardMgr* BoardMgr::pInstance = nullptr;
 
 BoardMgr& BoardMgr::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { pInstance = new BoardMgr; });
-    return *pInstance;
+    return madeOnce(pInstance, [] { return new BoardMgr; });
 }
 
 BoardMgr::BoardMgr() {
@@ -47,10 +47,13 @@ void BoardMgr::setUpCards() {
     hardware.allowPortAccess();
     dspCardsMem = static_cast<char*>(hardware.mapMemory(kCardMemBase, kCardMemLength));
 
-    DSPDetect detector;
-    int channelsBoard0 = -1;
-    int channelsBoard1 = -1;
-    numBoards = detector.detectBoards(channelsBoard0, channelsBoard1, dspCardsMem);
+    int channelsBoard0 = DSPDetect::kAbsent;
+    int channelsBoard1 = DSPDetect::kAbsent;
+    const bool mayTouchPorts = hardware.getFailure() != DirectIO::Failure::kMemoryInUse;
+    if (mayTouchPorts) {
+        DSPDetect detector;
+        numBoards = detector.detectBoards(channelsBoard0, channelsBoard1, dspCardsMem);
+    }
     ConsoleLine(std::cerr) << "Detected " << numBoards << " boards";
     ConsoleLine(std::cerr) << "Board0 has " << channelsBoard0 << " channels";
     ConsoleLine(std::cerr) << "Board1 has " << channelsBoard1 << " channels";
@@ -58,7 +61,9 @@ void BoardMgr::setUpCards() {
     if (dspCardsMem == nullptr) {
         // A board without its memory could only crash; the client hears why there is none.
         numBoards = 0;
-        DSPBoard::error(ERROR_MEMORY_NOT_MAPPED, "Card memory not mapped");
+        const std::string reason =
+            mayTouchPorts ? "Card memory not mapped" : "Cards in use by " + hardware.getHolder();
+        reportError(ERROR_MEMORY_NOT_MAPPED, reason.c_str());
     }
     makeBoards(channelsBoard0, channelsBoard1);
 }
@@ -68,7 +73,8 @@ void BoardMgr::makeBoards(int channelsBoard0, int channelsBoard1) {
         boards[0] = makeBoard(0, channelsBoard0, 0);
     }
     if (numBoards > 1) {
-        // Card 0 may have answered in the second test only: then its lines were not counted.
+        // The lines of card 0 may not have been counted: it answered in its second test only (-2),
+        // or its status could not be read (0). Those of card 1 follow the lines of its board.
         boards[1] = makeBoard(1, channelsBoard1, boards[0]->getNumChannels());
     }
 }
@@ -126,11 +132,16 @@ void BoardMgr::startRecording() {
     for (int i = 0; i < numBoards; ++i) {
         boards[i]->clearTriggers();
     }
-    recording.store(true, std::memory_order_relaxed);
+    switchRecording(true);
 }
 
 void BoardMgr::stopRecording() {
-    recording.store(false, std::memory_order_relaxed);
+    switchRecording(false);
+}
+
+void BoardMgr::switchRecording(bool on) {
+    recording.store(on, std::memory_order_relaxed);
+    DSPBoard::setRecording(on);
 }
 
 bool BoardMgr::getLockedBuffer(int& board, int& buffer) const {
@@ -181,9 +192,14 @@ void BoardMgr::releaseFirstBuffers() {
 }
 
 bool BoardMgr::exchangeBuffer(int board, int buffer) {
+    MonitorBuffer& monitorBuffer = MonitorBuffer::getInstance();
+    const unsigned clearsBefore = monitorBuffer.getClears();
     std::unique_ptr<Packet> command = getNextCommand(board);
     DSPBoard* const dspBoard = getBoard(board);
     dspBoard->doReadWrite(buffer, command.get());
+    // Audio of a client or line that was switched off meanwhile would never be played, and hold
+    // back all commands.
+    monitorBuffer.clearAgainSince(clearsBefore);
     const bool lockedUp = dspBoard->isLockedUp();
     dspBoard->setLockedUp(false);
     command.reset();

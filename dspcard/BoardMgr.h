@@ -3,7 +3,7 @@
 //
 // Made by the first getInstance, in normal operation on the thread that then drives the cards and
 // so needs the port permission that the set-up obtains; where another thread made it, the driving
-// thread gets permission of its own (DirectIO::ensurePortAccess). It alone calls bootload and
+// thread gets permission of its own (DirectIO::askForPortAccessOnce). It alone calls bootload and
 // readWriteDSPs. The client's threads may switch recording, monitoring and playback and ask for
 // boards at any time; what they switch takes effect at the next exchange. Boards, their number and
 // their kinds never change. Card 0 is also the playback board.
@@ -63,12 +63,14 @@ class BoardMgr {
   private:
     BoardMgr();
 
+    // Nothing calls them: the runner thread has its own.
     virtual void execute();
     virtual void cleanup();
 
     void setUpCards();
     void makeBoards(int channelsBoard0, int channelsBoard1);
     std::unique_ptr<DSPBoard> makeBoard(int boardNumber, int channels, int firstChannel) const;
+    void switchRecording(bool on);
     void releaseFirstBuffers();
     // Whether the board was found locked up.
     bool exchangeBuffer(int board, int buffer);
@@ -82,7 +84,7 @@ class BoardMgr {
     std::unique_ptr<DSPBoard> boards[kMaxBoards];
     std::unique_ptr<Packet> pendingCommand[kMaxBoards];  // waits for the board's next exchange
     int numBoards = 0;
-    DirectIO directIO;
+    DirectIO directIO;  // nothing uses it: the set-up goes through the singleton
     char* dspCardsMem = nullptr;
     std::atomic<bool> recording{false};
 };

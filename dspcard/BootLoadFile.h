@@ -16,14 +16,26 @@ class BootLoadFile {
     static constexpr int kMaxFileNameLength = 31;
     static constexpr int kMaxCommentLength = 15;
 
+    // One token, and whether it was longer than what is kept of it.
+    template <int MAX_LENGTH>
+    struct Token {
+        char text[MAX_LENGTH + 1] = {};
+        int length = 0;
+        bool tooLong = false;
+
+        // False when the file ends before the token begins.
+        bool read(std::istream& file);
+    };
+
     struct Record {
-        unsigned long address;                    // 20 bits
-        int size;                                 // words, 0 to 0xFFFF
-        char addressToken[kMaxNumberLength + 2];  // with "0x" in place of its first character
-        char sectionFileName[kMaxFileNameLength + 1];
-        char droppedFromAddress;  // their first characters
-        char droppedFromSize;
-        std::string problem;  // what is wrong with the record; empty when nothing is
+        Token<kMaxNumberLength> addressToken;
+        Token<kMaxNumberLength> sizeToken;
+        Token<kMaxFileNameLength> sectionFile;
+        Token<kMaxCommentLength> comment;
+        // What they mean; only a record that is valid has both.
+        unsigned long address = 0;  // 20 bits
+        unsigned long size = 0;     // words, 0 to 0xFFFF
+        std::string problem;        // what is wrong with the record; empty when nothing is
 
         bool isValid() const { return problem.empty(); }
     };

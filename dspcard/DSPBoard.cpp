@@ -6,6 +6,8 @@
 
 #include "CardPorts.h"
 #include "ConsoleLine.h"
+#include "ErrorReport.h"
+#include "TriggerLevels.h"
 #include "javaint/MessageDispatcher.h"
 
 namespace {
@@ -22,6 +24,8 @@ bool isHandedOver(int buffer) {
 }
 
 }  // namespace
+
+std::atomic<bool> DSPBoard::recording{false};
 
 DSPBoard::DSPBoard(int bNumber, unsigned short nChannels, char* bAddress, int fChannel)
     : numChannels(nChannels),
@@ -47,21 +51,7 @@ bool DSPBoard::readVOXTrigger(int) {
 }
 
 std::uint16_t DSPBoard::getTriggerLevel(TriggerType tType) {
-    static constexpr TriggerLevels kLevels = {
-        0xFF01,  // TS_NEVER
-        0xFF02,  // TS_OFF_HOOK
-        0x04FF,  // TS_VOX_1
-        0x089F,  // TS_VOX_2
-        0x0C9F,  // TS_VOX_3
-        0x115F,  // TS_VOX_4
-        0x155E,  // TS_VOX_5
-        0x1C20,  // TS_VOX_6
-    };
-    return levelIn(kLevels, tType);
-}
-
-std::uint16_t DSPBoard::levelIn(const TriggerLevels& levels, TriggerType tType) {
-    return tType < levels.size() ? levels[tType] : std::uint16_t{0};
+    return triggerLevel(tType, &TriggerLevels::fourChannel);
 }
 
 bool DSPBoard::bootload() {
@@ -78,6 +68,10 @@ void DSPBoard::setOutputMonitoring(bool monitoring) {
 
 void DSPBoard::setEnablePlayback(bool playback) {
     playbackEnabled.store(playback, std::memory_order_relaxed);
+}
+
+void DSPBoard::setRecording(bool on) {
+    recording.store(on, std::memory_order_relaxed);
 }
 
 void DSPBoard::enableDebug(bool debug) {
@@ -135,8 +129,7 @@ void DSPBoard::clearTriggers() {
 }
 
 void DSPBoard::error(int code, const char* description) {
-    ConsoleLine(std::cerr) << "ERROR! " << description;
-    MessageDispatcher::getInstance().addPacketToSendQueue(new ErrorPacket(code, description));
+    reportError(code, description);
 }
 
 std::uint16_t DSPBoard::readLineStatus(int k) const {

@@ -10,7 +10,6 @@
 // A transfer buffer is named by its global number: 2 x board number + buffer within the card.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -50,8 +49,11 @@ class DSPBoard {
     void setOutputMonitoring(bool monitoring);
     void setEnablePlayback(bool playback);
     void enableDebug(bool debug);
+    // One switch for all cards: while it is on, exchanges report triggers, digits and callers.
+    static void setRecording(bool on);
 
     bool channelOnThisBoard(int channel) const;
+    // For diagnosis, like printDebugBuffer of a four-channel card: the cycle needs neither.
     bool bufferOnThisBoard(int bufferNumber) const;
     // The global number of a buffer that the DSP has handed over, the lower one first, or -1.
     int getLockedBuffer() const;
@@ -73,10 +75,7 @@ class DSPBoard {
     static constexpr std::uint16_t silence[10] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
                                                   0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
 
-    // Level words by TriggerType.
-    using TriggerLevels = std::array<std::uint16_t, 8>;
-    static std::uint16_t levelIn(const TriggerLevels& levels, TriggerType tType);
-
+    static bool isRecording() { return recording.load(std::memory_order_relaxed); }
     // Line-status word k of the card, 0 to 3.
     std::uint16_t readLineStatus(int k) const;
 
@@ -89,11 +88,14 @@ class DSPBoard {
     std::atomic<int> monitoringChannel{kNoChannel};
     std::uint32_t transferCounter = 0;  // of the last buffer exchanged; 0 until the first
     std::atomic<bool> playbackEnabled{false};
-    Packet* pendingCommand = nullptr;
+    Packet* pendingCommand = nullptr;  // nothing uses it: commands wait in the board manager
     std::atomic<bool> debugEnabled{false};
     bool lockedUp = false;
-    std::atomic<bool> outputMonitoring{false};
+    std::atomic<bool> outputMonitoring{false};    // kept for card 0; no exchange reads it
     std::atomic<bool> triggered[kMaxPorts] = {};  // as last reported to the client
     bool offHookTrigger[kMaxPorts] = {};          // the trigger follows the hook, not the voice
     bool initialLineSettingsReceived = false;     // no trigger is reported before
+
+  private:
+    static std::atomic<bool> recording;
 };

@@ -1,5 +1,11 @@
 #include "DSPBoardEightChannel.h"
 
+#include <iostream>
+
+#include "ConsoleLine.h"
+#include "MonitorBuffer.h"
+#include "TriggerLevels.h"
+
 namespace {
 
 constexpr std::uint16_t kEvenOffHook = 0x0004;
@@ -14,17 +20,7 @@ bool DSPBoardEightChannel::readOffHook(int channel) {
 }
 
 std::uint16_t DSPBoardEightChannel::getTriggerLevel(TriggerType tType) {
-    static constexpr TriggerLevels kLevels = {
-        0xFF01,  // TS_NEVER
-        0xFF02,  // TS_OFF_HOOK
-        0x02AF,  // TS_VOX_1
-        0x047F,  // TS_VOX_2
-        0x067F,  // TS_VOX_3
-        0x0A1F,  // TS_VOX_4
-        0x0E1F,  // TS_VOX_5
-        0x115F,  // TS_VOX_6
-    };
-    return levelIn(kLevels, tType);
+    return triggerLevel(tType, &TriggerLevels::eightChannel);
 }
 
 void DSPBoardEightChannel::checkMonitorSource(bool monitoring) const {

@@ -8,12 +8,12 @@
 class DSPBoardEightChannel final
     : public DSPTransferBoard<DSPBoardEightChannel, DSPTransferEightChannel> {
   public:
-    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
-
     using DSPTransferBoard::DSPTransferBoard;
 
     bool readOffHook(int channel) override;
     std::uint16_t getTriggerLevel(TriggerType tType) override;
+
+    static constexpr char kLoadFileName[] = "LOAD_8CH.TXT";
 
   private:
     friend DSPTransferBoard;
@@ -30,3 +30,5 @@ class DSPBoardEightChannel final
     // Two lines share a status word: a bit of the even one, or the same of the odd one.
     bool readLineBit(int channel, std::uint16_t evenBit, std::uint16_t oddBit) const;
 };
+
+extern template class DSPTransferBoard<DSPBoardEightChannel, DSPTransferEightChannel>;

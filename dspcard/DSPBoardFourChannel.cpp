@@ -1,5 +1,11 @@
 #include "DSPBoardFourChannel.h"
 
+#include <algorithm>
+#include <iostream>
+#include <iterator>
+
+#include "ConsoleLine.h"
+
 void DSPBoardFourChannel::announceMonitorCopy() const {
     ConsoleLine(std::cout) << "Copying monitor data to buffer";
 }

@@ -27,3 +27,5 @@ class DSPBoardFourChannel final
     void checkMonitorSource(bool) const {}
     void printVOX(ConsoleLine& line, int port);
 };
+
+extern template class DSPTransferBoard<DSPBoardFourChannel, DSPTransferFourChannel>;

@@ -88,8 +88,8 @@ bool DSPBootloader::sendSections(const char* bootFileName) {
                 << bootFileName << ": record " << loadFile.recordNumber() << ": " << record.problem;
             return false;
         }
-        if (!bootSection(record.address, record.size, record.sectionFileName)) {
-            ConsoleLine(std::cerr) << "Boot Section failed addr=" << record.addressToken;
+        if (!bootSection(record.address, static_cast<int>(record.size), record.sectionFile.text)) {
+            ConsoleLine(std::cerr) << "Boot Section failed addr=0x" << record.addressToken.text + 1;
             return false;
         }
     }
@@ -102,8 +102,9 @@ bool DSPBootloader::sendSections(const char* bootFileName) {
 }
 
 bool DSPBootloader::bootSection(unsigned long addr, int size, const char* sectionFileName) {
-    std::cerr << "Attempt Boot Section - addr: " << addr << " size: " << size
-              << " sectionName: " << sectionFileName << "\n";
+    ConsoleLine(std::cerr, ConsoleLine::kUnflushed)
+        << "Attempt Boot Section - addr: " << addr << " size: " << size
+        << " sectionName: " << sectionFileName;
     return bootWord(lowWord(static_cast<unsigned long>(size))) && bootWord(kExtendedDestination) &&
            bootWord(lowWord(addr)) && sendSectionWords(size, sectionFileName);
 }
@@ -124,9 +125,9 @@ bool DSPBootloader::sendSectionWords(int size, const char* sectionFileName) {
         }
         size -= wordsRead;
     }
-    std::cout << std::endl;
-    std::cerr << "Boot section succeeded: " << sectionFileName
-              << " Checksum: " << section.checksum() << "\n";
+    ConsoleLine(std::cout) << "";
+    ConsoleLine(std::cerr, ConsoleLine::kUnflushed)
+        << "Boot section succeeded: " << sectionFileName << " Checksum: " << section.checksum();
     return true;
 }
 

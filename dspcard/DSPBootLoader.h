@@ -16,8 +16,9 @@
 
 class DSPBootloader {
   public:
-    // Must come before anything else. basePort: 0x300 or 0x310; nChannels: 4, anything else counts
-    // as 8; brdNum: 0, anything else counts as 1.
+    // Must come before anything else: until then the registers of no card are meant. basePort:
+    // 0x300 or 0x310; nChannels: 4, anything else counts as 8; brdNum: 0, anything else counts
+    // as 1.
     void init(unsigned int basePort, unsigned int nChannels, int brdNum);
 
     // Resets the DSP, sends the header and every block of the load file and writes the register
@@ -49,8 +50,8 @@ class DSPBootloader {
     std::uint16_t readStatus() const;
     void writeRegister(std::uint16_t offset, std::uint16_t value) const;
 
-    std::uint32_t baseIOPort;
-    int numChannels;
-    int boardNum;
-    std::clock_t timeoutEnd;  // the processor time at which the wait is over
+    std::uint32_t baseIOPort = 0;
+    int numChannels = 0;
+    int boardNum = 0;
+    std::clock_t timeoutEnd = 0;  // the processor time at which the wait is over
 };

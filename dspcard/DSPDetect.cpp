@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr int kAbsent = -2;
 constexpr unsigned char kFirstPattern = 0x55;
 constexpr unsigned char kSecondPattern = 0xAA;
 constexpr int kEchoAttempts = 3;
@@ -28,10 +27,6 @@ bool isBoardNumber(int brd) {
 
 DSPDetect::DSPDetect() {
     ConsoleLine(std::cout) << "DSPDetect: Opening /dev/port";
-}
-
-DSPDetect::~DSPDetect() {
-    closePortDevice();
 }
 
 int DSPDetect::detectBoards(int& channelsBoard0, int& channelsBoard1, void* vmem) {
@@ -80,7 +75,7 @@ DSPDetect::Echo DSPDetect::testEcho(int brd) {
         echo = echoOf(kSecondPattern, basePort);
     }
     if (echo.isRight) {
-        std::cout << "port: " << basePort << " ok!\n";
+        ConsoleLine(std::cout, ConsoleLine::kUnflushed) << "port: " << basePort << " ok!";
     }
     return echo;
 }
@@ -105,7 +100,6 @@ DSPDetect::Echo DSPDetect::echoOf(unsigned char pattern, int basePort) {
 }
 
 int DSPDetect::numChannels(int brd) {
-    closePortDevice();
     ConsoleLine(std::cerr) << "numChannels opening /dev/port";
     if (!openPortDevice()) {
         reportErrno("Couldn't access /dev/port errno=");
@@ -146,11 +140,11 @@ bool DSPDetect::memTest(void*, int) {
 
 int DSPDetect::readPort(int portNum) {
     signed char value = 0;
-    if (lseek(portFd, portNum, SEEK_SET) == -1) {
+    if (lseek(portFd.get(), portNum, SEEK_SET) == -1) {
         reportErrno("lseek failed errno=");
         return -1;
     }
-    if (read(portFd, &value, 1) == -1) {
+    if (read(portFd.get(), &value, 1) == -1) {
         reportErrno("read failed errno=");
         return -1;
     }
@@ -159,24 +153,17 @@ int DSPDetect::readPort(int portNum) {
 
 void DSPDetect::writePort(short value, int portNum) {
     const auto lowByte = static_cast<unsigned char>(value & 0xFF);
-    if (lseek(portFd, portNum, SEEK_SET) == -1) {
+    if (lseek(portFd.get(), portNum, SEEK_SET) == -1) {
         reportErrno("writePort: lseek failed errno=");
         return;
     }
-    if (write(portFd, &lowByte, 1) == -1) {
+    if (write(portFd.get(), &lowByte, 1) == -1) {
         reportErrno("writePort:write failed errno=");
     }
 }
 
 bool DSPDetect::openPortDevice() {
-    closePortDevice();
-    portFd = open("/dev/port", O_RDWR);
-    return portFd != -1;
-}
-
-void DSPDetect::closePortDevice() {
-    if (portFd != -1) {
-        close(portFd);
-        portFd = -1;
-    }
+    portFd.reset();
+    portFd.reset(open("/dev/port", O_RDWR));
+    return portFd.isOpen();
 }

@@ -7,10 +7,14 @@
 // 0 and 1. Nothing throws; each failure is a console line and a result.
 #pragma once
 
+#include "FileDescriptor.h"
+
 class DSPDetect {
   public:
+    static constexpr int kAbsent = -2;  // the channels of a card that was not found
+
     DSPDetect();
-    ~DSPDetect();
+    ~DSPDetect() = default;  // closes the port device
     DSPDetect(const DSPDetect&) = delete;
     DSPDetect& operator=(const DSPDetect&) = delete;
 
@@ -48,9 +52,8 @@ class DSPDetect {
     void writePort(short value, int portNum);
 
   private:
-    void closePortDevice();
     Echo echoOfFirstPattern(int basePort);
     Echo echoOf(unsigned char pattern, int basePort);
 
-    int portFd = -1;  // -1 when not open
+    FileDescriptor portFd;
 };

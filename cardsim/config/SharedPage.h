@@ -1,7 +1,7 @@
-// The memory that the launcher shares with the programs it started: which of them has the cards,
-// what the cards saw, and how the run is configured. A file without a name, held open by the
-// launcher; the environment tells every process of the tree its path under /proc, so that it does
-// not matter which descriptors a program closes.
+// What the launcher shares with the programs it started: what the cards saw, and how the run is
+// configured. It lies in a file without a name, held open by the launcher; the environment tells
+// every process of the tree its path under /proc, so that it does not matter which descriptors a
+// program closes. A lock on that file says which process has the cards.
 #pragma once
 
 #include <atomic>
@@ -15,15 +15,15 @@ constexpr const char* kSharedPageVariable = "CARDSIM_SHARED_PAGE";
 
 struct SharedPage {
     // Written by the launcher before the program starts: both were built from the same sources.
-    static constexpr std::uint32_t kMagic = 0xCA4D0001 + sizeof(MachineReport);
+    static constexpr std::uint32_t kMagic = 0xCA4D0002 + sizeof(MachineReport);
     std::uint32_t magic;
     std::uint32_t configurationLength;  // the configuration's text stands behind the page
+    int launcher;                       // process; hears by SIGUSR1 that the run is over
 
     // Written by the preload library.
-    std::atomic<int> owner;        // process that has the cards; 0: none has asked yet
-    std::atomic<bool> timeIsOver;  // the end of a run in virtual time has come
-    MachineReport report;
+    MachineReport report;                         // by the process that has the cards
+    std::atomic<std::uint64_t> strangerAccesses;  // by processes that had not
 };
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
 }  // namespace cardsim

@@ -3,13 +3,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -20,7 +21,6 @@ namespace cardsim {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kTimeToEnd{3000};
@@ -35,7 +35,7 @@ constexpr int kKilled = 128;
 sigset_t awaitedSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGCHLD, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGCHLD, SIGTERM, SIGHUP, SIGALRM, SIGUSR1}) {
         sigaddset(&signals, signal);
     }
     return signals;
@@ -108,24 +108,11 @@ pid_t start(const ProgramSettings& settings, const sigset_t& signals) {
     return child;
 }
 
-// The next awaited signal, or 0 when the time has come.
-int nextSignal(std::optional<Clock::time_point> until) {
-    const sigset_t awaited = awaitedSignals();
-    if (!until) {
-        return sigwaitinfo(&awaited, nullptr);
-    }
-    const auto left = std::max(Clock::duration::zero(), *until - Clock::now());
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timespec timeout{seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
-    const int signal = sigtimedwait(&awaited, nullptr, &timeout);
-    return signal == -1 && errno == EAGAIN ? 0 : signal;
-}
-
 int exitStatusOf(int status) {
     return WIFSIGNALED(status) ? kKilled + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// 0 when the process has ended.
+// 0 when there is no such process.
 pid_t parentOf(pid_t process) {
     std::string status;
     std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), status);
@@ -135,28 +122,31 @@ pid_t parentOf(pid_t process) {
     if (nameEnd != std::string::npos) {
         std::istringstream(status.substr(nameEnd + 1)) >> state >> parent;
     }
-    return state == 'Z' ? 0 : parent;
+    return parent;
 }
 
-// The process that has the cards, when the program has started it; 0 when there is none. What a
-// program left in the shared page may be the number of a stranger by now: only a process that
-// descends from the launcher counts.
-pid_t ownerBelow(const ProgramSettings& settings) {
-    const pid_t owner = settings.cardOwner->load();
-    pid_t ancestor = owner > 0 ? parentOf(owner) : 0;
-    while (ancestor > 0 && ancestor != getpid()) {
-        ancestor = parentOf(ancestor);
-    }
-    return ancestor == getpid() ? owner : 0;
+bool isBelow(pid_t process) {
+    do {
+        process = parentOf(process);
+    } while (process > 0 && process != getpid());
+    return process == getpid();
 }
 
-void pass(int signal, pid_t child, const ProgramSettings& settings) {
-    const pid_t owner = ownerBelow(settings);
-    if (owner != 0 && owner != child) {
-        kill(owner, signal);
+// The program and all that it has started, as far as they have not been reaped.
+std::vector<pid_t> processesBelow() {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const pid_t process = std::atoi(entry.path().filename().c_str());
+        if (process > 0 && isBelow(process)) {
+            found.push_back(process);
+        }
     }
-    if (child != 0) {
-        kill(child, signal);
+    return found;
+}
+
+void signalAll(int signal) {
+    for (const pid_t process : processesBelow()) {
+        kill(process, signal);
     }
 }
 
@@ -171,26 +161,29 @@ void reap(pid_t& child, int& status) {
     }
 }
 
+void setTimer(milliseconds time) {
+    itimerval timer{};
+    timer.it_value = {time.count() / 1000, time.count() % 1000 * 1000};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
 ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
-    std::optional<Clock::time_point> deadline;
-    if (settings.end) {
-        deadline = Clock::now() + *settings.end;
-    }
+    const sigset_t awaited = awaitedSignals();
+    setTimer(settings.end.value_or(milliseconds::zero()));  // zero: never
     int ending = 0;  // the last signal that the end of the time has sent
     int status = 0;
     while (true) {
         reap(child, status);
-        const bool ownerIsLeft = ending != 0 && ownerBelow(settings) != 0;
-        if (child == 0 && !ownerIsLeft) {
+        if (child == 0 && (ending == 0 || processesBelow().empty())) {
             return {exitStatusOf(status), ending != 0};
         }
-        const int signal = nextSignal(deadline);
+        const int signal = sigwaitinfo(&awaited, nullptr);
         if (signal == SIGTERM || signal == SIGHUP) {
-            pass(signal, child, settings);
-        } else if (signal == 0) {
+            signalAll(signal);
+        } else if (signal == SIGALRM || (signal == SIGUSR1 && ending == 0)) {
             ending = ending == 0 ? SIGTERM : SIGKILL;
-            pass(ending, child, settings);
-            deadline = Clock::now() + kTimeToEnd;
+            signalAll(ending);
+            setTimer(kTimeToEnd);
         }
     }
 }

@@ -1,7 +1,6 @@
 // The program that runs on the simulated cards: a child process of the launcher.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -18,9 +17,8 @@ struct CannotStart {
 struct ProgramSettings {
     std::vector<std::string> command;  // looked up in the PATH
     std::string preloadLibrary;
-    std::string sharedPage;                       // path by which the program's processes reach it
-    const std::atomic<int>* cardOwner = nullptr;  // process that has the cards; 0: none yet
-    // After that long it is told to end, a little later killed; nothing: never.
+    std::string sharedPage;  // path by which the program's processes reach it
+    // After that long its time is over; nothing: never.
     std::optional<std::chrono::milliseconds> end;
 };
 
@@ -30,10 +28,10 @@ struct ProgramEnd {
 };
 
 // Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone;
-// SIGTERM and SIGHUP are passed on to it and to the process that has the cards, which a script may
-// have started; afterwards they stay like that. When the time is over both are ended. Should the
-// launcher be killed, the program is told to end. Throws CannotStart, or std::system_error when
-// there is no process to be had.
+// SIGTERM and SIGHUP are passed on to it and to all that it has started; afterwards they stay like
+// that. When the time is over, or SIGUSR1 says so, all of them are told to end, a little later
+// killed. Should the launcher be killed, the program is told to end. Throws CannotStart, or
+// std::system_error when there is no process to be had.
 ProgramEnd run(const ProgramSettings& settings);
 
 }  // namespace cardsim

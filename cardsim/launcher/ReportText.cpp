@@ -67,7 +67,7 @@ Json cardJson(int slot, const CardReport& card) {
 
 }  // namespace
 
-std::string reportText(const MachineReport& report) {
+std::string reportText(const MachineReport& report, std::uint64_t strangerAccesses) {
     std::ostringstream out;
     out << "cardsim: report of the cards\n";
     for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
@@ -79,10 +79,15 @@ std::string reportText(const MachineReport& report) {
     std::snprintf(time, sizeof(time), "%.3f s", static_cast<double>(report.elapsed_us) / 1e6);
     out << "  " << report.portAccesses << " port accesses in " << time << "; timeline "
         << hexadecimal(report.timeline, 16) << "\n";
+    if (strangerAccesses != 0) {
+        out << "  " << strangerAccesses
+            << " port accesses by processes that had not the cards reached nobody\n";
+    }
     return out.str();
 }
 
-std::string reportJson(const MachineReport& report, std::uint64_t seed) {
+std::string reportJson(const MachineReport& report, std::uint64_t strangerAccesses,
+                       std::uint64_t seed) {
     Json cards = Json::array();
     for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
         if (report.cards[slot].channels != 0) {
@@ -92,6 +97,7 @@ std::string reportJson(const MachineReport& report, std::uint64_t seed) {
     const Json whole = {{"seed", seed},
                         {"cards", cards},
                         {"portAccesses", report.portAccesses},
+                        {"strangerAccesses", strangerAccesses},
                         {"elapsedMicroseconds", report.elapsed_us},
                         {"timeline", hexadecimal(report.timeline, 16)}};
     return whole.dump(2) + "\n";

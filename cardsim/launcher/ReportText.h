@@ -9,10 +9,11 @@
 
 namespace cardsim {
 
-// Lines of text, each ending in a newline.
-std::string reportText(const MachineReport& report);
+// Lines of text, each ending in a newline. strangerAccesses: by processes that had not the cards.
+std::string reportText(const MachineReport& report, std::uint64_t strangerAccesses);
 // A JSON document; the timeline stands in it as text, since it takes more bits than every reader of
 // JSON has for a number.
-std::string reportJson(const MachineReport& report, std::uint64_t seed);
+std::string reportJson(const MachineReport& report, std::uint64_t strangerAccesses,
+                       std::uint64_t seed);
 
 }  // namespace cardsim

@@ -66,8 +66,9 @@ class SharedFile {
         shared = new (address) SharedPage{};
         shared->magic = SharedPage::kMagic;
         shared->configurationLength = static_cast<std::uint32_t>(text.size());
+        shared->launcher = getpid();
         std::memcpy(static_cast<void*>(shared + 1), text.data(), text.size());
-        // What there is to say about cards that no program ever asks for.
+        // What there is to say about cards that no program ever touches.
         for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
             shared->report.cards[slot].channels =
                 static_cast<std::uint32_t>(configuration.pc.channels[slot]);
@@ -106,15 +107,15 @@ std::string banner(const SimulatedPc::Options& pc) {
 }
 
 void writeReport(const CommandLine& line, const SharedPage& page) {
-    if (page.owner == 0) {
-        std::cerr << "cardsim: the program never asked for the cards\n";
+    if (page.report.portAccesses == 0) {
+        std::cerr << "cardsim: the program never touched the cards\n";
     }
-    std::cerr << reportText(page.report);
+    std::cerr << reportText(page.report, page.strangerAccesses);
     if (line.reportFile.empty()) {
         return;
     }
     std::ofstream file(line.reportFile, std::ios::trunc);
-    file << reportJson(page.report, line.configuration.pc.seed);
+    file << reportJson(page.report, page.strangerAccesses, line.configuration.pc.seed);
     if (!file.flush()) {
         fail(line.reportFile);
     }
@@ -127,8 +128,10 @@ int exitStatusOf(int program, bool timeIsOver) {
     return timeIsOver && didAsTold ? 0 : program;
 }
 
-int launch(const CommandLine& line) {
+int launch(CommandLine& line) {
     const SimulatedPc::Options& pc = line.configuration.pc;
+    const MemoryFile memory;
+    line.configuration.memoryFile = memory.path();
     ProgramSettings settings;
     settings.command = line.program;
     settings.preloadLibrary = preloadLibrary();
@@ -137,12 +140,11 @@ int launch(const CommandLine& line) {
     }
     const SharedFile shared(line.configuration);
     settings.sharedPage = shared.path();
-    settings.cardOwner = &shared.page().owner;
 
     std::cerr << banner(pc);
     const ProgramEnd end = run(settings);
     writeReport(line, shared.page());
-    return exitStatusOf(end.exitStatus, end.wasEnded || shared.page().timeIsOver);
+    return exitStatusOf(end.exitStatus, end.wasEnded);
 }
 
 }  // namespace
@@ -152,7 +154,7 @@ int launch(const CommandLine& line) {
 int main(int argc, char** argv) {
     using namespace cardsim;
     int exitStatus = 0;
-    const std::optional<CommandLine> line = readCommandLine(argc, argv, exitStatus);
+    std::optional<CommandLine> line = readCommandLine(argc, argv, exitStatus);
     if (!line) {
         return exitStatus;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 namespace cardsim {
 
@@ -333,9 +334,10 @@ void Card::fill(const Buffer& buffer) {
     for (int port = 0; port < transfer.channels; ++port) {
         fillPort(buffer.words + transfer.firstPort + port * transfer.portWords, port);
     }
-    report.calls = std::accumulate(
+    const std::uint64_t calls = std::accumulate(
         lines.begin(), lines.end(), std::uint64_t{0},
         [](std::uint64_t sum, const Line& each) { return sum + each.callsSoFar(); });
+    report.calls += calls - std::exchange(reportedCalls, calls);
     samples += static_cast<std::uint64_t>(2 * transfer.audioWords);
     if (transfer.debug != 0) {
         buffer.words[transfer.debug] = 0;

@@ -113,6 +113,7 @@ class Card {
     std::uint64_t nextTurn = 0;
     bool dead = false;
     std::uint32_t transferCounter = 0;
+    std::uint64_t reportedCalls = 0;
     std::uint64_t samples = 0;  // of each line since the firmware started
     std::vector<Line> lines;
 };

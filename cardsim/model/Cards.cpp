@@ -29,8 +29,7 @@ void splitAtRegisters(std::uint16_t port, int bytes, Access access) {
 
 Cards::Cards(const std::optional<CardOptions> (&slots)[portMap::kMaxCards],
              volatile std::uint16_t* memory, MachineReport& machineReport)
-    : report(machineReport) {
-    report = {};
+    : report(machineReport), elapsedBefore(machineReport.elapsed_us) {
     for (int slot = 0; slot < portMap::kMaxCards; ++slot) {
         if (slots[slot]) {
             cards[slot] = std::make_unique<Card>(slot, *slots[slot],
@@ -97,7 +96,7 @@ Card* Cards::cardAt(std::uint16_t port) const {
 }
 
 void Cards::advanceCards(std::uint64_t until) {
-    report.elapsed_us = std::max(report.elapsed_us, until);
+    report.elapsed_us = std::max(report.elapsed_us, elapsedBefore + until);
     for (const auto& card : cards) {
         if (card != nullptr) {
             card->advance(until);

@@ -14,7 +14,8 @@ namespace cardsim {
 
 class Cards {
   public:
-    // An empty optional is an empty slot. memory: the words of both cards, card 0 first.
+    // An empty optional is an empty slot. memory: the words of both cards, card 0 first. The report
+    // goes on from what stands in it.
     Cards(const std::optional<CardOptions> (&slots)[portMap::kMaxCards],
           volatile std::uint16_t* memory, MachineReport& report);
 
@@ -40,6 +41,7 @@ class Cards {
     void advanceCards(std::uint64_t until);
 
     MachineReport& report;
+    const std::uint64_t elapsedBefore;
     std::unique_ptr<Card> cards[portMap::kMaxCards];
     std::multimap<std::uint64_t, std::function<void()>> plan;
 };

@@ -1,19 +1,12 @@
 #include "pc/SimulatedPc.h"
 
-#include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <system_error>
 
 namespace cardsim {
 
 namespace {
-
-constexpr off_t kCardMemory = 0xD0000;
-constexpr std::size_t kCardMemoryLength = 0x4000;
 
 std::uint64_t machineTime() {
     timespec time{};
@@ -45,31 +38,12 @@ Cards makeCards(const SimulatedPc::Options& options, volatile std::uint16_t* mem
 
 }  // namespace
 
-SimulatedPc::MemoryFile::MemoryFile() : file(memfd_create("card-memory", MFD_CLOEXEC)) {
-    void* address = MAP_FAILED;
-    if (file != -1 && ftruncate(file, kCardMemory + off_t{kCardMemoryLength}) == 0) {
-        address =
-            mmap(nullptr, kCardMemoryLength, PROT_READ | PROT_WRITE, MAP_SHARED, file, kCardMemory);
-    }
-    if (address == MAP_FAILED) {
-        throw std::system_error(errno, std::generic_category(), "memory of the simulated cards");
-    }
-    mapping = static_cast<volatile std::uint16_t*>(address);
-}
-
-SimulatedPc::MemoryFile::~MemoryFile() {
-    munmap(const_cast<std::uint16_t*>(mapping), kCardMemoryLength);
-    close(file);
-}
-
-int SimulatedPc::MemoryFile::duplicate() const {
-    return dup(file);
-}
-
 SimulatedPc::SimulatedPc(const Options& options)
     : virtualTime(options.virtualTime),
       started(machineTime()),
       machineReport(options.report == nullptr ? ownReport : *options.report),
+      ownMemory(options.memory == nullptr ? new MemoryFile : nullptr),
+      memory(options.memory == nullptr ? *ownMemory : *options.memory),
       slots(makeCards(options, memory.words(), machineReport)) {
     attachHardware(this);
 }
@@ -102,10 +76,6 @@ std::uint32_t SimulatedPc::in(std::uint16_t port, int bytes) {
 void SimulatedPc::out(std::uint16_t port, int bytes, std::uint32_t value) {
     const std::lock_guard<std::recursive_mutex> guard(lock);
     slots.out(port, bytes, value, timeOfAccess());
-}
-
-int SimulatedPc::openMemory() {
-    return memory.duplicate();
 }
 
 bool SimulatedPc::sleep(std::uint64_t microseconds) {

@@ -1,5 +1,5 @@
-// A PC with simulated cards: the card slots, the memory file that stands for physical memory, and a
-// clock, behind the traps. Made by a test or by the preload library; attaches itself for as long as
+// A PC with simulated cards: the card slots, the file that stands for physical memory, and a clock,
+// behind the traps. Made by a test or by the preload library; attaches itself for as long as
 // it lives. All accesses are served under one lock, on the thread that makes them.
 #pragma once
 
@@ -7,10 +7,13 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "model/Cards.h"
+#include "pc/MemoryFile.h"
 #include "traps/Hardware.h"
 
 namespace cardsim {
@@ -40,7 +43,9 @@ class SimulatedPc : public Hardware {
         // Time passes only by what the thread that drives the cards sleeps, and by one microsecond
         // for each of its port accesses; otherwise it is the machine's.
         bool virtualTime = true;
-        // Where the report goes; null: into the PC itself.
+        // Where the cards' memory lies; null: in a file of the PC's own.
+        const MemoryFile* memory = nullptr;
+        // Where the report goes on; null: into the PC itself.
         MachineReport* report = nullptr;
     };
 
@@ -66,7 +71,7 @@ class SimulatedPc : public Hardware {
     void out(std::uint16_t port, int bytes, std::uint32_t value) override;
     int grantPorts() override { return 0; }
     int openPorts() override { return 0; }
-    int openMemory() override;
+    std::string memoryPath() override { return memory.path(); }
     bool sleep(std::uint64_t microseconds) override;
     bool processorTime(std::clock_t& ticks) override;
 
@@ -75,28 +80,14 @@ class SimulatedPc : public Hardware {
     virtual void switchOff() { throw PowerOff(); }
 
   private:
-    // A file that holds the cards' memory at its physical address.
-    class MemoryFile {
-      public:
-        MemoryFile();
-        ~MemoryFile();
-        MemoryFile(const MemoryFile&) = delete;
-        MemoryFile& operator=(const MemoryFile&) = delete;
-        int duplicate() const;
-        volatile std::uint16_t* words() const { return mapping; }
-
-      private:
-        int file;
-        volatile std::uint16_t* mapping;
-    };
-
     std::uint64_t timeOfAccess();
 
     const bool virtualTime;
     const std::uint64_t started;
     MachineReport ownReport{};
     MachineReport& machineReport;
-    MemoryFile memory;
+    const std::unique_ptr<const MemoryFile> ownMemory;
+    const MemoryFile& memory;
     std::recursive_mutex lock;  // a planned action may use the cards
     Cards slots;
     std::atomic<std::uint64_t> elapsed{0};  // microseconds of virtual time

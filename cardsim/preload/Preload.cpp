@@ -1,7 +1,8 @@
-// The library that the launcher puts in front of a program's own ones: makes the simulated PC when
-// the program asks for port permission or one of the cards' devices for the first time, on the
-// thread that asks. The PC lives as long as the process, since threads may use it until its last
-// moment. One process of the tree gets the cards, every other one hears that they are in use.
+// The library that the launcher puts in front of a program's own ones. Every process under the
+// launcher may ask for port permission and the cards' devices; the one that touches a port first
+// has the cards until it ends: it makes the simulated PC, on the thread that touches. The PC lives
+// as long as the process, since threads may use it until its last moment. What other processes do
+// to ports meanwhile reaches nobody.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -10,14 +11,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "config/Configuration.h"
 #include "config/SharedPage.h"
@@ -27,8 +29,6 @@
 namespace cardsim {
 
 namespace {
-
-constexpr std::chrono::seconds kTimeToEnd{3};
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -57,20 +57,23 @@ SharedPage& mapSharedPage(const char* path, std::string& configuration) {
     return page;
 }
 
-// Whether this process has the cards now. One that has put another program in its place, having
-// had them, gets them anew.
-bool claim(SharedPage& page) {
-    int owner = 0;
-    return page.owner.compare_exchange_strong(owner, getpid()) || owner == getpid();
-}
-
-// Lets machine time pass, signal handlers of the program or not, in a way that the traps do not
-// take for a sleep.
-void waitForReal(std::chrono::seconds duration) {
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + duration;
-    while (Clock::now() < end) {
-        poll(nullptr, 0, 10);
+// Makes this process the one that has the cards until it ends, or finds out which one is: its
+// number. The lock ends with the process, however it ends.
+pid_t lockCards(const char* path) {
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd == -1) {
+        fail(path);
+    }
+    while (true) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        if (fcntl(fd, F_SETLK, &whole) == 0) {
+            return getpid();  // the descriptor stays: closing it would give the cards away
+        }
+        if (fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK) {
+            close(fd);
+            return whole.l_pid;
+        }
     }
 }
 
@@ -103,8 +106,9 @@ class Speaker {
 
 class PreloadedPc : public SimulatedPc {
   public:
-    PreloadedPc(const Configuration& configuration, SharedPage& sharedPage)
-        : SimulatedPc(withReport(configuration.pc, sharedPage)), page(sharedPage) {
+    PreloadedPc(const Configuration& configuration, const MemoryFile& cardMemory,
+                SharedPage& sharedPage)
+        : SimulatedPc(inPlace(configuration.pc, cardMemory, sharedPage)), page(sharedPage) {
         planScenario(cards(), configuration.events);
         if (configuration.traffic) {
             planTraffic(cards(), configuration.pc.seed);
@@ -115,23 +119,27 @@ class PreloadedPc : public SimulatedPc {
                 [speaker](const char* bytes, std::size_t count) { speaker.play(bytes, count); });
         }
         if (configuration.end_ms != 0) {
-            endAt(configuration.end_ms);
+            const std::uint64_t passed_ms = page.report.elapsed_us / 1000;
+            endAt(configuration.end_ms - std::min(configuration.end_ms, passed_ms));
         }
     }
 
   private:
-    static Options withReport(Options options, SharedPage& page) {
+    static Options inPlace(Options options, const MemoryFile& cardMemory, SharedPage& page) {
+        options.memory = &cardMemory;
         options.report = &page.report;
         return options;
     }
 
-    // Ends the program and lets nothing happen to the cards from here on: the thread never returns.
+    // Has the program ended and lets nothing happen to the cards from here on: the thread never
+    // returns.
     void switchOff() override {
-        page.timeIsOver = true;
-        kill(getpid(), SIGTERM);
-        waitForReal(kTimeToEnd);
-        kill(getpid(), SIGKILL);
-        waitForReal(std::chrono::hours(1));
+        if (kill(page.launcher, SIGUSR1) != 0) {
+            kill(getpid(), SIGKILL);
+        }
+        while (true) {
+            poll(nullptr, 0, -1);
+        }
     }
 
     SharedPage& page;
@@ -140,7 +148,7 @@ class PreloadedPc : public SimulatedPc {
 // Stands for a machine that cannot be had, and says once why.
 class OutOfReach : public Hardware {
   public:
-    OutOfReach(int error, const std::string& why) : reason(error) {
+    explicit OutOfReach(const std::string& why) {
         std::fprintf(stderr, "cardsim: no simulated cards for process %d: %s\n",
                      static_cast<int>(getpid()), why.c_str());
     }
@@ -149,33 +157,99 @@ class OutOfReach : public Hardware {
     void out(std::uint16_t, int, std::uint32_t) override {}
     int grantPorts() override { return refuse(); }
     int openPorts() override { return refuse(); }
-    int openMemory() override { return refuse(); }
+    std::string memoryPath() override {
+        refuse();
+        return "";
+    }
     bool sleep(std::uint64_t) override { return false; }
     bool processorTime(std::clock_t&) override { return false; }
 
   private:
-    int refuse() const {
-        errno = reason;
+    static int refuse() {
+        errno = ENODEV;
         return -1;
     }
+};
 
-    const int reason;
+// What a process has until it touches a port, and for as long as another one has the cards.
+class WaitingPc : public Hardware {
+  public:
+    WaitingPc(const Configuration& plan, const MemoryFile& cardMemory, SharedPage& sharedPage,
+              const char* pathOfPage)
+        : configuration(plan), memory(cardMemory), page(sharedPage), path(pathOfPage) {}
+
+    std::uint32_t in(std::uint16_t port, int bytes) override {
+        Hardware* const cards = cardsOrNone();
+        return cards == nullptr ? ~std::uint32_t{0} : cards->in(port, bytes);
+    }
+    void out(std::uint16_t port, int bytes, std::uint32_t value) override {
+        if (Hardware* const cards = cardsOrNone()) {
+            cards->out(port, bytes, value);
+        }
+    }
+    int grantPorts() override { return 0; }
+    int openPorts() override { return 0; }
+    std::string memoryPath() override { return memory.path(); }
+    // The time of the cards is not that of this process.
+    bool sleep(std::uint64_t) override { return false; }
+    bool processorTime(std::clock_t&) override { return false; }
+    bool hasOwnTime() override { return configuration.pc.virtualTime; }
+
+  private:
+    // An access: by what it acts on the cards, or null when another process has them.
+    Hardware* cardsOrNone() {
+        const std::lock_guard<std::mutex> guard(lock);
+        if (attachedHardware() == this) {
+            tryForCards();
+        }
+        return attachedHardware() == this ? nullptr : attachedHardware();
+    }
+
+    void tryForCards() {
+        try {
+            const pid_t owner = lockCards(path.c_str());
+            if (owner == getpid()) {
+                new PreloadedPc(configuration, memory, page);  // attaches itself
+                return;
+            }
+            ++page.strangerAccesses;
+            tellOnce(owner);
+        } catch (const std::exception& error) {
+            attachHardware(new OutOfReach(error.what()));
+        }
+    }
+
+    void tellOnce(pid_t owner) {
+        if (!std::exchange(told, true)) {
+            std::fprintf(stderr,
+                         "cardsim: process %d touched a port while process %d has the "
+                         "cards: nobody answers it\n",
+                         static_cast<int>(getpid()), static_cast<int>(owner));
+        }
+    }
+
+    const Configuration configuration;
+    const MemoryFile& memory;
+    SharedPage& page;
+    const std::string path;
+    std::mutex lock;
+    bool told = false;
 };
 
 Hardware* makeHardware() {
     const char* const path = std::getenv(kSharedPageVariable);
     if (path == nullptr) {
-        return new OutOfReach(ENODEV, "it was not started by the launcher");
+        return new OutOfReach("it was not started by the launcher");
     }
     try {
-        std::string configuration;
-        SharedPage& page = mapSharedPage(path, configuration);
-        if (!claim(page)) {
-            return new OutOfReach(EBUSY, "process " + std::to_string(page.owner) + " has them");
-        }
-        return new PreloadedPc(configurationFrom(configuration), page);
+        std::string text;
+        SharedPage& page = mapSharedPage(path, text);
+        const Configuration configuration = configurationFrom(text);
+        // Opened but once, before the program can lock it; a child has the mapping of its parent.
+        static const MemoryFile memory(configuration.memoryFile);
+        return new WaitingPc(configuration, memory, page, path);
     } catch (const std::exception& error) {
-        return new OutOfReach(ENODEV, error.what());
+        return new OutOfReach(error.what());
     }
 }
 
@@ -183,7 +257,7 @@ void attach() {
     attachHardware(makeHardware());
 }
 
-// The parent keeps the cards; the child has to ask like any other process.
+// The parent keeps the cards; the child is a process like any other.
 void loseCardsInChild() {
     attachHardware(nullptr);
     onFirstUse(attach);

@@ -1,6 +1,6 @@
 // What stands behind the traps: the machine's answer to port instructions, /dev/port, /dev/mem,
-// port permission, sleeps and processor time. The traps only decode and forward; a simulated PC or
-// a test's scripted cards implement this.
+// port permission, sleeps, processor time and wishes for priority. The traps only decode and
+// forward; a simulated PC or a test's scripted cards implement this.
 //
 // in, out, sleep and the grants are called on whatever thread of the program makes the access; in
 // and out also from within a signal handler, on the thread whose instruction it was.
@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 namespace cardsim {
 
@@ -23,14 +24,20 @@ class Hardware {
     // with errno set.
     virtual int grantPorts() = 0;
     virtual int openPorts() = 0;
-    // A new descriptor of a file that stands for physical memory, or -1 with errno set.
-    virtual int openMemory() = 0;
+    // The path of a file that stands for physical memory, to be opened as the program opens
+    // /dev/mem; empty, with errno set, when it may not.
+    virtual std::string memoryPath() = 0;
 
     // The thread that drives the cards wants to sleep. True: the time has passed; false: it shall
     // sleep for real. May throw: the program's sleep lets the exception through.
     virtual bool sleep(std::uint64_t microseconds) = 0;
     // True: ticks is what clock() answers; false: the real processor time.
     virtual bool processorTime(std::clock_t& ticks) = 0;
+    // Whether time is the hardware's own: then a thread that drives the cards never really sleeps.
+    virtual bool hasOwnTime() {
+        std::clock_t ignored = 0;
+        return processorTime(ignored);
+    }
 };
 
 // Puts hardware behind the traps, or none (null): then every call goes to the machine itself. The
@@ -39,7 +46,10 @@ void attachHardware(Hardware* hardware);
 Hardware* attachedHardware();
 
 // Set by whoever wants to be asked for hardware as late as possible: called once, at the first
-// ioperm or opening of /dev/port or /dev/mem without hardware; may attach some.
+// ioperm, opening of /dev/port or /dev/mem or wish for real-time priority without hardware, or at
+// the first access by a permission or a descriptor that is older than a fork; may attach some.
 void onFirstUse(void (*attach)());
+// The attached hardware, after onFirstUse had its turn.
+Hardware* hardwareAtFirstUse();
 
 }  // namespace cardsim

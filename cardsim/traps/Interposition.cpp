@@ -1,24 +1,25 @@
 // The library calls of the program that mean the hardware, taken in front of the C library's own:
-// port permission, /dev/port, /dev/mem, sleeps and processor time. Every other call, and every call
-// while no hardware is attached, goes on to the C library untouched.
-#include <dlfcn.h>
+// port permission, the cards' devices, sleeps, processor time and wishes for priority. Every other
+// call, and every call while no hardware is attached, goes on to the C library untouched.
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/types.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/io.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
-#include <cstring>
-#include <iterator>
+#include <cstdio>
 #include <mutex>
 
+#include "traps/Devices.h"
 #include "traps/Hardware.h"
+#include "traps/PortDevice.h"
 #include "traps/PortTrap.h"
+#include "traps/Real.h"
 
 namespace cardsim {
 
@@ -27,126 +28,25 @@ namespace {
 std::atomic<Hardware*> hardwareInPlace{nullptr};
 std::atomic<void (*)()> firstUse{nullptr};
 
-// Descriptors that stand for /dev/port; slots hold the descriptor + 1.
-constexpr int kMaxPortDescriptors = 16;
-std::atomic<int> portDescriptors[kMaxPortDescriptors];
-std::atomic<int> openPortDescriptors{0};
-
-template <class Function>
-Function* real(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-// The C library's own function of that name, looked up once.
-#define REAL(name)                                                  \
-    ([]() -> decltype(&::name) {                                    \
-        static const auto function = real<decltype(::name)>(#name); \
-        return function;                                            \
-    }())
-
 // A sanitizer opens files where it cannot bear a look-up.
 [[gnu::constructor]] void lookUpEarly() {
-    REAL(open);
+    REAL(openat);
+    REAL(openat64);
     REAL(read);
     REAL(close);
 }
 
-Hardware* hardwareAtFirstUse() {
-    // A thread that asks at the same time waits until the hardware is complete; whoever makes it
-    // may open files.
-    static std::recursive_mutex attaching;
-    const std::lock_guard<std::recursive_mutex> guard(attaching);
-    if (attachedHardware() == nullptr) {
-        if (auto* const attach = firstUse.exchange(nullptr)) {
-            attach();
-        }
-    }
-    return attachedHardware();
+// Whether accesses through that descriptor are the hardware's.
+bool isPorts(int fd) {
+    return isPortDevice(fd) && hardwareAtFirstUse() != nullptr;
 }
 
-int openPortDevice(Hardware& hardware) {
-    if (hardware.openPorts() != 0) {
-        return -1;
+// copy: of the descriptor, or -1 when there is none.
+int noteCopy(int fd, int copy) {
+    if (copy != -1 && copy != fd) {
+        followCopy(fd, copy);
     }
-    // A real file keeps the offset, so that lseek needs no help.
-    const int fd = memfd_create("dev-port", MFD_CLOEXEC);
-    if (fd == -1) {
-        return -1;
-    }
-    for (auto& slot : portDescriptors) {
-        int free = 0;
-        if (slot.compare_exchange_strong(free, fd + 1)) {
-            ++openPortDescriptors;
-            return fd;
-        }
-    }
-    close(fd);
-    errno = EMFILE;
-    return -1;
-}
-
-std::atomic<int>* portSlot(int fd) {
-    if (openPortDescriptors == 0) {
-        return nullptr;
-    }
-    auto* const slot = std::find_if(std::begin(portDescriptors), std::end(portDescriptors),
-                                    [fd](const auto& taken) { return taken == fd + 1; });
-    return slot == std::end(portDescriptors) ? nullptr : slot;
-}
-
-bool isPortDescriptor(int fd) {
-    return attachedHardware() != nullptr && portSlot(fd) != nullptr;
-}
-
-// Where the descriptor stands, moving on by count bytes.
-off_t advance(int fd, std::size_t count) {
-    return lseek(fd, static_cast<off_t>(count), SEEK_CUR) - static_cast<off_t>(count);
-}
-
-ssize_t readPorts(int fd, void* buffer, std::size_t count) {
-    auto* bytes = static_cast<unsigned char*>(buffer);
-    const off_t offset = advance(fd, count);
-    for (std::size_t i = 0; i < count; ++i) {
-        const auto port = static_cast<std::uint16_t>(offset + static_cast<off_t>(i));
-        bytes[i] = static_cast<unsigned char>(attachedHardware()->in(port, 1));
-    }
-    return static_cast<ssize_t>(count);
-}
-
-ssize_t writePorts(int fd, const void* buffer, std::size_t count) {
-    const auto* bytes = static_cast<const unsigned char*>(buffer);
-    const off_t offset = advance(fd, count);
-    for (std::size_t i = 0; i < count; ++i) {
-        const auto port = static_cast<std::uint16_t>(offset + static_cast<off_t>(i));
-        attachedHardware()->out(port, 1, bytes[i]);
-    }
-    return static_cast<ssize_t>(count);
-}
-
-enum class Device { kOther, kPorts, kMemory };
-
-Device deviceOf(const char* path) {
-    if (path == nullptr || std::strncmp(path, "/dev/", 5) != 0) {
-        return Device::kOther;
-    }
-    if (std::strcmp(path, "/dev/port") == 0) {
-        return Device::kPorts;
-    }
-    return std::strcmp(path, "/dev/mem") == 0 ? Device::kMemory : Device::kOther;
-}
-
-// Opens one of the cards' devices; false when path is none, or no hardware is attached.
-bool openDevice(const char* path, int& fd) {
-    const Device device = deviceOf(path);
-    if (device == Device::kOther) {
-        return false;
-    }
-    Hardware* const hardware = hardwareAtFirstUse();
-    if (hardware == nullptr) {
-        return false;
-    }
-    fd = device == Device::kPorts ? openPortDevice(*hardware) : hardware->openMemory();
-    return true;
+    return copy;
 }
 
 mode_t modeArgument(int flags, va_list arguments) {
@@ -172,6 +72,17 @@ bool sleptAlready(const timespec* wanted) {
                         static_cast<std::uint64_t>(wanted->tv_nsec + 999) / 1000);
 }
 
+// Whether a thread may not have that priority: in time of the hardware's own, where the driving
+// thread never really sleeps, a real-time thread would keep everybody else from running.
+bool wouldStarveTheRest(int policy) {
+    policy &= ~SCHED_RESET_ON_FORK;
+    if (policy != SCHED_FIFO && policy != SCHED_RR) {
+        return false;
+    }
+    Hardware* const hardware = hardwareAtFirstUse();
+    return hardware != nullptr && hardware->hasOwnTime();
+}
+
 }  // namespace
 
 void attachHardware(Hardware* hardware) {
@@ -184,6 +95,22 @@ Hardware* attachedHardware() {
 
 void onFirstUse(void (*attach)()) {
     firstUse = attach;
+}
+
+Hardware* hardwareAtFirstUse() {
+    if (Hardware* const present = attachedHardware()) {
+        return present;
+    }
+    // A thread that asks at the same time waits until the hardware is complete; whoever makes it
+    // may open files.
+    static std::recursive_mutex attaching;
+    const std::lock_guard<std::recursive_mutex> guard(attaching);
+    if (attachedHardware() == nullptr) {
+        if (auto* const attach = firstUse.exchange(nullptr)) {
+            attach();
+        }
+    }
+    return attachedHardware();
 }
 
 }  // namespace cardsim
@@ -203,21 +130,28 @@ int ioperm(unsigned long from, unsigned long count, int on) noexcept {
     return setPortPermission(from, count, on != 0);
 }
 
-#define OPEN(name)                                          \
-    int name(const char* path, int flags, ...) {            \
-        int fd = -1;                                        \
-        if (openDevice(path, fd)) {                         \
-            return fd;                                      \
-        }                                                   \
-        va_list arguments;                                  \
-        va_start(arguments, flags);                         \
-        const mode_t mode = modeArgument(flags, arguments); \
-        va_end(arguments);                                  \
-        return REAL(name)(path, flags, mode);               \
+// name(path, flags) and nameAt(folder, path, flags), with a mode behind when they may create a
+// file.
+#define OPEN(name, nameAt)                                              \
+    int nameAt(int folder, const char* path, int flags, ...) {          \
+        va_list arguments;                                              \
+        va_start(arguments, flags);                                     \
+        const mode_t mode = modeArgument(flags, arguments);             \
+        va_end(arguments);                                              \
+        int fd = -1;                                                    \
+        const bool isDevice = openDevice(folder, path, flags, fd);      \
+        return isDevice ? fd : REAL(nameAt)(folder, path, flags, mode); \
+    }                                                                   \
+    int name(const char* path, int flags, ...) {                        \
+        va_list arguments;                                              \
+        va_start(arguments, flags);                                     \
+        const mode_t mode = modeArgument(flags, arguments);             \
+        va_end(arguments);                                              \
+        return nameAt(AT_FDCWD, path, flags, mode);                     \
     }
 
-OPEN(open)
-OPEN(open64)
+OPEN(open, openat)
+OPEN(open64, openat64)
 #undef OPEN
 
 // What a program built with buffer checks calls instead.
@@ -227,13 +161,45 @@ int __open_2(const char* path, int flags) {
 int __open64_2(const char* path, int flags) {
     return open64(path, flags);
 }
-
-ssize_t read(int fd, void* buffer, std::size_t count) {
-    return isPortDescriptor(fd) ? readPorts(fd, buffer, count) : REAL(read)(fd, buffer, count);
+int __openat_2(int folder, const char* path, int flags) {
+    return openat(folder, path, flags);
+}
+int __openat64_2(int folder, const char* path, int flags) {
+    return openat64(folder, path, flags);
 }
 
+// Ways to open that the devices are not served by.
+#define REFUSE(result, failure, name, parameters, arguments)                        \
+    result name parameters {                                                        \
+        return refusesDevice(path, #name) ? result(failure) : REAL(name) arguments; \
+    }
+
+using Stream = FILE*;
+REFUSE(Stream, nullptr, fopen, (const char* path, const char* mode), (path, mode))
+REFUSE(Stream, nullptr, fopen64, (const char* path, const char* mode), (path, mode))
+REFUSE(Stream, nullptr, freopen, (const char* path, const char* mode, FILE* old), (path, mode, old))
+REFUSE(Stream, nullptr, freopen64, (const char* path, const char* mode, FILE* old),
+       (path, mode, old))
+REFUSE(int, -1, creat, (const char* path, mode_t mode), (path, mode))
+REFUSE(int, -1, creat64, (const char* path, mode_t mode), (path, mode))
+#undef REFUSE
+
+ssize_t read(int fd, void* buffer, std::size_t count) {
+    return isPorts(fd) ? readPorts(fd, buffer, count) : REAL(read)(fd, buffer, count);
+}
+
+ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) {
+    return isPorts(fd) ? readPorts(fd, buffer, count, offset)
+                       : REAL(pread)(fd, buffer, count, offset);
+}
+
+ssize_t pread64(int fd, void* buffer, std::size_t count, off64_t offset) {
+    return pread(fd, buffer, count, offset);
+}
+
+// With buffer checks: a buffer that is too short is left to the C library.
 ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) {
-    if (isPortDescriptor(fd) && count <= length) {
+    if (isPorts(fd) && count <= length) {
         return readPorts(fd, buffer, count);
     }
     using ReadChecked = ssize_t(int, void*, std::size_t, std::size_t);
@@ -241,15 +207,64 @@ ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) 
     return checked(fd, buffer, count, length);
 }
 
+ssize_t __pread_chk(int fd, void* buffer, std::size_t count, off_t offset, std::size_t length) {
+    if (isPorts(fd) && count <= length) {
+        return readPorts(fd, buffer, count, offset);
+    }
+    using PreadChecked = ssize_t(int, void*, std::size_t, off_t, std::size_t);
+    static auto* const checked = real<PreadChecked>("__pread_chk");
+    return checked(fd, buffer, count, offset, length);
+}
+
+ssize_t __pread64_chk(int fd, void* buffer, std::size_t count, off64_t offset, std::size_t length) {
+    return __pread_chk(fd, buffer, count, offset, length);
+}
+
 ssize_t write(int fd, const void* buffer, std::size_t count) {
-    return isPortDescriptor(fd) ? writePorts(fd, buffer, count) : REAL(write)(fd, buffer, count);
+    return isPorts(fd) ? writePorts(fd, buffer, count) : REAL(write)(fd, buffer, count);
+}
+
+ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
+    return isPorts(fd) ? writePorts(fd, buffer, count, offset)
+                       : REAL(pwrite)(fd, buffer, count, offset);
+}
+
+ssize_t pwrite64(int fd, const void* buffer, std::size_t count, off64_t offset) {
+    return pwrite(fd, buffer, count, offset);
+}
+
+int dup(int fd) noexcept {
+    return noteCopy(fd, REAL(dup)(fd));
+}
+
+int dup2(int fd, int copy) noexcept {
+    return noteCopy(fd, REAL(dup2)(fd, copy));
+}
+
+int dup3(int fd, int copy, int flags) noexcept {
+    return noteCopy(fd, REAL(dup3)(fd, copy, flags));
+}
+
+int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const int result = REAL(fcntl)(fd, command, argument);
+    const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
+    return copies ? noteCopy(fd, result) : result;
+}
+
+int fcntl64(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntl(fd, command, argument);
 }
 
 int close(int fd) {
-    if (std::atomic<int>* const slot = portSlot(fd)) {
-        *slot = 0;
-        --openPortDescriptors;
-    }
+    forgetPortDevice(fd);
     return REAL(close)(fd);
 }
 
@@ -277,6 +292,18 @@ clock_t clock() noexcept {
     std::clock_t ticks = 0;
     Hardware* const hardware = attachedHardware();
     return hardware != nullptr && hardware->processorTime(ticks) ? ticks : REAL(clock)();
+}
+
+int pthread_setschedparam(pthread_t thread, int policy, const sched_param* wanted) noexcept {
+    return wouldStarveTheRest(policy) ? EPERM : REAL(pthread_setschedparam)(thread, policy, wanted);
+}
+
+int sched_setscheduler(pid_t process, int policy, const sched_param* wanted) noexcept {
+    if (wouldStarveTheRest(policy)) {
+        errno = EPERM;
+        return -1;
+    }
+    return REAL(sched_setscheduler)(process, policy, wanted);
 }
 
 }  // extern "C"

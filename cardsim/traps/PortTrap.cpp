@@ -43,9 +43,11 @@ bool carryOut(ucontext_t& context) {
     PortInstruction instruction{};
     const auto* const code = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
     const auto port = static_cast<std::uint16_t>(registers[REG_RDX]);
-    Hardware* const hardware = attachedHardware();
-    if (hardware == nullptr || !decodePortInstruction(code, instruction) ||
-        !mayAccess(port, instruction.bytes)) {
+    if (!decodePortInstruction(code, instruction) || !mayAccess(port, instruction.bytes)) {
+        return false;
+    }
+    Hardware* const hardware = hardwareAtFirstUse();
+    if (hardware == nullptr) {
         return false;
     }
     const auto accumulator = static_cast<std::uint64_t>(registers[REG_RAX]);

@@ -1,12 +1,6 @@
 #include "Packet.h"
 
-CLIPacket::CLIPacket(const char* dtmfDigits, int noOfDTMF, int aChannel)
-    : TextPacket(aChannel, dtmfDigits, noOfDTMF) {}
-
-int CLIPacket::getType() const {
-    return PACKET_CLI;
-}
-
-pt::string CLIPacket::toString() const {
+template <>
+pt::string LineTextPacket<PACKET_CLI>::toString() const {
     return "CLI:" + characters();
 }

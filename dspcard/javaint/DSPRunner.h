@@ -23,5 +23,7 @@ class DSPRunner : public pt::thread {
   private:
     DSPRunner();
 
+    [[noreturn]] static void driveCards();
+
     static DSPRunner* pInstance;
 };

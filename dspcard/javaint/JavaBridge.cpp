@@ -11,9 +11,11 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "../BoardMgr.h"
 #include "../ConsoleLine.h"
+#include "../MonitorBuffer.h"
 #include "DSPRunner.h"
 #include "MessageDispatcher.h"
 #include "Packet.h"
@@ -115,43 +117,52 @@ class ArrayElements {
     jbyte* const elements;
 };
 
-// Whether the array holds length bytes; tells what is wrong when it does not.
-bool holds(JNIEnv* env, jbyteArray data, jint length) {
+// What is wrong with an array that is to give length bytes; empty when nothing is.
+std::string problemWith(JNIEnv* env, jbyteArray data, jint length) {
     if (data == nullptr) {
-        ConsoleLine(std::cerr) << "putPacket refused: the data array is null";
-        return false;
+        return "the data array is null";
     }
     const jsize available = env->GetArrayLength(data);
     if (length < 0 || length > available) {
-        ConsoleLine(std::cerr) << "putPacket refused: length " << length << ", the data array has "
-                               << available << " bytes";
-        return false;
+        return "length " + std::to_string(length) + ", the data array has " +
+               std::to_string(available) + " bytes";
     }
-    return true;
+    return {};
 }
 
 void queueCommand(JNIEnv* env, jbyte packetType, jint length, jbyteArray data) {
-    if (!holds(env, data, length)) {
+    MessageDispatcher& dispatcher = MessageDispatcher::getInstance();
+    const auto type = static_cast<unsigned char>(packetType);
+    if (!MessageDispatcher::isCommand(type)) {
+        dispatcher.addPacketToReceiveQueue(type, 0, nullptr);  // says so, whatever the array
+        return;
+    }
+    const std::string problem = problemWith(env, data, length);
+    if (!problem.empty()) {
+        ConsoleLine(std::cerr) << "putPacket refused: " << problem;
         return;
     }
     const ArrayElements elements(env, data);
     if (elements.get() == nullptr) {
         env->ExceptionClear();
-        ConsoleLine(std::cerr) << "putPacket refused: the Java VM has no memory for the data";
-        return;
+        if (length > 0) {  // a VM may have no address for no elements
+            ConsoleLine(std::cerr) << "putPacket refused: the Java VM has no memory for the data";
+            return;
+        }
     }
-    MessageDispatcher::getInstance().addPacketToReceiveQueue(static_cast<unsigned char>(packetType),
-                                                             length, elements.get());
+    dispatcher.addPacketToReceiveQueue(type, length, elements.get());
 }
 
 void switchPlayback(bool playback) {
     BoardMgr::getInstance().setEnablePlayback(playback);
     if (!playback) {
         MessageDispatcher::getInstance().removePacketsFromReceiveQueue(PACKET_PLAYBACK_DATA);
+        // An exchange that began meanwhile may have taken one of them.
+        MonitorBuffer::getInstance().clear();
     }
 }
 
-jint channelsOfBoard(jint boardNumber) {
+jint numberOfChannels(jint boardNumber) {
     const DSPBoard* const board = BoardMgr::getInstance().getBoard(boardNumber);
     return board != nullptr ? board->getNumChannels() : 0;
 }
@@ -193,7 +204,7 @@ Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(JNIEnv*, jobject, ji
 
 JNIEXPORT jint JNICALL Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(
     JNIEnv*, jobject, jint boardNumber) {
-    return guarded("getNumberOfChannels", jint{0}, [&] { return channelsOfBoard(boardNumber); });
+    return guarded("getNumberOfChannels", jint{0}, [&] { return numberOfChannels(boardNumber); });
 }
 
 JNIEXPORT void JNICALL

@@ -27,10 +27,6 @@ unsigned char LineSettingsPacket::getTrigDelaySecs(int channel) const {
     return data[3 * channel + 2];
 }
 
-int LineSettingsPacket::getType() const {
-    return PACKET_LINE_SETTINGS;
-}
-
 int LineSettingsPacket::getLength() const {
     return sizeof(data);
 }

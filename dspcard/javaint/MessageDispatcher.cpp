@@ -2,9 +2,9 @@
 
 #include <iostream>
 #include <memory>
-#include <mutex>
 
 #include "../ConsoleLine.h"
+#include "../MadeOnce.h"
 
 namespace {
 
@@ -40,9 +40,7 @@ std::unique_ptr<Packet> makeCommandPacket(unsigned char pktType) {
 MessageDispatcher* MessageDispatcher::sInstance = nullptr;
 
 MessageDispatcher& MessageDispatcher::getInstance() {
-    static std::once_flag made;
-    std::call_once(made, [] { sInstance = new MessageDispatcher; });
-    return *sInstance;
+    return madeOnce(sInstance, [] { return new MessageDispatcher; });
 }
 
 Packet* MessageDispatcher::getPacketFromSendQueue() {
@@ -76,6 +74,10 @@ void MessageDispatcher::addPacketToReceiveQueue(unsigned char pktType, int pktLe
     packet->read(data, pktLength);
     ConsoleLine(std::cout) << "PacketReceived " << packet->toString();
     addPacketToReceiveQueue(packet.release());
+}
+
+bool MessageDispatcher::isCommand(unsigned char pktType) {
+    return pktType == PACKET_PLAYBACK_DATA || pktType == PACKET_LINE_SETTINGS;
 }
 
 void MessageDispatcher::removePacketsFromReceiveQueue(int type) {

@@ -34,6 +34,8 @@ class MessageDispatcher {
     // Makes a command packet of type 5 or 6 from pktLength bytes at data, which are read during
     // the call only, and queues it. Any other type is refused with a line on standard error.
     void addPacketToReceiveQueue(unsigned char pktType, int pktLength, unsigned char* data);
+    // Whether packets of that type go to the cards.
+    static bool isCommand(unsigned char pktType);
     // Removes and deletes every waiting command packet of that type; the others keep their order.
     void removePacketsFromReceiveQueue(int type);
 

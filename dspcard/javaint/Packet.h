@@ -66,30 +66,36 @@ class Packet : public pt::unknown {
     const pt::large timestamp;
 };
 
+// A packet of one type.
+template <PacketType TYPE>
+class PacketOf : public Packet {
+  public:
+    int getType() const override { return TYPE; }
+};
+
 // A line became triggered (a call starts) or its trigger dropped (the call ends).
 // Payload: 1 or 0, channel.
-class TriggerPacket : public Packet {
+class TriggerPacket : public PacketOf<PACKET_TRIGGER> {
   public:
     TriggerPacket(bool startCall, int channel);
 
-    int getType() const override;
     int getLength() const override;
+    pt::string toString() const override;
     unsigned char* getData() const override;
     // Fatal: triggers come from cards only.
     void read(unsigned char* data, int length) override;
-    pt::string toString() const override;
 
   private:
     unsigned char data[2];
 };
 
 // What the packets with text share. Payload: a leading byte (channel or error code), n, n
-// characters; n is at most 50 unless read says more. Byte is the element of the payload's array.
-template <class Byte, int CAPACITY>
-class TextPacket : public Packet {
+// characters; n is at most 50 unless read says more.
+template <PacketType TYPE, int CAPACITY>
+class TextPacket : public PacketOf<TYPE> {
   public:
-    int getLength() const override { return bytes()[1] + kHeaderLength; }
-    unsigned char* getData() const override { return bytes(); }
+    int getLength() const override { return data[1] + kHeaderLength; }
+    unsigned char* getData() const override { return const_cast<unsigned char*>(data); }
     // Fewer than 2 bytes give an empty packet; more than CAPACITY are cut, and so is the count.
     void read(unsigned char* theData, int length) override;
 
@@ -99,49 +105,48 @@ class TextPacket : public Packet {
     // Keeps the first 50 of count characters.
     TextPacket(int leadingByte, const char* text, int count);
 
-    int getLeadingByte() const { return bytes()[0]; }
+    int getLeadingByte() const { return data[0]; }
     pt::string characters() const;
 
   private:
     static constexpr int kHeaderLength = 2;
     static constexpr int kMaxCharacters = 50;
 
-    unsigned char* bytes() const {
-        return reinterpret_cast<unsigned char*>(const_cast<Byte*>(data));
-    }
-
-    Byte data[CAPACITY];
+    unsigned char data[CAPACITY];
 };
 
-// Caller identification of a line: channel, n, the characters.
-class CLIPacket : public TextPacket<char, 128> {
+// A text that a line brought: channel, n, the characters.
+template <PacketType TYPE>
+class LineTextPacket : public TextPacket<TYPE, 128> {
   public:
-    CLIPacket() = default;
-    CLIPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
+    LineTextPacket() = default;
+    LineTextPacket(const char* characters, int count, int channel)
+        : TextPacket<TYPE, 128>(channel, characters, count) {}
 
-    int getType() const override;
     pt::string toString() const override;
-    int getChannel() const { return getLeadingByte(); }
+    int getChannel() const { return this->getLeadingByte(); }
+};
+template <>
+pt::string LineTextPacket<PACKET_CLI>::toString() const;
+template <>
+pt::string LineTextPacket<PACKET_DTMF>::toString() const;
+
+// Caller identification.
+class CLIPacket : public LineTextPacket<PACKET_CLI> {
+    using LineTextPacket::LineTextPacket;
 };
 
-// DTMF digits heard on a line: channel, n, the digits.
-class DTMFPacket : public TextPacket<unsigned char, 128> {
-  public:
-    DTMFPacket() = default;
-    DTMFPacket(const char* dtmfDigits, int noOfDTMF, int aChannel);
-
-    int getType() const override;
-    pt::string toString() const override;
-    int getChannel() const { return getLeadingByte(); }
+// DTMF digits.
+class DTMFPacket : public LineTextPacket<PACKET_DTMF> {
+    using LineTextPacket::LineTextPacket;
 };
 
 // Trouble with a card: error code, n, the first n characters of the message.
-class ErrorPacket : public TextPacket<unsigned char, 300> {
+class ErrorPacket : public TextPacket<PACKET_ERROR, 300> {
   public:
     ErrorPacket() = default;
     ErrorPacket(int code, const char* message);
 
-    int getType() const override;
     pt::string toString() const override;
     int getCode() const { return getLeadingByte(); }
 };
@@ -149,7 +154,7 @@ class ErrorPacket : public TextPacket<unsigned char, 300> {
 // The audio of every line of one board for one transfer, 2402 payload bytes: number of channels (4
 // or 8), the board's first channel, then 600 (four channels) or 300 (eight) bytes for each port,
 // as the DSP encoded them. The audio is zero until addAudioData fills it.
-class RecordedDataPacket : public Packet {
+class RecordedDataPacket : public PacketOf<PACKET_RECORDED_DATA> {
   public:
     RecordedDataPacket(bool fourChannel, int firstChannel);
 
@@ -157,7 +162,6 @@ class RecordedDataPacket : public Packet {
     // the board does not have is refused with a log line; one outside 0 to 15 is fatal.
     void addAudioData(int channel, unsigned char* data);
 
-    int getType() const override;
     int getLength() const override;
     unsigned char* getData() const override;
     // Fatal: audio is recorded by cards only.
@@ -171,15 +175,14 @@ class RecordedDataPacket : public Packet {
 };
 
 // Audio to be played out through card 0. Payload: 0 to 600 bytes in the card's encoding.
-class PlaybackDataPacket : public Packet {
+class PlaybackDataPacket : public PacketOf<PACKET_PLAYBACK_DATA> {
   public:
     PlaybackDataPacket() = default;
 
-    int getType() const override;
-    int getLength() const override;
-    unsigned char* getData() const override;
     // Keeps the first 600 bytes; a negative length counts as 0.
     void read(unsigned char* data, int len) override;
+    int getLength() const override;
+    unsigned char* getData() const override;
     pt::string toString() const override;
 
   private:
@@ -189,7 +192,7 @@ class PlaybackDataPacket : public Packet {
 
 // The settings of all 16 channels of the system. Payload: 48 bytes, for each channel its BeepType,
 // its TriggerType and its trigger delay in seconds. A new packet holds the default settings.
-class LineSettingsPacket : public Packet {
+class LineSettingsPacket : public PacketOf<PACKET_LINE_SETTINGS> {
   public:
     LineSettingsPacket();
     // A copy for a further board, stamped with the time of the copy.
@@ -200,7 +203,6 @@ class LineSettingsPacket : public Packet {
     unsigned char getTrigType(int channel) const;
     unsigned char getTrigDelaySecs(int channel) const;
 
-    int getType() const override;
     int getLength() const override;
     unsigned char* getData() const override;
     // Keeps the first 48 bytes; the entries that fewer bytes do not reach keep the defaults, so
@@ -212,25 +214,25 @@ class LineSettingsPacket : public Packet {
     unsigned char data[48];
 };
 
-template <class Byte, int CAPACITY>
-TextPacket<Byte, CAPACITY>::TextPacket(int leadingByte, const char* text, int count) : data{} {
+template <PacketType TYPE, int CAPACITY>
+TextPacket<TYPE, CAPACITY>::TextPacket(int leadingByte, const char* text, int count) : data{} {
     const int kept = std::clamp(count, 0, kMaxCharacters);
-    bytes()[0] = static_cast<unsigned char>(leadingByte);
-    bytes()[1] = static_cast<unsigned char>(kept);
-    std::copy_n(text, kept, bytes() + kHeaderLength);
+    data[0] = static_cast<unsigned char>(leadingByte);
+    data[1] = static_cast<unsigned char>(kept);
+    std::copy_n(text, kept, data + kHeaderLength);
 }
 
-template <class Byte, int CAPACITY>
-void TextPacket<Byte, CAPACITY>::read(unsigned char* theData, int length) {
+template <PacketType TYPE, int CAPACITY>
+void TextPacket<TYPE, CAPACITY>::read(unsigned char* theData, int length) {
     if (length < kHeaderLength) {
-        bytes()[0] = bytes()[1] = 0;
+        data[0] = data[1] = 0;
         return;
     }
-    std::copy_n(theData, std::min(length, CAPACITY), bytes());
-    bytes()[1] = static_cast<unsigned char>(std::min<int>(bytes()[1], CAPACITY - kHeaderLength));
+    std::copy_n(theData, std::min(length, CAPACITY), data);
+    data[1] = static_cast<unsigned char>(std::min<int>(data[1], CAPACITY - kHeaderLength));
 }
 
-template <class Byte, int CAPACITY>
-pt::string TextPacket<Byte, CAPACITY>::characters() const {
-    return pt::string(reinterpret_cast<const char*>(bytes() + kHeaderLength), bytes()[1]);
+template <PacketType TYPE, int CAPACITY>
+pt::string TextPacket<TYPE, CAPACITY>::characters() const {
+    return {reinterpret_cast<const char*>(data + kHeaderLength), data[1]};
 }

@@ -2,10 +2,6 @@
 
 #include "Packet.h"
 
-int PlaybackDataPacket::getType() const {
-    return PACKET_PLAYBACK_DATA;
-}
-
 int PlaybackDataPacket::getLength() const {
     return length;
 }

@@ -35,10 +35,6 @@ void RecordedDataPacket::addAudioData(int channel, unsigned char* data) {
     }
 }
 
-int RecordedDataPacket::getType() const {
-    return PACKET_RECORDED_DATA;
-}
-
 int RecordedDataPacket::getLength() const {
     return numberOfChannels * dataLengthPerChannel + kHeaderLength;
 }

@@ -3,10 +3,6 @@
 TriggerPacket::TriggerPacket(bool startCall, int channel)
     : data{static_cast<unsigned char>(startCall ? 1 : 0), static_cast<unsigned char>(channel)} {}
 
-int TriggerPacket::getType() const {
-    return PACKET_TRIGGER;
-}
-
 int TriggerPacket::getLength() const {
     return sizeof(data);
 }

@@ -88,7 +88,7 @@ TEST_F(Launcher, RefusesWrongUsageInOneLine) {
 
 TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEnds) {
     std::ofstream(folder / "data") << "no program\n";
-    const std::string granted = "stubborn: granted\n";
+    const std::string granted = "user ask granted\n";
     const std::string untilUp =
         "-- sh -c 'echo up >$files/up; exec sleep 60' & "
         "until [ -s $files/up ]; do sleep 0.05; done; rm $files/up; ";
@@ -96,15 +96,18 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEnds) {
         {"-- sh -c 'exit 7'", 7, "", "card 0: 4 channels"},
         {"-- no-such-program", 127, "", "cardsim: cannot start no-such-program: No such file"},
         {"-- $files/data", 126, "", "/data: Permission denied"},
-        {"-- $user crash", 128 + SIGABRT, "crash: granted\n", "\n  1 port accesses in "},
-        {"--seconds 0.2 -- $user stubborn", 0, granted, "report of the cards"},
-        {"--seconds 7 --virtual-time -- $user stubborn", 0, granted, " in 7.000 s"},
-        {"-- sh -c '$user fork; $user second'", 0,
-         "fork: granted\nchild: EBUSY\nparent reads 0\nsecond: EBUSY\n",
-         "cardsim: no simulated cards for process "},
+        {"-- $user user ask data abort", 128 + SIGABRT, granted + "user data 0\n",
+         "\n  1 port accesses in "},
+        {"--seconds 0.2 -- $user user ask sleep", 0, granted,
+         "the program never touched the cards"},
+        {"--seconds 7 --virtual-time -- $user user ask data sleep", 0, granted + "user data 0\n",
+         " in 7.000 s"},
         // The script ends at once; what it has started has to be killed.
-        {"--seconds 0.5 -- sh -c '$user stubborn & echo $! >$files/pid; wait'", 0, granted,
+        {"--seconds 0.5 -- sh -c '$user user ask sleep & echo $! >$files/pid; wait'", 0, granted,
          "report of the cards"},
+        // By hand, without the page that the launcher shares.
+        {"-- env CARDSIM_SHARED_PAGE=$files/data $user user ask device", 0,
+         "user ask ENODEV\nuser device ENODEV\n", "are not of one build"},
         {untilUp + "kill -TERM $!; wait $!", 128 + SIGTERM, "", "report of the cards"},
         {untilUp + "kill -HUP $!; wait $!", 128 + SIGHUP, "", "report of the cards"},
         {"--seed 5 -- sh -c 'cat >$files/in; printf \"<%s>\" \"$@\"; echo aside >&2' "
@@ -122,6 +125,24 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEnds) {
     EXPECT_FALSE(fs::exists("/proc/" + std::to_string(std::stoi(contentOf(folder / "pid")))));
 }
 
+TEST_F(Launcher, GivesTheCardsToOneProcessAtATimeAndTheirMemoryToAll) {
+    // Z names the process that comes first; when it has ended, the next one gets its cards anew.
+    const Outcome outcome = cardsim(
+        "--report $files/report -- sh -c 'mkfifo $files/go; $user Z ask memory run data hold "
+        "<$files/go >$files/Z & exec 3>$files/go; until grep -q data $files/Z; do sleep 0.05; done;"
+        "$user Y memory ask data fork device | sed s/$!/Z/; exec 3>&-; wait; cat $files/Z;"
+        "$user X ask memory data'");
+    EXPECT_EQ(outcome.out,
+              "Y memory of Z 7\nY ask granted\nY data 65535\nchild device 255\nparent device 255\n"
+              "Z ask granted\nZ memory locked 0\nZ run done\nZ data 255\nZ hold done\n"
+              "X ask granted\nX memory locked 7\nX data 0\n");
+    EXPECT_THAT(outcome.err, ContainsRegex("cardsim: process [0-9]+ touched a port while process "
+                                           "[0-9]+ has the cards: nobody answers it\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("  3 port accesses by processes that had not the cards"));
+    EXPECT_EQ(report()["strangerAccesses"], 3);
+    EXPECT_EQ(report()["portAccesses"], 3);
+}
+
 TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeedAndAllThatTheCardsSaw) {
     const std::string options =
         "--cards 4,8 --seconds 600 --traffic --fault nonsense@1% --speaker $files/speaker --seed ";
@@ -135,6 +156,7 @@ TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeedAndAllThatTheCardsSaw) {
     EXPECT_EQ(first.status, 0);
     EXPECT_THAT(first.out, HasSubstr("Transfer Count = "));
     EXPECT_EQ(seen["elapsedMicroseconds"], 600'000'000);
+    EXPECT_EQ(seen["strangerAccesses"], 0);
     const json& cards = seen["cards"];
     ASSERT_EQ(cards.size(), 2u);
     for (const json& card : cards) {

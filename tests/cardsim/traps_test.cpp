@@ -6,8 +6,10 @@
 #include <signal.h>
 #include <sys/io.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "ScriptedCards.h"
@@ -117,26 +119,72 @@ TEST_F(Traps, TurnThePortDeviceAndNothingElseIntoPortAccessesByteByByte) {
     answer = 0x77;
     EXPECT_EQ(3, read(ports, bytes, 3));
     EXPECT_THAT(bytes, ElementsAre(0x77, 0x77, 0x77));
-    const std::vector<PortAccess> expected = {reads(0x302, 0xDDCCBBAA), writes(0x303, 0x12),
-                                              writes(0x304, 0x34),      reads(0x305, 0x77),
-                                              reads(0x306, 0x77),       reads(0x307, 0x77)};
+    std::vector<PortAccess> expected = {reads(0x302, 0xDDCCBBAA), writes(0x303, 0x12),
+                                        writes(0x304, 0x34),      reads(0x305, 0x77),
+                                        reads(0x306, 0x77),       reads(0x307, 0x77)};
     EXPECT_EQ(expected, hardware.accesses);
     EXPECT_EQ("111111", hardware.widths);
+    // A copy stands where the first one does, and stays when that is closed.
+    const int copy = dup(other);
+    const int further = fcntl(ports, F_DUPFD, 0);
+    EXPECT_EQ(copy, dup2(ports, copy));
     EXPECT_EQ(0, close(ports));
+    EXPECT_EQ(0x308, lseek(copy, 0, SEEK_CUR));
+    EXPECT_EQ(1, pwrite(copy, "\x56", 1, 0x30E));
+    EXPECT_EQ(1, write(further, "\x78", 1));
+    const iovec part{bytes, 1};
+    EXPECT_EQ(-1, writev(other, &part, 1));
+    expected.push_back(writes(0x30E, 0x56));
+    expected.push_back(writes(0x308, 0x78));
+    EXPECT_EQ(expected, hardware.accesses);
+    for (const int fd : {copy, further, other}) {
+        close(fd);
+    }
     // A file that gets the number of a closed one is a plain file, made as it should be.
     const std::string path = testing::TempDir() + "traps-" + std::to_string(getpid());
     const int plain = open64(path.c_str(), O_RDWR | O_CREAT, 0600);
     struct stat status {};
-    EXPECT_EQ(ports, plain);
+    EXPECT_EQ(copy, plain);
     EXPECT_EQ(3, write(plain, "abc", 3));
     EXPECT_EQ(0, fstat(plain, &status));
     EXPECT_EQ(0600u, status.st_mode & 0777);
     close(plain);
-    close(other);
     unlink(path.c_str());
     EXPECT_EQ(-1, open("/dev/ports", O_RDWR));
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(expected, hardware.accesses);
+}
+
+TEST_F(Traps, OpenTheDevicesAsTheFlagsSayAndInNoOtherWay) {
+    const int folder = open("/dev", O_PATH);
+    for (const auto& [name, shared] : {std::pair("/dev/mem", MAP_SHARED), {"/dev/port", 0}}) {
+        for (const int mode : {O_RDONLY, O_WRONLY, O_RDWR}) {
+            const int file = openat(folder, name + 5, mode | O_TRUNC);
+            const int closing = open64(name, mode | O_CLOEXEC);
+            EXPECT_EQ(mode, fcntl(file, F_GETFL) & O_ACCMODE);
+            EXPECT_EQ(0, fcntl(file, F_GETFD));
+            EXPECT_EQ(FD_CLOEXEC, fcntl(closing, F_GETFD));
+            char byte = 0;
+            const auto errnoOf = [](ssize_t result) { return result == -1 ? errno : 0; };
+            EXPECT_EQ(mode == O_WRONLY ? EBADF : 0, errnoOf(pread(file, &byte, 1, 0xD0300)));
+            EXPECT_EQ(mode == O_RDONLY ? EBADF : 0, errnoOf(pwrite(file, &byte, 1, 0xD0300)));
+            if (shared != 0) {
+                void* const page = mmap(nullptr, 1, PROT_READ | PROT_WRITE, shared, file, 0xD0000);
+                EXPECT_EQ(mode == O_RDWR ? 0 : EACCES, errnoOf(page == MAP_FAILED ? -1 : 0));
+            }
+            close(file);
+            close(closing);
+        }
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(nullptr, fopen(name, "r"));
+        EXPECT_EQ(ENODEV, errno);
+        EXPECT_EQ(nullptr, freopen(name, "r", fopen("/dev/null", "r")));
+        EXPECT_EQ(-1, creat(name, 0600));
+        EXPECT_FALSE(std::ifstream("/dev/../dev/./" + std::string(name + 5)).is_open());
+        EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                    testing::ContainsRegex("^cardsim: process [0-9]+ may not fopen " +
+                                           std::string(name) + ": only open is simulated\n"));
+    }
 }
 
 TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
@@ -159,6 +207,22 @@ TEST_F(Traps, PassSleepsOfTheDrivingThreadOnInMicroseconds) {
     EXPECT_EQ(0, usleep(1));
     EXPECT_NE(-1, clock());
     EXPECT_THAT(hardware.slept_us, ElementsAre(5, 3'000'000, 2'345'679, 2'345'679, 3'600'000'000));
+}
+
+TEST_F(Traps, RefuseUrgencyThatWouldStarveTheMachine) {
+    const sched_param lowest{1}, none{0};
+    for (const int policy : {SCHED_FIFO, SCHED_RR | SCHED_RESET_ON_FORK}) {
+        EXPECT_EQ(EPERM, pthread_setschedparam(pthread_self(), policy, &lowest));
+        EXPECT_EQ(-1, sched_setscheduler(0, policy, &lowest));
+        EXPECT_EQ(EPERM, errno);
+    }
+    EXPECT_EQ(0, pthread_setschedparam(pthread_self(), SCHED_BATCH, &none));
+    EXPECT_EQ(SCHED_BATCH, sched_getscheduler(0));
+    EXPECT_EQ(0, sched_setscheduler(0, SCHED_OTHER, &none));
+    EXPECT_EQ(SCHED_OTHER, sched_getscheduler(0));
+    // In real time it is the C library that answers, here to nonsense.
+    hardware.keepsTime = false;
+    EXPECT_EQ(EINVAL, pthread_setschedparam(pthread_self(), SCHED_FIFO, &none));
 }
 
 TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {

@@ -4,11 +4,13 @@
 #include <signal.h>
 #include <ucontext.h>
 
+#include <cstring>
 #include <random>
 
 #include "BoardMgr.h"
 #include "DSPBoardEightChannel.h"
 #include "DSPBoardFourChannel.h"
+#include "MonitorBuffer.h"
 #include "ScriptedCards.h"
 #include "Surroundings.h"
 #include "model/TransferLayout.h"
@@ -259,7 +261,7 @@ TEST_P(Board, ExchangesBuffersOfAnyContentAsTheClientWants) {
             four->printDebugBuffer();
             dueDebugWords();
         }
-        EXPECT_EQ(packets, takeReports(true)) << "round " << round;
+        EXPECT_EQ(packets, reportsIn(takePackets(), true)) << "round " << round;
         EXPECT_EQ(out, console.take().out);
         EXPECT_EQ(err, console.err);
         EXPECT_TRUE(due == memory);

@@ -1,23 +1,18 @@
 // The whole driver on simulated cards, in virtual time: detection, boot, the read/write cycle, and
 // the road of audio, reports and commands in both directions.
-#include <jni.h>
-
 #include <numeric>
 #include <thread>
 
 #include "BoardMgr.h"
+#include "JavaVm.h"
 #include "MonitorBuffer.h"
 #include "Surroundings.h"
 #include "javaint/DSPRunner.h"
 #include "pc/SimulatedPc.h"
 
 #define NATIVE(method) Java_com_zivolt_hardware_dsp_cppint_CPPBridge_##method
-extern "C" {
-void NATIVE(startRecording)(JNIEnv*, jobject);
-void NATIVE(stopRecording)(JNIEnv*, jobject);
-void NATIVE(setPlayback)(JNIEnv*, jobject, jboolean);
-}
-int benchProgram();
+
+int benchProgram(int count, char** arguments);
 
 namespace {
 
@@ -109,11 +104,11 @@ TEST_P(EachPairing, IsFoundBootedServedThousandsOfTransfersAndHeard) {
         manager.setMonitorChannel(-1);
         EXPECT_TRUE(MonitorBuffer::getInstance().isEmpty());
     });
-    std::vector<Bytes> reports, call = {{2, line1, 3, '0', '4', '0'},
-                                        {1, 1, line1},
-                                        {3, line1, 2, '1', '#'},
-                                        {1, 1, line1},
-                                        {1, 0, line1}};
+    const std::vector<Bytes> call = {{2, line1, 3, '0', '4', '0'},
+                                     {1, 1, line1},
+                                     {3, line1, 2, '1', '#'},
+                                     {1, 1, line1},
+                                     {1, 0, line1}};
     if (boards > 0) {
         cardsim::Line& line = pc->line(last, 1);
         const std::function<void()> events[] = {
@@ -128,20 +123,18 @@ TEST_P(EachPairing, IsFoundBootedServedThousandsOfTransfersAndHeard) {
     }
     bootAndRun();
 
+    const Packets packets = takePackets();
     std::uint32_t transfers[2] = {}, counters[2] = {};
     std::string monitored;
-    for (const auto& packet : takePackets()) {
-        const unsigned char* const bytes = packet->getData();
-        if (packet->getType() != PACKET_RECORDED_DATA) {
-            reports.push_back(typeAndPayload(*packet));
-            continue;
-        }
-        const int board = bytes[1] == 0 ? 0 : 1, portBytes = 2400 / channels[board];
-        const std::uint32_t counter = bytes[4] | bytes[5] << 8;  // the pattern of audio has it
-        counters[board] = transfers[board]++ == 0 ? counter : counters[board] + 1;
-        ASSERT_EQ(counters[board], counter);
-        if (board == last) {
-            monitored.append(bytes + 2 + 2 * portBytes, bytes + 2 + 3 * portBytes);
+    for (const auto& packet : packets) {
+        if (packet->getType() == PACKET_RECORDED_DATA) {
+            const unsigned char* const bytes = packet->getData();
+            const int board = bytes[1] == 0 ? 0 : 1, portBytes = 2400 / channels[board];
+            const std::uint32_t counter = bytes[4] | bytes[5] << 8;  // in the pattern of the audio
+            counters[board] = transfers[board]++ == 0 ? counter : counters[board] + 1;
+            ASSERT_EQ(counters[board], counter);
+            monitored.append(bytes + 2 + 2 * portBytes,
+                             bytes + 2 + (board == last ? 3 : 2) * portBytes);
         }
     }
     for (int board = 0; board < boards; ++board) {
@@ -162,7 +155,7 @@ TEST_P(EachPairing, IsFoundBootedServedThousandsOfTransfersAndHeard) {
     EXPECT_EQ(transfers[0] + transfers[1] + (boards > 0 ? 6 : 0),
               report(0).served + report(1).served);
     if (boards > 0) {
-        EXPECT_EQ(call, reports);
+        EXPECT_EQ(call, reportsIn(packets));
         const std::size_t block = 2400 / channels0;
         EXPECT_THAT(monitored, HasSubstr(heard.substr(10 * block, block)));
         EXPECT_EQ('\x55', heard[heard.size() - block]) << "silence again";
@@ -219,7 +212,7 @@ TEST_P(LockUp, RebootsAllCardsAtTheSeventh) {
     }
     powerUp(4, 4, 90'000, faults);
     bootAndRun();
-    const auto reports = takeReports();
+    const auto reports = reportsIn(takePackets());
     EXPECT_THAT(reports, Contains(errorReport(3, "DSP Board Locked Up")).Times(onCard0 + onCard1));
     // The counter starts over with the firmware.
     EXPECT_EQ(boots > 1, Matches(Contains(errorReport(1, "Missed Xfer ")))(reports));
@@ -244,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(Cards, LockUp,
 TEST_F(Cycle, IsRunByTheBenchProgramWithAllSwitchedOn) {
     powerUp(4, 8, 20'000);
     pc->at(10'000, [this] { pc->line(1, 5).callFrom("040"); });
-    EXPECT_THROW(benchProgram(), cardsim::PowerOff);
+    EXPECT_THROW(benchProgram(1, nullptr), cardsim::PowerOff);
     EXPECT_THAT(console.take().err,
                 HasSubstr("\nBootload succeeded\nNo Trying to read write dsps\nBoardMgr::readWr"));
     EXPECT_THAT(console.out,
@@ -255,7 +248,7 @@ TEST_F(Cycle, IsRunByTheBenchProgramWithAllSwitchedOn) {
 
 TEST_F(Cycle, GoesOnWithoutCardsWhenOneDoesNotBoot) {
     powerUp(4, 4, 5000, {Fault{FaultKind::kByteRefused, 0, 100}});
-    EXPECT_THROW(benchProgram(), cardsim::PowerOff);
+    EXPECT_THROW(benchProgram(1, nullptr), cardsim::PowerOff);
     EXPECT_THAT(console.take().err,
                 AllOf(HasSubstr("Boot Section failed addr=0x"),
                       EndsWith("BoardMgr calling bootload on board 1\nBootload failed\n"

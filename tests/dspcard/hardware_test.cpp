@@ -134,8 +134,8 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
     EXPECT_FALSE(detector.portTest(0));
     EXPECT_EQ(0, detector.numChannels(0));
     cards.devPortErrno = 0;
-    const int descriptor = dup(0);  // the next one that is free
-    close(descriptor);
+    const int next = dup(0);  // /dev/port gets one of the next descriptors
+    close(next);
     EXPECT_FALSE(detector.portTest(2));
     EXPECT_EQ(0, detector.numChannels(2));
     cards.registers[0x305] = 0xAB;
@@ -146,7 +146,9 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
     EXPECT_EQ(4, memory[0x1003]);
     cardsim::attachHardware(nullptr);
     for (const int way : {O_WRONLY, O_RDONLY}) {  // a device that fails one way only
-        dup2(open("/dev/null", way), descriptor);
+        for (int descriptor = next; descriptor < next + 4; ++descriptor) {
+            dup2(open("/dev/null", way), descriptor);
+        }
         EXPECT_EQ(way == O_WRONLY ? -1 : 0, detector.readPort(0x300));
         detector.writePort(1, 0x300);
     }
@@ -167,7 +169,7 @@ TEST_F(Hardware, MakesNoBoardWithoutItsMemory) {
     EXPECT_EQ(0, BoardMgr::getInstance().getNumberOfBoards());
     EXPECT_EQ(nullptr, BoardMgr::getInstance().getBoard(0));
     EXPECT_EQ(nullptr, BoardMgr::getInstance().getDSPMemory());
-    EXPECT_THAT(takeReports(), ElementsAre(errorReport(4, "Card memory not mapped")));
+    EXPECT_THAT(reportsIn(takePackets()), ElementsAre(errorReport(4, "Card memory not mapped")));
     EXPECT_THAT(console.take().err, AllOf(HasSubstr("Detected 1 boards\nBoard0 has 4 channels\n"),
                                           EndsWith("ERROR! Card memory not mapped\n")));
 }

@@ -25,14 +25,72 @@ forbid() {
     fi
 }
 
-driver_headers=$(find dspcard -name '*.h' -printf '%f|' | sed 's/|$//; s/\./\\./g')
-simulation_headers=$(find cardsim -name '*.h' -printf '%f|' | sed 's/|$//; s/\./\\./g')
-[[ -n $driver_headers && -n $simulation_headers ]] || { echo 'no headers found'; exit 1; }
+# Which room a file is in. The rooms and their arrows are those drawn in ARCHITECTURE.md.
+room_of() {
+    case $1 in
+        dspcard/Console* | dspcard/MadeOnce.h) room=console ;;
+        dspcard/javaint/*Packet.* | dspcard/javaint/MessageDispatcher.* | dspcard/ErrorReport.* | \
+            dspcard/LineSettingsCmd.h) room=packets ;;
+        dspcard/DirectIO.* | dspcard/MemIO.* | dspcard/DSPDetect.* | dspcard/DSPBootLoader.* | \
+            dspcard/BootLoadFile.* | dspcard/SectionFile.* | dspcard/RegularFile.h | \
+            dspcard/FileDescriptor.h | dspcard/Card*.h) room=hardware ;;
+        dspcard/DSPBoard* | dspcard/DSPTransferBoard.* | dspcard/DSPMessageBuffer.h | \
+            dspcard/MonitorBuffer.* | dspcard/CircularBuffer.h | dspcard/TriggerLevels.h) room=boards ;;
+        dspcard/BoardMgr.*) room=manager ;;
+        dspcard/javaint/JavaBridge.cpp | dspcard/javaint/DSPRunner.* | dspcard/Precedence.* | \
+            dspcard/boardMgrTest.cpp) room=entrances ;;
+        cardsim/* | tools/cardcheck/*) room=${1%/*} ;;
+        *) room=${1%%/*} ;;
+    esac
+}
 
-forbid 'the simulation includes the driver' \
-    "#include.*(dspcard/|[\"/<]($driver_headers)[\">])" -- cardsim
-forbid 'the driver includes the simulation' \
-    "#include.*(cardsim/|[\"/<]($simulation_headers)[\">])" -- dspcard ptypes
+# From each room, the rooms that it may include from, besides itself.
+declare -A arrows=(
+    [ptypes]=''
+    [console]='ptypes'
+    [packets]='console ptypes'
+    [hardware]='console ptypes'
+    [boards]='hardware packets console ptypes'
+    [manager]='boards hardware packets console ptypes'
+    [entrances]='manager boards hardware packets console ptypes'
+    [tools/cardcheck]='boards hardware'
+    [cardsim/model]=''
+    [cardsim/traps]=''
+    [cardsim/pc]='cardsim/model cardsim/traps'
+    [cardsim/scenario]='cardsim/model'
+    [cardsim/config]='cardsim/pc cardsim/model'
+    [cardsim/preload]='cardsim/config cardsim/pc cardsim/model cardsim/traps'
+    [cardsim/launcher]='cardsim/config cardsim/scenario cardsim/pc cardsim/model'
+)
+
+# Each include of a file of the house: who, and whom.
+includes() {
+    local file included folder
+    grep -rnoE '^#include ["<][^">]+' --include='*.h' --include='*.cpp' \
+        dspcard ptypes cardsim tools/cardcheck | sed -E 's/:[0-9]+:#include ["<]/ /' |
+        while read -r file included; do
+            for folder in "${file%/*}" dspcard cardsim ptypes/include; do
+                target=$folder/$included
+                while [[ $target =~ ^(.*/)?[^/]+/\.\./(.*)$ ]]; do
+                    target=${BASH_REMATCH[1]}${BASH_REMATCH[2]}
+                done
+                [[ ! -e $target ]] || { printf '%s %s\n' "$file" "$target" && break; }
+            done
+        done
+}
+
+edges=$(includes)
+[[ -n $edges ]] || { echo 'no includes found'; exit 1; }
+tsort <<<"$edges" >/dev/null || failed=1 # it names the files of a circle
+while read -r from to; do
+    room_of "$from" && from_room=$room
+    room_of "$to"
+    [[ $room == "$from_room" || " ${arrows[$from_room]-} " == *" $room "* ]] || {
+        printf 'no arrow from %s to %s: %s includes %s\n' "$from_room" "$room" "$from" "$to"
+        failed=1
+    }
+done <<<"$edges"
+
 forbid 'the driver knows of the simulation' 'cardsim|[Ss]imulat' -- dspcard ptypes
 forbid 'ports are read or written outside the hardware classes' '\b(inw|outw|inb|outb|inl|outl)\b' \
     --but DSPBoard.cpp --but DSPBootLoader.cpp -- dspcard ptypes

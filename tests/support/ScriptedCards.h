@@ -27,8 +27,14 @@ inline PortAccess writes(int port, std::uint32_t value) {
 
 class ScriptedCards : public cardsim::Hardware {
   public:
-    ScriptedCards() { cardsim::attachHardware(this); }
-    ~ScriptedCards() override { cardsim::attachHardware(nullptr); }
+    ScriptedCards() {
+        cardsim::attachHardware(this);
+        fail(ftruncate(memoryFile, 0xD4000));
+    }
+    ~ScriptedCards() override {
+        cardsim::attachHardware(nullptr);
+        close(memoryFile);
+    }
 
     std::uint32_t in(std::uint16_t port, int bytes) override {
         elapsed_us += accessTime_us;
@@ -48,9 +54,8 @@ class ScriptedCards : public cardsim::Hardware {
     }
     int grantPorts() override { return fail(portsErrno); }
     int openPorts() override { return fail(++openings == lostOpening ? EMFILE : devPortErrno); }
-    int openMemory() override {
-        const int file = fail(devMemErrno) == 0 ? memfd_create("card memory", 0) : -1;
-        return file != -1 && ftruncate(file, 0xD4000) == 0 ? file : -1;
+    std::string memoryPath() override {
+        return fail(devMemErrno) == 0 ? "/proc/self/fd/" + std::to_string(memoryFile) : "";
     }
     bool sleep(std::uint64_t microseconds) override {
         slept_us.push_back(microseconds);
@@ -59,7 +64,7 @@ class ScriptedCards : public cardsim::Hardware {
     }
     bool processorTime(std::clock_t& ticks) override {
         ticks = elapsed_us;
-        return true;
+        return keepsTime;
     }
 
     std::map<int, std::uint32_t> registers;
@@ -71,6 +76,7 @@ class ScriptedCards : public cardsim::Hardware {
     std::string widths;  // of the accesses, in bytes
     std::vector<std::uint64_t> slept_us;
     std::clock_t elapsed_us = 0, accessTime_us = 1;
+    bool keepsTime = true;  // by what is slept and accessed; otherwise the machine does
     int portsErrno = 0, devPortErrno = 0, devMemErrno = 0;
     int lostOpening = 0;  // the opening of /dev/port that fails, from 1; 0: none does
 
@@ -87,5 +93,6 @@ class ScriptedCards : public cardsim::Hardware {
         return number == 0 ? 0 : -1;
     }
 
+    const int memoryFile = memfd_create("card memory", 0);
     int openings = 0;
 };

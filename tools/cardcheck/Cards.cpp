@@ -68,6 +68,10 @@ void checkCardMemory(Report& report, DSPDetect& detector, int slot, void* memory
 
 FoundCards checkCards(Report& report, const Access& access) {
     FoundCards found;
+    if (access.cardsInUse) {
+        report.skip("cards", "not touched: another process has them");
+        return found;
+    }
     if (!access.portDevice) {
         report.skip("cards", "need /dev/port");
         return found;

@@ -91,12 +91,11 @@ Fault faultOf(const BootLoadFile::Record& record) {
     if (!record.isValid()) {
         return {record.problem, kCorrectRecord};
     }
-    if (Fault fault = faultOfDropped("address", record.droppedFromAddress, record.address);
+    if (Fault fault = faultOfDropped("address", record.addressToken.text[0], record.address);
         fault.isThere()) {
         return fault;
     }
-    if (Fault fault =
-            faultOfDropped("size", record.droppedFromSize, static_cast<unsigned long>(record.size));
+    if (Fault fault = faultOfDropped("size", record.sizeToken.text[0], record.size);
         fault.isThere()) {
         return fault;
     }
@@ -114,21 +113,20 @@ Fault faultOf(const BootLoadFile::Record& record) {
 
 // Reads as many words of the section as the record wants; the checksum is of those.
 Fault readSection(const BootLoadFile::Record& record, std::uint16_t& checksum) {
-    SectionFile section(record.sectionFileName);
+    SectionFile section(record.sectionFile.text);
     if (!section.isOpen()) {
-        return faultOfMissing(record.sectionFileName);
+        return faultOfMissing(record.sectionFile.text);
     }
-    int wordsRead = 0;
+    unsigned long wordsRead = 0;
     while (wordsRead < record.size) {
         SectionFile::Words words;
-        const int more = section.read(words, record.size - wordsRead);
+        const int more = section.read(words, static_cast<int>(record.size - wordsRead));
         if (more == 0) {
-            return {std::string(record.sectionFileName) + " ends after " +
-                        counted(static_cast<unsigned>(wordsRead), "word") + " of " +
-                        std::to_string(record.size),
+            return {std::string(record.sectionFile.text) + " ends after " +
+                        counted(wordsRead, "word") + " of " + std::to_string(record.size),
                     "copy the section file anew, or correct the size in the record"};
         }
-        wordsRead += more;
+        wordsRead += static_cast<unsigned long>(more);
     }
     checksum = section.checksum();
     return {};
@@ -174,11 +172,11 @@ class LoadFileCheck {
             report.fail(row, fault.cause, fault.fix);
             return;
         }
-        totalWords += static_cast<unsigned>(record.size);
+        totalWords += record.size;
         totalChecksum = static_cast<std::uint16_t>(totalChecksum + checksum);
-        report.pass(row, std::string(record.sectionFileName) + ", " +
-                             counted(static_cast<unsigned>(record.size), "word") + " to " +
-                             hex(record.address, 4) + ", checksum " + std::to_string(checksum));
+        report.pass(row, std::string(record.sectionFile.text) + ", " +
+                             counted(record.size, "word") + " to " + hex(record.address, 4) +
+                             ", checksum " + std::to_string(checksum));
     }
 
     void sumUp() {
@@ -211,7 +209,7 @@ class LoadFileCheck {
     BootLoadFile file;
     bool isReadable = true;
     int wrongRecords = 0;
-    unsigned totalWords = 0;
+    unsigned long totalWords = 0;
     std::uint16_t totalChecksum = 0;  // modulo 0x10000, as that of a section
 };
 

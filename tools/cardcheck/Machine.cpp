@@ -152,6 +152,12 @@ void* checkMemory(Report& report, const Rights& rights, DirectIO& hardware) {
         return memory;
     }
     report.pass(kDevice, "opens for reading and writing");
+    if (hardware.getFailure() == DirectIO::Failure::kMemoryInUse) {
+        const std::string holder = hardware.getHolder();
+        report.fail(kMapping, "the cards are in use by " + holder,
+                    "end " + holder + ", then check again");
+        return memory;
+    }
     const std::string region =
         hex(kCardMemBase, 5) + " to " + hex(kCardMemBase + kCardMemLength - 1, 5);
     if (memory != nullptr) {
@@ -205,6 +211,7 @@ Access checkMachine(Report& report, const Rights& rights) {
     Access access;
     access.portDevice = checkPortDevice(report, rights);
     access.memory = checkMemory(report, rights, hardware);
+    access.cardsInUse = hardware.getFailure() == DirectIO::Failure::kMemoryInUse;
     return access;
 }
 

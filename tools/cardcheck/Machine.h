@@ -22,6 +22,7 @@ Rights readRights();
 // What the checks could get hold of.
 struct Access {
     bool portDevice = false;
+    bool cardsInUse = false;  // by another process: no port may be touched
     void* memory = nullptr;  // of both cards; null when it cannot be mapped
 };
 // A refusal is put down to the rights, so that nobody is told to become what he is already.

@@ -2,19 +2,23 @@ package com.zivolt.hardware.dsp.bench;
 
 import com.zivolt.hardware.dsp.cppint.CPPBridge;
 import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Locale;
 import java.util.function.Supplier;
 
 /**
- * What getPacket costs in a Java VM, beside a bare native method that makes and fills an array of
- * the same size. Usage: {@code GetPacketBench RESULTS ROUNDS}. Both are called in turns, in batches,
- * once the VM has compiled them; each batch is a sample.
+ * What getPacket costs in a Java VM, beside a bare native method that makes the same calls into the
+ * VM. Usage: {@code GetPacketBench RESULTS ROUNDS}. Both are called in turns, in batches, once the
+ * VM has compiled them; each batch is a sample. The results are JSON in the form of Google
+ * Benchmark.
  */
 public final class GetPacketBench {
     private static final int BATCH = 10;
     private static final int WARM_UP_ROUNDS = 1000;
     private static final int FRAME_LENGTH = 2413;
-
-    private static int seen;
 
     private GetPacketBench() {
     }
@@ -28,43 +32,43 @@ public final class GetPacketBench {
     public static void main(String[] args) throws IOException {
         int rounds = Integer.parseInt(args[1]);
         CPPBridge bridge = new CPPBridge();
-        Results results = new Results();
+        List<String> samples = new ArrayList<>();
         for (int round = -WARM_UP_ROUNDS; round < rounds; ++round) {
-            double floor = perCall(() -> Floor.filledArray(FRAME_LENGTH), FRAME_LENGTH);
-            double stores = perCall(() -> Floor.framedArray(FRAME_LENGTH), FRAME_LENGTH);
-            Floor.queueAudio(BATCH);
-            double driver = perCall(bridge::getPacket, FRAME_LENGTH);
-            double emptyFloor = perCall(Floor::nothing, 0);
-            double emptyDriver = perCall(bridge::getPacket, 0);
+            double floor = perCall(() -> floor(FRAME_LENGTH));
+            queueAudio(BATCH);
+            double driver = perCall(bridge::getPacket);
             if (round >= 0) {
-                results.add("getPacket_floor", "cpu_time", floor);
-                results.add("getPacket_stores", "cpu_time", stores);
-                results.add("getPacket_driver", "cpu_time", driver);
-                results.add("getPacket_empty_floor", "cpu_time", emptyFloor);
-                results.add("getPacket_empty_driver", "cpu_time", emptyDriver);
-                boolean early = round < rounds / 10;
-                if (early || round >= rounds - rounds / 10) {
-                    results.add("getPacket_age", early ? "first_ns" : "last_ns", driver);
-                }
+                samples.add(sample("getPacket_floor", floor));
+                samples.add(sample("getPacket_driver", driver));
             }
         }
-        results.write(args[0]);
-        System.out.println("GetPacketBench: " + seen + " bytes seen");
+        Files.writeString(Path.of(args[0]),
+                "{\"benchmarks\": [\n" + String.join(",\n", samples) + "\n]}\n");
     }
 
-    /** Nanoseconds a call; every call must yield that many bytes, 0 standing for null. */
-    private static double perCall(Supplier<byte[]> method, int expectedLength) {
+    /** Makes an array of that length as a frame is made. */
+    private static native byte[] floor(int length);
+
+    /** Puts that many packets of recorded audio where the driver's getPacket finds them. */
+    private static native void queueAudio(int packets);
+
+    /** Nanoseconds a call; every call must yield a frame. */
+    private static double perCall(Supplier<byte[]> method) {
         int bytes = 0;
         long start = System.nanoTime();
         for (int i = 0; i < BATCH; ++i) {
-            byte[] frame = method.get();
-            bytes += frame == null ? 0 : frame.length;
+            bytes += method.get().length;
         }
         long end = System.nanoTime();
-        if (bytes != BATCH * expectedLength) {
+        if (bytes != BATCH * FRAME_LENGTH) {
             throw new IllegalStateException(bytes + " bytes came in " + BATCH + " calls");
         }
-        seen += bytes;
         return (end - start) / (double) BATCH;
+    }
+
+    private static String sample(String name, double value) {
+        return String.format(Locale.ROOT,
+                "  {\"run_name\": \"%s\", \"run_type\": \"iteration\", \"cpu_time\": %.3f}",
+                name, value);
     }
 }

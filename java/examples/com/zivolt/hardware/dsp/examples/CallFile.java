@@ -28,8 +28,8 @@ final class CallFile implements Closeable {
     }
 
     /** Never overwrites: a second call of the same line and millisecond gets another name. */
-    static CallFile create(Path folder, int channel, Instant start) throws IOException {
-        String name = "line%02d-%s".formatted(channel, STAMP.format(start));
+    static CallFile create(Path folder, int line, Instant start) throws IOException {
+        String name = "line%02d-%s".formatted(line, STAMP.format(start));
         Path path = folder.resolve(name + ".raw");
         for (int i = 2; true; ++i) {
             try {

@@ -43,8 +43,8 @@ final class CallRecorder implements Closeable {
     }
 
     /** Whether anything has come from the line. */
-    boolean hasHeard(int channel) {
-        return lines.containsKey(channel);
+    boolean hasHeard(int number) {
+        return lines.containsKey(number);
     }
 
     boolean audioHeard() {
@@ -71,15 +71,15 @@ final class CallRecorder implements Closeable {
         if (event instanceof CardEvent.AudioRecorded audio) {
             record(audio);
         } else if (event instanceof CardEvent.CallStarted started) {
-            begin(line(started.channel()), started.time());
+            begin(line(started.line()), started.time());
         } else if (event instanceof CardEvent.CallEnded ended) {
-            end(line(ended.channel()), ended.time());
+            end(line(ended.line()), ended.time());
         } else if (event instanceof CardEvent.CallerIdentified identified) {
-            line(identified.channel()).heardCaller(identified.time(), identified.caller());
-            tell(identified.channel(), "caller " + identified.caller());
+            line(identified.line()).heardCaller(identified.time(), identified.caller());
+            tell(identified.line(), "caller " + identified.caller());
         } else if (event instanceof CardEvent.DigitsHeard heard) {
-            line(heard.channel()).heardDigits(heard.time(), heard.digits());
-            tell(heard.channel(), "digits " + heard.digits());
+            line(heard.line()).heardDigits(heard.time(), heard.digits());
+            tell(heard.line(), "digits " + heard.digits());
         } else if (event instanceof CardEvent.CardError error) {
             ++cardErrors;
             news.accept("CARD ERROR %d: %s".formatted(error.code(), error.message().strip()));
@@ -100,26 +100,26 @@ final class CallRecorder implements Closeable {
         attempt("close the call log", log::close);
     }
 
-    private RecordedLine line(int channel) {
-        return lines.computeIfAbsent(channel, RecordedLine::new);
+    private RecordedLine line(int number) {
+        return lines.computeIfAbsent(number, RecordedLine::new);
     }
 
     private void begin(RecordedLine line, Instant time) {
         if (line.callFile() != null) {
             return;  // reported once more because recording was started again
         }
-        attempt("record line " + line.channel(), () -> {
-            line.begin(CallFile.create(folder, line.channel(), time));
-            tell(line.channel(), "call started");
+        attempt("record line " + line.number(), () -> {
+            line.begin(CallFile.create(folder, line.number(), time));
+            tell(line.number(), "call started");
         });
     }
 
     private void record(CardEvent.AudioRecorded audio) {
         audioHeard = true;
-        int channel = audio.firstChannel();
+        int number = audio.firstLine();
         for (AudioBlock block : audio.blocks()) {
-            record(line(channel), block);
-            ++channel;
+            record(line(number), block);
+            ++number;
         }
     }
 
@@ -143,19 +143,19 @@ final class CallRecorder implements Closeable {
             return;
         }
         attempt("close " + file.path(), file::close);
-        boolean logged = attempt("log the call of line " + line.channel(),
-                () -> log.add(line.channel(), file.start(), time, line.caller(), line.digits(),
+        boolean logged = attempt("log the call of line " + line.number(),
+                () -> log.add(line.number(), file.start(), time, line.caller(), line.digits(),
                         line.bytes(), file.path()));
         if (logged) {
             ++calls;
         }
         line.end();
-        tell(line.channel(), "call ended, %d bytes in %s".formatted(line.bytes(),
+        tell(line.number(), "call ended, %d bytes in %s".formatted(line.bytes(),
                 file.path().getFileName()));
     }
 
-    private void tell(int channel, String what) {
-        news.accept("line %d: %s".formatted(channel, what));
+    private void tell(int number, String what) {
+        news.accept("line %d: %s".formatted(number, what));
     }
 
     private interface Step {

@@ -213,7 +213,7 @@ public final class LineRecorder implements Callable<Integer> {
         LineSettings.Builder builder = LineSettings.builder();
         try {
             builder.allLines(new LineSetting(trigger, beep, delay));
-            lines.forEach((channel, text) -> builder.line(channel, lineSetting(text)));
+            lines.forEach((line, text) -> builder.line(line, lineSetting(text)));
         } catch (IllegalArgumentException | TypeConversionException wrong) {
             throw new ParameterException(command, wrong.getMessage());
         }

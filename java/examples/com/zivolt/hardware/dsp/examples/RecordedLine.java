@@ -8,19 +8,19 @@ final class RecordedLine {
     /** A caller is identified while the line rings; so long may it ring before the call starts. */
     private static final Duration BELONGS_TO_NEXT_CALL = Duration.ofSeconds(60);
 
-    private final int channel;
+    private final int number;
     private CallFile callFile;
     private Instant heardAt = Instant.MIN;
     private String caller = "";
     private String digits = "";
     private long bytes;
 
-    RecordedLine(int channel) {
-        this.channel = channel;
+    RecordedLine(int number) {
+        this.number = number;
     }
 
-    int channel() {
-        return channel;
+    int number() {
+        return number;
     }
 
     /** The file of the running call; null when there is none. */

@@ -65,7 +65,7 @@ sealed interface RecorderView {
             screen.append(
                     "line  state      caller                digits                     bytes\n");
             for (RecordedLine line : lines) {
-                screen.append("%4d  %-9s  %-20.20s  %-20.20s  %9d%n".formatted(line.channel(),
+                screen.append("%4d  %-9s  %-20.20s  %-20.20s  %9d%n".formatted(line.number(),
                         line.callFile() != null ? "RECORDING" : "idle", printable(line.caller()),
                         printable(line.digits()), line.bytes()));
             }

@@ -9,6 +9,8 @@ import java.util.Optional;
 /**
  * The line cards, for applications that want events and settings rather than bytes.
  *
+ * <p>A card has lines; where the driver says board and channel, this client says card and line.
+ *
  * <p>The driver behind it is one per process and runs until the process ends; so there is nothing
  * to close, and a second client reaches the same cards. All methods may be called from any thread.
  * Events are delivered once: of several threads that poll each gets some of them, and only a client
@@ -120,11 +122,11 @@ public final class CardClient {
      * that settings and audio to be played wait until the monitoring ends: apply settings first,
      * and monitor once card 0's audio has come.
      *
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      * @throws IllegalArgumentException when there is no such line
      */
-    public void monitor(int channel) {
-        bridge.setMonitoring(LineSettings.checkedChannel(channel));
+    public void monitor(int line) {
+        bridge.setMonitoring(LineSettings.checkedLine(line));
     }
 
     /** Ends {@link #monitor}. */
@@ -159,10 +161,10 @@ public final class CardClient {
      * The number of lines of a card. Meaningful once the cards have been found, so as a rule when
      * the first audio has come.
      *
-     * @param board 0 or 1
+     * @param card 0 or 1
      * @return 4 or 8; 0 when there is no such card
      */
-    public int channelsOfBoard(int board) {
-        return bridge.getNumberOfChannels(board);
+    public int linesOfCard(int card) {
+        return bridge.getNumberOfChannels(card);
     }
 }

@@ -4,8 +4,8 @@ import java.time.Instant;
 import java.util.List;
 
 /**
- * What the cards report. Lines ({@code channel}) are numbered over all cards, 0 to 15: the lines of
- * the second card follow those of the first.
+ * What the cards report. Lines are numbered over all cards, 0 to 15: the lines of the second card
+ * follow those of the first.
  *
  * <p>The events of one transfer of one card come in this order: starts and ends of calls, then line
  * by line digits and caller identification, then the audio of all lines of the card.
@@ -23,54 +23,54 @@ public sealed interface CardEvent {
      * {@link AudioRecorded}, which follows.
      *
      * @param time see {@link CardEvent#time}
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      */
-    record CallStarted(Instant time, int channel) implements CardEvent {
+    record CallStarted(Instant time, int line) implements CardEvent {
     }
 
     /**
      * A line's trigger dropped: the call ended.
      *
      * @param time see {@link CardEvent#time}
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      */
-    record CallEnded(Instant time, int channel) implements CardEvent {
+    record CallEnded(Instant time, int line) implements CardEvent {
     }
 
     /**
      * The caller was identified, as a rule while the line rings, so before the call starts.
      *
      * @param time see {@link CardEvent#time}
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      * @param caller the text as it came over the line, one char a byte; up to 50
      */
-    record CallerIdentified(Instant time, int channel, String caller) implements CardEvent {
+    record CallerIdentified(Instant time, int line, String caller) implements CardEvent {
     }
 
     /**
      * Telephone keys were heard.
      *
      * @param time see {@link CardEvent#time}
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      * @param digits the keys in order, one char each; up to 50
      */
-    record DigitsHeard(Instant time, int channel, String digits) implements CardEvent {
+    record DigitsHeard(Instant time, int line, String digits) implements CardEvent {
     }
 
     /**
      * The audio of all lines of a card from one transfer, whether or not there is a call.
      *
      * @param time see {@link CardEvent#time}
-     * @param firstChannel the line of the first block, 0 to 12
+     * @param firstLine the line of the first block, 0 to 12
      * @param blocks 4 blocks of 600 bytes or 8 blocks of 300 bytes, one a line, in line order
      */
-    record AudioRecorded(Instant time, int firstChannel, List<AudioBlock> blocks)
+    record AudioRecorded(Instant time, int firstLine, List<AudioBlock> blocks)
             implements CardEvent {
         /**
          * Keeps an unmodifiable copy of the list.
          *
          * @param time see {@link CardEvent#time}
-         * @param firstChannel the line of the first block
+         * @param firstLine the line of the first block
          * @param blocks the blocks in line order
          */
         public AudioRecorded {

@@ -47,9 +47,9 @@ public final class FrameDecoder {
         byte[] payload = Arrays.copyOfRange(frame, HEADER_LENGTH, frame.length);
         return switch (type) {
             case 1 -> trigger(time, payload);
-            case 2 -> new CardEvent.CallerIdentified(time, channel(payload, 0, "caller"),
+            case 2 -> new CardEvent.CallerIdentified(time, line(payload, 0, "caller"),
                     text(payload, "caller"));
-            case 3 -> new CardEvent.DigitsHeard(time, channel(payload, 0, "digits"),
+            case 3 -> new CardEvent.DigitsHeard(time, line(payload, 0, "digits"),
                     text(payload, "digits"));
             case 4 -> audio(time, payload);
             case 7 -> new CardEvent.CardError(time, unsigned(payload, 0, "error"),
@@ -60,10 +60,10 @@ public final class FrameDecoder {
 
     private static CardEvent trigger(Instant time, byte[] payload) {
         requireLength(payload, 2, "trigger");
-        int channel = channel(payload, 1, "trigger");
+        int line = line(payload, 1, "trigger");
         return switch (payload[0]) {
-            case 0 -> new CardEvent.CallEnded(time, channel);
-            case 1 -> new CardEvent.CallStarted(time, channel);
+            case 0 -> new CardEvent.CallEnded(time, line);
+            case 1 -> new CardEvent.CallStarted(time, line);
             default -> throw new BadFrameException("A trigger is 0 or 1, not "
                     + Byte.toUnsignedInt(payload[0]));
         };
@@ -71,21 +71,21 @@ public final class FrameDecoder {
 
     private static CardEvent audio(Instant time, byte[] payload) {
         requireLength(payload, AUDIO_HEADER_LENGTH + AUDIO_LENGTH, "audio");
-        int channels = unsigned(payload, 0, "audio");
-        if (channels != 4 && channels != 8) {
-            throw new BadFrameException("A card has 4 or 8 lines, not " + channels);
+        int lines = unsigned(payload, 0, "audio");
+        if (lines != 4 && lines != 8) {
+            throw new BadFrameException("A card has 4 or 8 lines, not " + lines);
         }
-        int firstChannel = channel(payload, 1, "audio");
-        if (firstChannel + channels > LineSettings.LINES) {
+        int firstLine = line(payload, 1, "audio");
+        if (firstLine + lines > LineSettings.LINES) {
             throw new BadFrameException("A card of %d lines cannot begin at line %d"
-                    .formatted(channels, firstChannel));
+                    .formatted(lines, firstLine));
         }
-        int blockLength = AUDIO_LENGTH / channels;
-        List<AudioBlock> blocks = new ArrayList<>(channels);
-        for (int i = 0; i < channels; ++i) {
+        int blockLength = AUDIO_LENGTH / lines;
+        List<AudioBlock> blocks = new ArrayList<>(lines);
+        for (int i = 0; i < lines; ++i) {
             blocks.add(new AudioBlock(payload, AUDIO_HEADER_LENGTH + i * blockLength, blockLength));
         }
-        return new CardEvent.AudioRecorded(time, firstChannel, blocks);
+        return new CardEvent.AudioRecorded(time, firstLine, blocks);
     }
 
     private static String text(byte[] payload, String what) {
@@ -98,13 +98,13 @@ public final class FrameDecoder {
         return new String(payload, TEXT_HEADER_LENGTH, count, ISO_8859_1);
     }
 
-    private static int channel(byte[] payload, int index, String what) {
-        int channel = unsigned(payload, index, what);
-        if (channel >= LineSettings.LINES) {
+    private static int line(byte[] payload, int index, String what) {
+        int line = unsigned(payload, index, what);
+        if (line >= LineSettings.LINES) {
             throw new BadFrameException("The %s frame names line %d; lines are 0 to %d"
-                    .formatted(what, channel, LineSettings.LINES - 1));
+                    .formatted(what, line, LineSettings.LINES - 1));
         }
-        return channel;
+        return line;
     }
 
     private static int unsigned(byte[] payload, int index, String what) {

@@ -26,12 +26,12 @@ public final class LineSettings {
     /**
      * The setting of one line.
      *
-     * @param channel line, 0 to 15
+     * @param line 0 to 15
      * @return its setting
      * @throws IllegalArgumentException when there is no such line
      */
-    public LineSetting line(int channel) {
-        return lines[checkedChannel(channel)];
+    public LineSetting line(int line) {
+        return lines[checkedLine(line)];
     }
 
     /**
@@ -41,10 +41,10 @@ public final class LineSettings {
      */
     public byte[] toBytes() {
         byte[] table = new byte[3 * LINES];
-        for (int channel = 0; channel < LINES; ++channel) {
-            table[3 * channel] = lines[channel].beep().code();
-            table[3 * channel + 1] = lines[channel].trigger().code();
-            table[3 * channel + 2] = (byte) lines[channel].delaySeconds();
+        for (int line = 0; line < LINES; ++line) {
+            table[3 * line] = lines[line].beep().code();
+            table[3 * line + 1] = lines[line].trigger().code();
+            table[3 * line + 2] = (byte) lines[line].delaySeconds();
         }
         return table;
     }
@@ -64,12 +64,12 @@ public final class LineSettings {
         return "LineSettings" + Arrays.toString(lines);
     }
 
-    static int checkedChannel(int channel) {
-        if (channel < 0 || channel >= LINES) {
+    static int checkedLine(int line) {
+        if (line < 0 || line >= LINES) {
             throw new IllegalArgumentException(
-                    "Lines are 0 to " + (LINES - 1) + ", not " + channel);
+                    "Lines are 0 to " + (LINES - 1) + ", not " + line);
         }
-        return channel;
+        return line;
     }
 
     /** Builds {@link LineSettings}; later calls override earlier ones. */
@@ -94,13 +94,13 @@ public final class LineSettings {
         /**
          * Sets one line.
          *
-         * @param channel line, 0 to 15
+         * @param line 0 to 15
          * @param setting what it gets
          * @return this builder
          * @throws IllegalArgumentException when there is no such line
          */
-        public Builder line(int channel, LineSetting setting) {
-            lines[checkedChannel(channel)] = Objects.requireNonNull(setting, "setting");
+        public Builder line(int line, LineSetting setting) {
+            lines[checkedLine(line)] = Objects.requireNonNull(setting, "setting");
             return this;
         }
 

@@ -1,13 +1,17 @@
 package com.zivolt.hardware.dsp.cppint;
 
 /**
- * The driver of the line cards, as Java reaches it: packets as bytes, and the switches.
+ * The driver of the line cards, as Java reaches it: packets as bytes, and the switches. In the
+ * driver's names a card is a board and a line is a channel.
  *
  * <p>The driver is one per process; every {@code CPPBridge} object reaches the same one. All
  * methods may be called from any thread, several at once, and throw nothing: what the driver
- * refuses it tells in a line on the standard error stream of the process. {@link #initialize},
- * {@link #getPacket} and {@link #putPacket} return at once; the others wait until the cards have
- * been found, and find them if nobody has.
+ * refuses it tells in a line on the standard error stream of the process.
+ *
+ * <p>{@link #initialize}, {@link #getPacket} and {@link #putPacket} return at once, and so do the
+ * others once the cards have been looked for. While nobody has begun to look, because
+ * {@link #initialize} has not been called or its thread is not there yet, the first of these others
+ * looks itself; while somebody looks, they wait until that is done.
  *
  * <p>Loading this class loads {@code libdspcard.so}, which must lie in a folder of
  * {@code java.library.path}. Applications that would rather not take bytes apart use

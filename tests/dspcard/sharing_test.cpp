@@ -1,0 +1,236 @@
+// What the driver shares with the rest of the PC: the console, which may stop taking lines, other
+// processes, which may have the cards, and the processors.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <locale>
+#include <thread>
+
+#include "BoardMgr.h"
+#include "ConsoleLine.h"
+#include "DSPBootLoader.h"
+#include "Precedence.h"
+#include "ScriptedCards.h"
+#include "Surroundings.h"
+#include "javaint/DSPRunner.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// Takes the place of a stream; what is written waits, up to 4096 bytes, until it is read.
+class FullPipe {
+  public:
+    explicit FullPipe(int descriptor) : stream(descriptor), before(dup(descriptor)) {
+        EXPECT_EQ(0, pipe(ends));
+        fcntl(ends[1], F_SETPIPE_SZ, 4096);
+        dup2(ends[1], stream);
+        close(ends[1]);
+    }
+    ~FullPipe() {
+        dup2(before, stream);
+        close(before);
+        close(ends[0]);
+    }
+    // What comes within a quarter of a second after the last.
+    std::string read() const {
+        std::string text;
+        pollfd waiting = {ends[0], POLLIN, 0};
+        while (poll(&waiting, 1, 250) == 1) {
+            char bytes[4096];
+            text.append(bytes, static_cast<std::size_t>(::read(ends[0], bytes, sizeof bytes)));
+        }
+        return text;
+    }
+
+  private:
+    const int stream, before;
+    int ends[2] = {};
+};
+
+TEST(Runner, NeverWaitsForAConsoleAndTellsWhatItDidNotTake) {
+    const FullPipe out(STDOUT_FILENO), err(STDERR_FILENO);
+    constexpr int kLines = 1000;
+    const auto start = std::chrono::steady_clock::now();
+    std::thread([] {
+        console::handOverLinesOfThisThread();
+        for (int i = 0; i < kLines; ++i) {
+            ConsoleLine(std::cout) << "line " << i << std::string(50, '.');
+        }
+        ConsoleLine(std::cerr) << "dropped as well";
+    }).join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    std::istringstream lines(out.read());
+    int next = 0;
+    for (std::string line; std::getline(lines, line);) {
+        int number = 0;
+        if (std::sscanf(line.c_str(), "dspcard: %d lines were dropped here", &number) == 1) {
+            next += number;
+        } else {
+            ASSERT_EQ("line " + std::to_string(next++) + std::string(50, '.'), line);
+        }
+    }
+    EXPECT_EQ(kLines, next);
+    EXPECT_THAT(err.read(), HasSubstr("dspcard: 1 line was dropped here"));
+}
+
+TEST(Runner, IsNotHeldUpOnOneStreamByTheOther) {
+    const FullPipe out(STDOUT_FILENO), err(STDERR_FILENO);
+    std::cout << std::string(4096, '.') << std::flush;
+    std::thread([] {
+        console::handOverLinesOfThisThread();
+        ConsoleLine(std::cout) << "waits";
+        ConsoleLine(std::cerr) << "passes";
+    }).join();
+    EXPECT_EQ("passes\n", err.read());
+    EXPECT_EQ(std::string(4096, '.') + "waits\n", out.read());
+}
+
+TEST(RunnerDeathTest, WritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
+    const auto endAfterLines = [] {
+        std::thread([] {
+            console::handOverLinesOfThisThread();
+            for (int i = 0; i < 100; ++i) {
+                ConsoleLine(std::cerr) << "line " << i;
+            }
+        }).join();
+        std::exit(0);
+    };
+    EXPECT_EXIT(endAfterLines(), testing::ExitedWithCode(0), "line 98\nline 99\n");
+    const auto runOutOfMemory = [] {
+        struct : ScriptedCards {
+            bool sleep(std::uint64_t) override { throw std::bad_alloc(); }
+        } cards;
+        DSPRunner::getInstance().startDSPs();
+        pause();
+    };
+    EXPECT_EXIT(runOutOfMemory(), testing::KilledBySignal(SIGABRT),
+                "dspcard: the thread that serves the cards failed: std::bad_alloc\n");
+}
+
+// Keeps each piece that is written to standard error.
+class Pieces : public std::streambuf {
+  public:
+    Pieces() : before(std::cerr.rdbuf(this)) {}
+    ~Pieces() override { std::cerr.rdbuf(before); }
+    std::vector<std::string> all;
+
+  protected:
+    std::streamsize xsputn(const char* text, std::streamsize count) override {
+        all.emplace_back(text, static_cast<std::size_t>(count));
+        return count;
+    }
+
+  private:
+    std::streambuf* const before;
+};
+
+TEST(ConsoleLine, IsWrittenWholeAndReadsTheSameInEveryLocale) {
+    struct Grouped : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));
+    const WorkingFolder folder;
+    folder.write("CODE.BIN", std::string(8, '\1'));
+    ScriptedCards cards;
+    cards.onRead = [](int) { return 0x20u; };
+    DirectIO().allowPortAccess();
+    DSPBootloader loader;
+    loader.init(0x300, 4, 0);
+    testing::internal::CaptureStdout();
+    std::vector<std::string> lines;
+    {
+        Pieces pieces;
+        loader.bootSection(0x1F000, 4, "CODE.BIN");
+        lines = pieces.all;
+    }
+    testing::internal::GetCapturedStdout();
+    EXPECT_THAT(lines, ElementsAre("Attempt Boot Section - addr: 126976 size: 4 sectionName: "
+                                   "CODE.BIN\n",
+                                   "Boot section succeeded: CODE.BIN Checksum: 1028\n"));
+    std::locale::global(before);
+}
+
+// Another process that maps the cards' memory and keeps it until it is killed.
+pid_t startOtherDriver() {
+    int started[2];
+    EXPECT_EQ(0, pipe(started));
+    const pid_t child = fork();
+    if (child == 0) {
+        static_cast<void>(DirectIO::getInstance().mapMemory(0xD0000, 0x4000));
+        close(started[1]);
+        close(started[0]);
+        pause();
+    }
+    close(started[1]);
+    char nothing = 0;
+    EXPECT_EQ(0, read(started[0], &nothing, 1));
+    close(started[0]);
+    return child;
+}
+
+TEST(Claim, KeepsASecondProcessFromTouchingThePorts) {
+    Console console;
+    ScriptedCards cards;
+    cards.echoes = {0x300, 0x310};
+    const pid_t holder = startOtherDriver();
+    EXPECT_EQ(0, BoardMgr::getInstance().getNumberOfBoards());
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    EXPECT_THAT(cards.accesses, ElementsAre());
+    const std::string inUse =
+        "Cards in use by process " + std::to_string(holder) + " (sharing_test)";
+    EXPECT_THAT(reportsIn(takePackets()), ElementsAre(errorReport(4, inUse)));
+    EXPECT_EQ(
+        "Ports enabled OK\nDetected 0 boards\nBoard0 has -2 channels\nBoard1 has -2 channels\n"
+        "ERROR! " +
+            inUse + "\n",
+        console.take().err);
+}
+
+TEST(Claim, IsHeldWhateverElseIsMappedOrUnmapped) {
+    Console console;
+    ScriptedCards cards;
+    DirectIO hardware;
+    ASSERT_NE(nullptr, hardware.mapMemory(0xD0000, 0x4000));
+    EXPECT_EQ(nullptr, DirectIO().mapMemory(0xD0001, 0x4000)) << "not a page";
+    hardware.unmapMemory();
+    // Whether another process finds this one to be the holder.
+    const auto isHeld = [&cards] {
+        const pid_t child = fork();
+        if (child == 0) {
+            struct flock lock {};
+            lock.l_type = F_WRLCK;
+            fcntl(open(cards.memoryPath().c_str(), O_RDWR), F_GETLK, &lock);
+            _exit(lock.l_type == F_WRLCK && lock.l_pid == getppid() ? 1 : 0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return WEXITSTATUS(status) == 1;
+    };
+    EXPECT_TRUE(isHeld());
+}
+
+TEST(Precedence, IsTakenWhenItMayBeHad) {
+    const auto policyAfter = [](auto request) {
+        int policy = -1;
+        std::thread([&] {
+            request();
+            policy = sched_getscheduler(0);
+        }).join();
+        return policy;
+    };
+    const int granted = policyAfter([] {
+        const sched_param lowest = {1};
+        sched_setscheduler(0, SCHED_FIFO, &lowest);
+    });
+    EXPECT_EQ(granted, policyAfter(takePrecedence));
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+package com.zivolt.hardware.dsp.trials;
+
+import com.zivolt.hardware.dsp.client.AudioBlock;
+import com.zivolt.hardware.dsp.client.CardEvent.AudioRecorded;
+import java.util.HashMap;
+import java.util.Map;
+
+/**
+ * Checks the verifiable audio of simulated cards byte by byte, and that the transfers of each card
+ * follow each other without a gap, from the first that comes. The audio is words, low byte first:
+ * three name card and port and the card's count of its transfers, the rest hash these and the
+ * word's place. Used by one thread.
+ */
+public final class AudioChecker {
+    private static final int NAME_WORDS = 3;
+
+    private final Map<Integer, Integer> lastCounter = new HashMap<>();
+    private long transfers;
+    private long bytes;
+    private long wrong;
+    private long lost;
+
+    /** The card's count of its transfers, as the audio tells it. */
+    public static int counterOf(AudioRecorded audio) {
+        AudioBlock block = audio.blocks().get(0);
+        return wordAt(block, 1) | wordAt(block, 2) << 16;
+    }
+
+    /** Checks the next transfer of any card. */
+    public void check(AudioRecorded audio) {
+        int card = audio.firstLine() == 0 ? 0 : 1;
+        int counter = counterOf(audio);
+        Integer last = lastCounter.put(card, counter);
+        lost += last != null && counter != last + 1 ? 1 : 0;
+        for (int port = 0; port < audio.blocks().size(); ++port) {
+            AudioBlock block = audio.blocks().get(port);
+            bytes += block.length();
+            wrong += wrongBytes(block, card << 8 | port, counter);
+        }
+        ++transfers;
+    }
+
+    /** Transfers checked. */
+    public long transfers() {
+        return transfers;
+    }
+
+    /** Cards heard. */
+    public int cards() {
+        return lastCounter.size();
+    }
+
+    /** Whether every byte was in its place and no transfer lost, doubled or out of order. */
+    public boolean allWell() {
+        return wrong == 0 && lost == 0;
+    }
+
+    @Override
+    public String toString() {
+        return "%d transfers of %d cards, %d bytes, %d wrong, %d lost"
+                .formatted(transfers, cards(), bytes, wrong, lost);
+    }
+
+    private static int wrongBytes(AudioBlock block, int name, int counter) {
+        int wrong = 0;
+        for (int position = 0; position < block.length() / 2; ++position) {
+            int difference = wordAt(block, position) ^ word(name, counter, position);
+            wrong += ((difference & 0xFF) != 0 ? 1 : 0) + (difference >> 8 != 0 ? 1 : 0);
+        }
+        return wrong;
+    }
+
+    private static int wordAt(AudioBlock block, int position) {
+        return Byte.toUnsignedInt(block.byteAt(2 * position))
+                | Byte.toUnsignedInt(block.byteAt(2 * position + 1)) << 8;
+    }
+
+    private static int word(int name, int counter, int position) {
+        if (position < NAME_WORDS) {
+            return new int[] {0xA000 | name, counter & 0xFFFF, counter >>> 16}[position];
+        }
+        int hash = counter * 0x9E3779B1 + (name << 16 | position);
+        hash = (hash ^ hash >>> 16) * 0x85EBCA6B;
+        hash = (hash ^ hash >>> 13) * 0xC2B2AE35;
+        return (hash ^ hash >>> 16) & 0xFFFF;
+    }
+}
