@@ -110,23 +110,23 @@ class Board : public TestWithParam<std::tuple<int, int>> {
             dueText(port, PACKET_CLI, layout.caller, cardsim::layout::kCallerBytes);
         }
     }
-    void dueAudio(int monitored) {
-        std::string audio;
+    void dueAudio() {
+        std::string lines;
         for (int port = 0; port < layout.channels; ++port) {
-            audio += audioOf(port);
+            lines += audioOf(port);
         }
-        duePacket({PACKET_RECORDED_DATA, layout.channels, first}, audio);
+        duePacket({PACKET_RECORDED_DATA, layout.channels, first}, lines);
         if (monitored >= first && monitored < first + layout.channels) {
             out += eight ? "" : "Copying monitor data to buffer\n";
             dueInRing(audioOf(monitored - first));
         }
     }
-    void dueInRing(const std::string& audio) {
-        ring += audio;
+    void dueInRing(const std::string& bytes) {
+        ring += bytes;
         ring.erase(0, std::max<std::size_t>(ring.size(), 600) - 600);
         err += "Adding data to monitor buffer, size now=" + std::to_string(ring.size()) + "\n";
     }
-    Words dueBlock(const LineSettingsPacket& settings) {
+    Words dueBlock() {
         static constexpr std::uint16_t kLevels[2][9] = {
             {0xFF01, 0xFF02, 0x04FF, 0x089F, 0x0C9F, 0x115F, 0x155E, 0x1C20, 0},
             {0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}};
@@ -144,7 +144,8 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         block.resize(layout.firstPort - layout.command);
         return block;
     }
-    void duePlayed(bool monitors, bool plays) {
+    void duePlayed() {
+        const bool monitors = monitored != -1;
         out += eight && monitors && ring.empty() ? "ERROR: Monitoring but buffer is empty\n" : "";
         if ((!monitors && !plays) || ring.empty()) {
             played = silence();
@@ -160,6 +161,75 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         err += "ERROR! " + text + "\n";
     }
 
+    // The DSP hands over a buffer, or takes it back too soon. Half of the words in it are zero,
+    // most counters are right.
+    void handOverAnything(int round) {
+        std::generate(memory.begin(), memory.end(), [this] { return below(2) * below(0x10000); });
+        constexpr std::uint32_t kSteps[] = {1, 1, 1, 1, 1, 0, 2, 0x10001};
+        last = std::exchange(counter, round % 50 == 49 ? ~0u : counter + kSteps[below(8)]);
+        buffer = round % 2;
+        std::memcpy(&memory[buffer * 0x800], &counter, sizeof(counter));
+        for (int port = 2; port < 14; ++port) {
+            cards.registers[base + port] = static_cast<std::uint32_t>(below(0x10000));
+        }
+        isLate = below(8) == 0;
+        cards.registers[base + 2 + 2 * buffer] = isLate ? 0xFFFE : 0xFFFF;
+        cards.registers[base + 4 - 2 * buffer] = 0xFFFE;
+    }
+    // The client switches everything; its command.
+    Packet* wishAnything() {
+        records = below(4) != 0;
+        records ? BoardMgr::getInstance().startRecording()
+                : BoardMgr::getInstance().stopRecording();
+        board->setEnablePlayback(plays = below(2) != 0);
+        board->enableDebug(debugs = below(2) != 0);
+        board->setMonitoringChannel(monitored = std::max(below(14) - 2, -1));
+        if (below(8) == 0) {
+            board->clearTriggers();
+            std::fill_n(triggered, 8, false);
+            MonitorBuffer::getInstance().clear();
+            ring.clear();
+        }
+        unsigned char bytes[700];
+        for (int i = 0; i < 700; ++i) {
+            bytes[i] = static_cast<unsigned char>(i % 3 == 1 && i < 48 ? below(9) : below(100));
+        }
+        audio.read(bytes, below(700));
+        settings.read(bytes, 48);
+        Packet* const commands[] = {nullptr, &audio, &settings};
+        return commands[below(3)];
+    }
+    // What is in card memory afterwards.
+    Words dueExchange(const Packet* command) {
+        packets.clear();
+        out = err = "";
+        debugs ? dueTrace() : void();
+        records ? dueReports() : void();
+        dueAudio();
+        if (command == &audio) {
+            dueInRing({audio.getData(), audio.getData() + audio.getLength()});
+        }
+        const Words block = command == &settings ? dueBlock() : Words();
+        number == 0 ? duePlayed() : void();
+        Words due = memory;
+        const auto other = due.begin() + 0x800 * (1 - buffer);
+        if (!block.empty()) {
+            std::copy(block.begin(), block.end(), other + layout.command);
+        } else if (isPlayer) {
+            std::copy(played.begin(), played.end(), other + layout.playbackAudio);
+        }
+        if (isLate) {
+            dueError(2, eight ? "ReadWrite Too Slow, Buffer already changed"
+                              : "Too Slow! Buffer already change");
+        }
+        if (last != 0 && counter != last + 1) {
+            dueError(counter == last ? 3 : 1,
+                     counter == last ? "DSP Board Locked Up" : "Missed Xfer ");
+        }
+        eight ? void() : dueDebugWords();
+        return due;
+    }
+
     const cardsim::TransferLayout& layout = cardsim::layoutOf(std::get<0>(GetParam()));
     const int number = std::get<1>(GetParam());
     const bool eight = layout.channels == 8;
@@ -171,8 +241,12 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     Console console;
     std::unique_ptr<DSPBoard> board;
     std::mt19937 random{7};
-    int buffer = 0;             // handed over
-    std::uint32_t counter = 0;  // of it
+    // What the DSP and the client do next.
+    std::uint32_t last = 0, counter = 0;
+    int buffer = 0, monitored = -1;
+    bool isLate = false, records = false, plays = false, debugs = false;
+    PlaybackDataPacket audio;
+    LineSettingsPacket settings;
     // What is due.
     std::vector<Bytes> packets;
     std::string out, err, ring;
@@ -181,87 +255,19 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     int applied = 0;
 };
 
-TEST_P(Board, ExchangesBuffersOfAnyContentAsTheClientWants) {
+TEST_P(Board, ExchangesBuffersOfAnyContentAsTheClientWishes) {
     for (int round = 0; round < 1000 && !HasFailure(); ++round) {
-        // Half of the words are zero, most counters are right.
-        std::generate(memory.begin(), memory.end(), [this] { return below(2) * below(0x10000); });
-        const std::uint32_t last = counter, steps[] = {1, 1, 1, 1, 1, 0, 2, 0x10001};
-        counter = round % 50 == 49 ? ~0u : last + steps[below(8)];
-        buffer = round % 2;
-        std::memcpy(&memory[buffer * 0x800], &counter, sizeof(counter));
-        for (int port = base + 6; port < base + 14; port += 2) {
-            cards.registers[port] = static_cast<std::uint32_t>(below(0x10000));
-        }
-        const bool isLate = below(8) == 0;
-        for (const int each : {0, 1}) {
-            cards.registers[base + 2 + 2 * each] = 0xFFFE | (each == buffer && !isLate ? 1 : 0);
-        }
+        handOverAnything(round);
+        Packet* const command = wishAnything();
+        const Words due = dueExchange(command);
         const int handedOver = 2 * number + buffer;
         EXPECT_EQ(isLate ? -1 : handedOver, board->getLockedBuffer());
-
-        const bool records = below(4) != 0, plays = below(2) != 0, debugs = below(2) != 0;
-        const int monitored = std::max(below(14) - 2, -1);
-        records ? BoardMgr::getInstance().startRecording()
-                : BoardMgr::getInstance().stopRecording();
-        board->setEnablePlayback(plays);
-        board->enableDebug(debugs);
-        board->setMonitoringChannel(monitored);
-        if (below(8) == 0) {
-            board->clearTriggers();
-            std::fill_n(triggered, 8, false);
-            MonitorBuffer::getInstance().clear();
-            ring.clear();
-        }
-        unsigned char bytes[700];
-        for (int i = 0; i < 700; ++i) {
-            bytes[i] = static_cast<unsigned char>(i % 3 == 1 && i < 48 ? below(9) : below(100));
-        }
-        PlaybackDataPacket audio;
-        audio.read(bytes, below(700));
-        LineSettingsPacket settings;
-        settings.read(bytes, 48);
-        Packet* const commands[] = {nullptr, &audio, &settings};
-        Packet* const command = commands[below(3)];
-
-        packets.clear();
-        out = err = "";
-        if (debugs) {
-            dueTrace();
-        }
-        if (records) {
-            dueReports();
-        }
-        dueAudio(monitored);
-        if (command == &audio) {
-            dueInRing({bytes, bytes + audio.getLength()});
-        }
-        Words due = memory, block = command == &settings ? dueBlock(settings) : Words();
-        if (number == 0) {
-            duePlayed(monitored != -1, plays);
-        }
-        const auto other = due.begin() + 0x800 * (1 - buffer);
-        if (!block.empty()) {
-            std::copy(block.begin(), block.end(), other + layout.command);
-        } else if (isPlayer) {
-            std::copy(played.begin(), played.end(), other + layout.playbackAudio);
-        }
-        if (isLate) {
-            dueError(2, eight ? "ReadWrite Too Slow, Buffer already changed"
-                              : "Too Slow! Buffer already change");
-        }
-        if (last != 0 && counter == last) {
-            dueError(3, "DSP Board Locked Up");
-        } else if (last != 0 && counter != last + 1) {
-            dueError(1, "Missed Xfer ");
-        }
-
         console.take();
         board->doReadWrite(handedOver, command);
         if (const auto* const four = dynamic_cast<DSPBoardFourChannel*>(board.get())) {
             four->printDebugBuffer();
-            dueDebugWords();
         }
-        EXPECT_EQ(packets, takeReports(true)) << "round " << round;
+        EXPECT_EQ(packets, reportsIn(takePackets(), true)) << "round " << round;
         EXPECT_EQ(out, console.take().out);
         EXPECT_EQ(err, console.err);
         EXPECT_TRUE(due == memory);
@@ -279,7 +285,6 @@ void step(int, siginfo_t*, void* context) {
 
 TEST_P(Board, ReportsATriggerAgainWhenARecordingStartsAtAnyMomentOfItsReport) {
     memory.assign(0x1000, 0xFFFF);  // voice on all lines
-    LineSettingsPacket settings;
     board->doReadWrite(2 * number, &settings);
     takePackets();
     const auto lines = static_cast<std::size_t>(layout.channels);
@@ -314,15 +319,14 @@ TEST_P(Board, BootsItsFirmwareAndStartsWithSilence) {
     cards.onRead = [](int) { return 0x20u; };  // asks for each byte and takes it
     Words whenStarted;
     cards.onWrite = [&](int, std::uint32_t) { whenStarted = memory; };
-    LineSettingsPacket settings;
     memory.assign(0x1000, 0xFFFF);
     memory[2] = 2;  // a command that the DSP has not wiped out
     board->doReadWrite(2 * number, &settings);
     takePackets();
     Words due = memory;
     for (const int start : {0, 0x800}) {
-        const Words audio = silence();
-        std::copy(audio.begin(), isPlayer ? audio.end() : audio.begin(),
+        const Words silent = silence();
+        std::copy(silent.begin(), isPlayer ? silent.end() : silent.begin(),
                   due.begin() + start + layout.playbackAudio);
     }
     board->setLockedUp(true);

@@ -41,18 +41,17 @@ void closeAgain(int, siginfo_t*, void* context) {
 
 constexpr int kStatusPorts[] = {0x302, 0x304, 0x312, 0x314};
 constexpr int kFirstExchange = 8;  // six buffers are released untouched
-const std::vector<int> kHandedOver = {-1, 0, 1, 2, 3, 0, 0, -1, 0, 1, 2, 3};  // by pass; -1: none
+constexpr int kHandedOver[] = {-1, 0, 1, 2, 3, 0, 0, -1, 0, 1, 2, 3};  // by pass; -1: none
 
 class BusEconomy : public testing::TestWithParam<int>, public ScriptedCards {
   protected:
     bool sleep(std::uint64_t) override { return bus == nullptr || endPass(); }
     bool endPass() {
         EXPECT_EQ(needed(kHandedOver[pass]), std::exchange(accesses, {})) << pass;
-        if (++pass == kHandedOver.size()) {
+        if (++pass == std::size(kHandedOver)) {
             throw cardsim::PowerOff();
         }
-        const int next = kHandedOver[pass];
-        registers = {{kStatusPorts[next & 3], next >= 0}};
+        registers = {{kStatusPorts[kHandedOver[pass] & 3], kHandedOver[pass] >= 0}};
         return true;
     }
     std::vector<PortAccess> needed(int buffer) const {

@@ -50,10 +50,10 @@ TEST_F(Hardware, GetsPermissionAndCardMemoryOrSaysWhyNot) {
     directIO.disallowPortAccess();
     EXPECT_FALSE(directIO.arePortsEnabled());
     const auto before = openFiles();
-    cards.devMemErrno = EPERM;
-    EXPECT_EQ(nullptr, directIO.mapMemory(0xD0000, 0x4000));
-    cards.devMemErrno = 0;
-    EXPECT_EQ(nullptr, directIO.mapMemory(0xD0001, 0x4000));
+    for (const int refusal : {EPERM, 0}) {
+        cards.devMemErrno = refusal;
+        EXPECT_EQ(nullptr, directIO.mapMemory(0xD0001, 0x4000));
+    }
     EXPECT_EQ(before, openFiles());
     EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
     void* const memory = directIO.mapMemory(0xD0000, 0x4000);
@@ -64,11 +64,10 @@ TEST_F(Hardware, GetsPermissionAndCardMemoryOrSaysWhyNot) {
     EXPECT_EQ(0xABCD1234u, MemReadL(memory, 0x3FFC));
     MemReadBlockW(nullptr, 0, nullptr, 0);
     MemWriteBlockW(nullptr, 0, nullptr, -1);
-    for (int i = 0; i < 2; ++i) {
-        directIO.unmapMemory();
-        EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
-        EXPECT_EQ(-1, msync(memory, 0x4000, MS_ASYNC)) << "still mapped";
-    }
+    directIO.unmapMemory();
+    directIO.unmapMemory();
+    EXPECT_EQ(nullptr, directIO.getPreviouslyMappedMemory());
+    EXPECT_EQ(-1, msync(memory, 0x4000, MS_ASYNC)) << "still mapped";
     EXPECT_EQ(
         "failed to allow port access, errno=1\nPorts enabled OK\nPorts disabled OK\n"
         "Couldn't access /dev/mem\nmmap failed errno=22\n",
@@ -134,19 +133,20 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
     EXPECT_FALSE(detector.portTest(0));
     EXPECT_EQ(0, detector.numChannels(0));
     cards.devPortErrno = 0;
-    const int descriptor = dup(0);  // the next one that is free
-    close(descriptor);
+    const int next = dup(0);  // /dev/port gets one of the next descriptors
+    close(next);
     EXPECT_FALSE(detector.portTest(2));
     EXPECT_EQ(0, detector.numChannels(2));
     cards.registers[0x305] = 0xAB;
     EXPECT_EQ(-85, detector.readPort(0x305));
     std::vector<std::uint16_t> memory(0x2000);
     EXPECT_TRUE(detector.simpleMemTest(memory.data(), 1));
-    EXPECT_EQ(3, memory[0x1002]);
-    EXPECT_EQ(4, memory[0x1003]);
+    EXPECT_TRUE(memory[0x1002] == 3 && memory[0x1003] == 4);
     cardsim::attachHardware(nullptr);
     for (const int way : {O_WRONLY, O_RDONLY}) {  // a device that fails one way only
-        dup2(open("/dev/null", way), descriptor);
+        for (int descriptor = next; descriptor < next + 4; ++descriptor) {
+            dup2(open("/dev/null", way), descriptor);
+        }
         EXPECT_EQ(way == O_WRONLY ? -1 : 0, detector.readPort(0x300));
         detector.writePort(1, 0x300);
     }
@@ -164,10 +164,10 @@ TEST_F(Hardware, NamesDevicesThatCannotBeUsed) {
 TEST_F(Hardware, MakesNoBoardWithoutItsMemory) {
     plugIn(0x300, 0);
     cards.devMemErrno = EPERM;
-    EXPECT_EQ(0, BoardMgr::getInstance().getNumberOfBoards());
-    EXPECT_EQ(nullptr, BoardMgr::getInstance().getBoard(0));
-    EXPECT_EQ(nullptr, BoardMgr::getInstance().getDSPMemory());
-    EXPECT_THAT(takeReports(), ElementsAre(errorReport(4, "Card memory not mapped")));
+    const BoardMgr& manager = BoardMgr::getInstance();
+    EXPECT_TRUE(manager.getBoard(0) == nullptr && manager.getDSPMemory() == nullptr);
+    EXPECT_EQ(0, manager.getNumberOfBoards());
+    EXPECT_THAT(reportsIn(takePackets()), ElementsAre(errorReport(4, "Card memory not mapped")));
     EXPECT_THAT(console.take().err, AllOf(HasSubstr("Detected 1 boards\nBoard0 has 4 channels\n"),
                                           EndsWith("ERROR! Card memory not mapped\n")));
 }

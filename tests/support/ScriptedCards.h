@@ -81,8 +81,6 @@ class ScriptedCards : public cardsim::Hardware {
     int lostOpening = 0;  // the opening of /dev/port that fails, from 1; 0: none does
 
   private:
-    const int memoryFile = memfd_create("card memory", 0);
-
     void note(const PortAccess& access, int bytes) {
         errno = ENOTTY;
         if (isRecording) {
@@ -95,5 +93,6 @@ class ScriptedCards : public cardsim::Hardware {
         return number == 0 ? 0 : -1;
     }
 
+    const int memoryFile = memfd_create("card memory", 0);
     int openings = 0;
 };

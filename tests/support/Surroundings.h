@@ -71,11 +71,6 @@ inline MessageDispatcher& dispatcher() {
 inline Bytes payload(const Packet& packet) {
     return {packet.getData(), packet.getData() + packet.getLength()};
 }
-inline Bytes typeAndPayload(const Packet& packet) {
-    Bytes bytes = payload(packet);
-    bytes.insert(bytes.begin(), packet.getType());
-    return bytes;
-}
 inline Packets takePackets() {
     Packets packets;
     while (Packet* const packet = dispatcher().getPacketFromSendQueue()) {
@@ -84,12 +79,13 @@ inline Packets takePackets() {
     return packets;
 }
 
-// Of those that wait; of the audio only if wanted.
-inline std::vector<Bytes> takeReports(bool withAudio = false) {
+// Type and payload of the packets; of those with audio only if wanted.
+inline std::vector<Bytes> reportsIn(const Packets& packets, bool withAudio = false) {
     std::vector<Bytes> reports;
-    for (const auto& packet : takePackets()) {
+    for (const auto& packet : packets) {
         if (withAudio || packet->getType() != PACKET_RECORDED_DATA) {
-            reports.push_back(typeAndPayload(*packet));
+            reports.push_back(payload(*packet));
+            reports.back().insert(reports.back().begin(), packet->getType());
         }
     }
     return reports;
