@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 #include "model/Random.h"
@@ -9,18 +10,50 @@
 namespace cardsim {
 
 enum class FaultKind {
-    kAbsent,         // every access: nobody answers
-    kWrongEcho,      // every echo of the data port in reset
-    kByteRefused,    // every boot byte: never asked for, nor any other before the next reset
-    kByteStuck,      // every boot byte: busy until the next reset
-    kDeadAfterBoot,  // every start of the firmware: nothing is ever handed over
-    kCounterStuck,   // every hand-over: the counter does not advance
-    kCounterJump,    // every hand-over: the counter advances too far
-    kTakenBack,      // every hand-over: the buffer is taken back as soon as the host has seen it
-    kBothBuffers,    // every hand-over while the other is free: both are handed over at once
-    kNonsense,       // every hand-over: a field of the buffer holds anything
+    kAbsent,
+    kWrongEcho,
+    kByteRefused,
+    kByteStuck,
+    kDeadAfterBoot,
+    kCounterStuck,
+    kCounterJump,
+    kTakenBack,
+    kBothBuffers,
+    kNonsense,
 };
-constexpr int kNumFaultKinds = 10;
+
+// What there is to say about each kind: in the help, in refusals, and, checked by the tests, in the
+// documents.
+struct FaultDescription {
+    FaultKind kind;
+    const char* name;
+    const char* opportunity;  // at which it may strike
+    const char* effect;       // what the host meets then
+};
+inline constexpr FaultDescription kFaultDescriptions[] = {
+    {FaultKind::kAbsent, "absent", "every access to a port of the card",
+     "it reads all ones; writes go nowhere"},
+    {FaultKind::kWrongEcho, "wrong-echo", "every read of the data port in reset",
+     "the complement of the byte"},
+    {FaultKind::kByteRefused, "byte-refused", "every request for a boot byte",
+     "the ready bit stays clear until the next reset"},
+    {FaultKind::kByteStuck, "byte-stuck", "every boot byte",
+     "the busy bit stays set until the next reset"},
+    {FaultKind::kDeadAfterBoot, "dead-after-boot", "every start of the firmware",
+     "no buffer is handed over until the next boot"},
+    {FaultKind::kCounterStuck, "counter-stuck", "every buffer handed over",
+     "the counter is that of the last one"},
+    {FaultKind::kCounterJump, "counter-jump", "every buffer handed over",
+     "the counter is up to 1000 too high, and goes on from there"},
+    {FaultKind::kTakenBack, "taken-back", "every buffer handed over",
+     "its bit is there once, and then gone"},
+    {FaultKind::kBothBuffers, "both-buffers",
+     "every buffer handed over while the other one is free", "both bits are set at once"},
+    {FaultKind::kNonsense, "nonsense", "every buffer handed over",
+     "a field of some line of it holds anything"},
+};
+
+constexpr int kNumFaultKinds = std::size(kFaultDescriptions);
 
 // The fields that nonsense may go to; kAnyField chooses at random among those before it.
 enum class FaultField {
@@ -30,7 +63,7 @@ enum class FaultField {
     kRinging,
     kDigits,
     kCaller,
-    kDebug,  // only four-channel cards have it
+    kDebug,  // not every kind of card has it
     kAnyField,
     kCounter,
     kAudio,

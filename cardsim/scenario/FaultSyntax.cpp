@@ -14,26 +14,6 @@ namespace cardsim {
 
 namespace {
 
-struct Kind {
-    const char* name;
-    FaultKind kind;
-    const char* description;
-};
-
-constexpr Kind kKinds[] = {
-    {"absent", FaultKind::kAbsent, "nobody answers at an access to a port"},
-    {"wrong-echo", FaultKind::kWrongEcho, "the data port in reset echoes another byte"},
-    {"byte-refused", FaultKind::kByteRefused, "a boot byte is never asked for"},
-    {"byte-stuck", FaultKind::kByteStuck, "a boot byte is never taken: busy until the next reset"},
-    {"dead-after-boot", FaultKind::kDeadAfterBoot, "the firmware is started and does nothing"},
-    {"counter-stuck", FaultKind::kCounterStuck, "a buffer comes with the counter of the last one"},
-    {"counter-jump", FaultKind::kCounterJump, "a buffer comes with a counter that is too high"},
-    {"taken-back", FaultKind::kTakenBack, "a buffer is taken back as soon as the host has seen it"},
-    {"both-buffers", FaultKind::kBothBuffers, "both buffers are handed over at once"},
-    {"nonsense", FaultKind::kNonsense, "a field of a buffer holds anything"},
-};
-static_assert(std::size(kKinds) == kNumFaultKinds);
-
 struct Field {
     const char* name;
     FaultField field;
@@ -138,7 +118,7 @@ Fault read(std::string_view text) {
         readWhen(part, fault);
     }
     const bool hasField = cutAt(':', text, part);
-    fault.kind = find(kKinds, text, "kind of fault").kind;
+    fault.kind = find(kFaultDescriptions, text, "kind of fault").kind;
     if (hasField && fault.kind != FaultKind::kNonsense) {
         throw std::invalid_argument("only nonsense goes to a field");
     }
@@ -161,9 +141,10 @@ Fault parseFault(const std::string& text) {
 std::string faultHelp() {
     std::ostringstream help;
     help << "KIND[:FIELD][@WHEN][/CARD]\n"
-            "KIND is one of\n";
-    for (const Kind& kind : kKinds) {
-        help << "  " << std::left << std::setw(17) << kind.name << kind.description << '\n';
+            "KIND, its opportunities, and what the host meets when it strikes:\n";
+    for (const FaultDescription& fault : kFaultDescriptions) {
+        help << "  " << std::left << std::setw(17) << fault.name << fault.opportunity << ":\n"
+             << std::setw(19) << "" << fault.effect << '\n';
     }
     help << "FIELD, for nonsense, is one of\n  " << namesOf(kFields)
          << "\n"

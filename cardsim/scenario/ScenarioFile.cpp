@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 #include "model/TransferLayout.h"
 #include "scenario/FaultSyntax.h"
@@ -25,7 +26,7 @@ constexpr double kLongest_s = 1e9;
 constexpr std::uint64_t kCallerAfter_us = 500'000;
 
 [[noreturn]] void refuse(const std::string& origin, const std::string& reason) {
-    throw ScenarioError(origin + ": " + reason);
+    throw std::invalid_argument(origin + ": " + reason);
 }
 
 std::string originOf(const std::string& path, const toml::source_region& source) {

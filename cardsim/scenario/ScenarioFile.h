@@ -1,7 +1,6 @@
 // Scenario files: TOML tables that say what happens when on which line.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -9,14 +8,8 @@
 
 namespace cardsim {
 
-// A scenario that cannot be read or understood. what(): "FILE:LINE: reason", or "FILE: reason" for
-// a file that cannot be read.
-struct ScenarioError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // The events of a file by their time, whole calls taken apart into what happens on the line. Throws
-// ScenarioError.
+// std::invalid_argument when it cannot be understood, "FILE:LINE: reason", or read, "FILE: reason".
 std::vector<ScenarioEvent> readScenario(const std::string& path);
 
 }  // namespace cardsim

@@ -29,6 +29,12 @@ auto complains(Matcher reason) {
     return testing::ThrowsMessage<std::exception>(reason);
 }
 
+std::string pageOf(const std::string& document) {
+    std::stringstream page;
+    page << std::ifstream(PROJECT_FOLDER "/" + document).rdbuf();
+    return page.str();
+}
+
 class ScenarioFile : public testing::Test {
   protected:
     ~ScenarioFile() override { std::filesystem::remove(path); }
@@ -126,9 +132,7 @@ TEST_F(ScenarioFile, SaysWhereAndWhyItCannotBeUnderstood) {
 }
 
 TEST_F(ScenarioFile, IsDocumentedWithExamplesThatFitTwoCards) {
-    std::stringstream page;
-    page << std::ifstream(SCENARIO_PAGE).rdbuf();
-    const std::string text = page.str();
+    const std::string text = pageOf("docs/scenarios.md");
     const std::regex example("```toml\n([^`]*)```");
     int examples = 0;
     for (std::sregex_iterator it(text.begin(), text.end(), example), end; it != end; ++it) {
@@ -171,6 +175,23 @@ TEST(FaultSyntax, ReadsKindFieldTimeAndCardOrSaysWhatIsWrong) {
     for (const std::string card : {"/", "/2", "/-1", "/1 "}) {
         EXPECT_THAT([&] { parseFault("absent" + card); }, complains(HasSubstr("after / must")));
     }
+}
+
+TEST(FaultSyntax, IsDocumentedAsTheCodeDescribesIt) {
+    std::string table = "|---|---|---|\n";
+    std::string list = "when it strikes:\n";
+    for (const FaultDescription& fault : kFaultDescriptions) {
+        const std::string name = fault.name, opportunity = fault.opportunity, effect = fault.effect;
+        table += "| `" + name + "` | " + opportunity + " | " + effect + " |\n";
+        list += ".TP 18\n.B " + std::regex_replace(name, std::regex("-"), "\\-") + "\n" +
+                opportunity + ":\n" + effect + "\n";
+        EXPECT_EQ(fault.kind, parseFault(name).kind);
+        EXPECT_THAT(faultHelp(),
+                    AllOf(HasSubstr("\n  " + name + " "), HasSubstr(opportunity + ":\n"),
+                          HasSubstr(" " + effect + "\n")));
+    }
+    EXPECT_THAT(pageOf("docs/scenarios.md"), HasSubstr(table + "\n"));
+    EXPECT_THAT(pageOf("man/cardsim.1"), HasSubstr(list + ".PP\n"));
 }
 
 // What happens on each line, by tenths of a second: idle (.), ringing (R), off hook (T), speaking

@@ -226,7 +226,7 @@ TEST_F(Traps, RefuseUrgencyThatWouldStarveTheMachine) {
 }
 
 TEST(SimulatedPc, EndsAProgramThatNeverEndsOutOfItsSleep) {
-    cardsim::SimulatedPc pc({});
+    cardsim::SimulatedPc pc(cardsim::SimulatedPc::Options::with(4));
     ASSERT_EQ(0, ioperm(0x300, 32, 1));
     pc.endAt(1000);
     std::thread([] { usleep(1000); }).join();
