@@ -53,6 +53,8 @@ inline constexpr FaultDescription kFaultDescriptions[] = {
      "a field of some line of it holds anything"},
 };
 
+constexpr int kNumFaultKinds = std::size(kFaultDescriptions);
+
 // The fields that nonsense may go to; kAnyField chooses at random among those before it.
 enum class FaultField {
     kLevel,
@@ -101,7 +103,7 @@ class Faults {
     bool strikesNow(const Planned& plan);
 
     std::vector<Planned> planned;
-    std::uint64_t seen[std::size(kFaultDescriptions)] = {};
+    std::uint64_t seen[kNumFaultKinds] = {};
     Random randomness;
 };
 
