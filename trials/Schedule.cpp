@@ -130,18 +130,29 @@ class Schedule : public cardsim::SimulatedPc {
         return events.emplace_back(Event{kind + std::to_string(number)});
     }
     void judge(int sleep_us) {
-        const auto spoilsBoots = [](const Fault& fault) {
-            return fault.kind <= FaultKind::kDeadAfterBoot;
-        };
         note(kSleep, sleep_us);
         if (sleep_us == kAfterBoot_us) {
-            host.judgeBoot(events,
-                           std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots));
+            judgeBoot();
         } else {
             host.judgePass(events, MonitorBuffer::getInstance().isEmpty());
         }
         isBooting = sleep_us > kAfterBoot_us;
         events.clear();
+    }
+    void judgeBoot() {
+        const auto spoilsBoots = [](const Fault& fault) {
+            return fault.kind <= FaultKind::kDeadAfterBoot;
+        };
+        const bool mayFail = std::any_of(plan.faults.begin(), plan.faults.end(), spoilsBoots);
+        host.judgeBoot(events, mayFail);
+        ++boots;
+        for (const int slot : {0, 1}) {
+            const bool hasStarted =
+                vm.channelsOf(slot) == plan.channels[slot] && report().cards[slot].boots == boots;
+            if (!mayFail && plan.channels[slot] != 0 && !hasStarted) {
+                deviate("firmware of card " + std::to_string(slot), "started", "not");
+            }
+        }
     }
 
     // A moment at which a call of the client may fall.
@@ -254,7 +265,7 @@ class Schedule : public cardsim::SimulatedPc {
     JavaVm vm;
     Events events;              // since the last sleep began
     std::deque<Bytes> packets;  // that wait for the client: type and payload
-    std::uint64_t end_us = 0, away = 0, callsInside = 0;
+    std::uint64_t end_us = 0, away = 0, callsInside = 0, boots = 0;
     std::array<std::uint64_t, 2> served{};
     int quietPasses = 0;
     bool isOpen = false, isCalling = false, isBooting = false;
