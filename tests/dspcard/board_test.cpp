@@ -62,7 +62,7 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     void dueTrace() {
         out += "Transfer Count = " + std::to_string(counter) + "\n";
         const std::string blank = eight ? " " : "";
-        for (int port = 0; counter % 10 == 1 && port < layout.channels; ++port) {
+        for (int port = 0; counter % 10 == 1 && port < lines; ++port) {
             const std::string vox = isTriggered(port) ? blank + "VOX Trigger " : "";
             const std::string gen = *lineData(port, 2) != 0 ? blank + "Gen Trigger " : "";
             const std::string fpga = eight && lineStatus(port, 8) ? " FPGA Triggered\n" : "";
@@ -99,24 +99,24 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         }
     }
     void dueReports() {
-        for (int port = 0; hasSettings && port < layout.channels; ++port) {
+        for (int port = 0; hasSettings && port < lines; ++port) {
             const bool state = isTriggered(port);
             if (std::exchange(triggered[port], state) != state) {
                 duePacket({PACKET_TRIGGER, state, first + port}, "");
             }
         }
-        for (int port = 0; port < layout.channels; ++port) {
+        for (int port = 0; port < lines; ++port) {
             dueText(port, PACKET_DTMF, layout.digits, layout.digitsBytes);
             dueText(port, PACKET_CLI, layout.caller, cardsim::layout::kCallerBytes);
         }
     }
     void dueAudio() {
-        std::string lines;
-        for (int port = 0; port < layout.channels; ++port) {
-            lines += audioOf(port);
+        std::string bytes;
+        for (int port = 0; port < lines; ++port) {
+            bytes += audioOf(port);
         }
-        duePacket({PACKET_RECORDED_DATA, layout.channels, first}, lines);
-        if (monitored >= first && monitored < first + layout.channels) {
+        duePacket({PACKET_RECORDED_DATA, lines, first}, bytes);
+        if (monitored >= first && monitored < first + lines) {
             out += eight ? "" : "Copying monitor data to buffer\n";
             dueInRing(audioOf(monitored - first));
         }
@@ -131,7 +131,7 @@ class Board : public TestWithParam<std::tuple<int, int>> {
             {0xFF01, 0xFF02, 0x04FF, 0x089F, 0x0C9F, 0x115F, 0x155E, 0x1C20, 0},
             {0xFF01, 0xFF02, 0x02AF, 0x047F, 0x067F, 0x0A1F, 0x0E1F, 0x115F, 0}};
         Words block = {2, 0};
-        for (int channel = first; channel < first + layout.channels; ++channel) {
+        for (int channel = first; channel < first + lines; ++channel) {
             const int kind = settings.getTrigType(channel);
             const int delay_ms = std::min<int>(65, settings.getTrigDelaySecs(channel)) * 1000;
             block.insert(block.end(), {settings.getBeepType(channel), kLevels[eight ? 1 : 0][kind],
@@ -230,9 +230,10 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         return due;
     }
 
-    const cardsim::TransferLayout& layout = cardsim::layoutOf(std::get<0>(GetParam()));
+    const int lines = std::get<0>(GetParam());
+    const cardsim::TransferLayout& layout = cardsim::layoutOf(lines);
     const int number = std::get<1>(GetParam());
-    const bool eight = layout.channels == 8;
+    const bool eight = lines == 8;
     const bool isPlayer = !eight || number == 0;
     const int first = 4 * number, base = 0x300 + 0x10 * number;
     const std::size_t audioBytes = 2 * layout.audioWords;
@@ -287,12 +288,12 @@ TEST_P(Board, ReportsATriggerAgainWhenARecordingStartsAtAnyMomentOfItsReport) {
     memory.assign(0x1000, 0xFFFF);  // voice on all lines
     board->doReadWrite(2 * number, &settings);
     takePackets();
-    const auto lines = static_cast<std::size_t>(layout.channels);
+    const auto all = static_cast<std::size_t>(lines);
     whenAllocating = [this] { board->clearTriggers(); };
     board->handleTriggers();
     whenAllocating = nullptr;
     board->handleTriggers();
-    EXPECT_EQ(2 * lines, takePackets().size()) << "cleared with the packets on their way";
+    EXPECT_EQ(2 * all, takePackets().size()) << "cleared with the packets on their way";
     struct sigaction action {};
     action.sa_flags = SA_SIGINFO;
     action.sa_sigaction = step;
@@ -308,7 +309,7 @@ TEST_P(Board, ReportsATriggerAgainWhenARecordingStartsAtAnyMomentOfItsReport) {
         board->handleTriggers();
         isCleared = std::exchange(left, 0) < 0;
         board->handleTriggers();
-        ASSERT_EQ(lines, takePackets().size()) << "cleared after " << steps << " instructions";
+        ASSERT_EQ(all, takePackets().size()) << "cleared after " << steps << " instructions";
     }
 }
 
@@ -344,7 +345,7 @@ TEST_P(Board, BootsItsFirmwareAndStartsWithSilence) {
                                             : "\nSize of Transfer=4078\nSize of counter=4\n"
                                               "Size of Command=34\nSize of PortData=3540\n"));
     board->handleTriggers();
-    EXPECT_EQ(static_cast<std::size_t>(layout.channels), takePackets().size()) << "settings stay";
+    EXPECT_EQ(static_cast<std::size_t>(lines), takePackets().size()) << "settings stay";
 }
 
 INSTANTIATE_TEST_SUITE_P(Cards, Board, Combine(Values(4, 8), Values(0, 1)));

@@ -55,9 +55,10 @@ class BusEconomy : public testing::TestWithParam<int>, public ScriptedCards {
         return true;
     }
     std::vector<PortAccess> needed(int buffer) const {
-        const auto& layout = cardsim::layoutOf(buffer < 2 ? GetParam() : 12 - GetParam());
+        const int lines = buffer < 2 ? GetParam() : 12 - GetParam();
+        const auto& layout = cardsim::layoutOf(lines);
         const bool isServed = pass >= kFirstExchange && buffer >= 0;
-        const bool isPlayer = layout.channels == 4 || buffer < 2;
+        const bool isPlayer = lines == 4 || buffer < 2;
         const int playback = (buffer ^ 1) * 0x1000 + 2 * layout.playbackAudio;
         std::vector<PortAccess> all;
         const auto poll = [&](int from, int to) {

@@ -166,7 +166,7 @@ TEST(Claim, KeepsASecondProcessFromTouchingThePorts) {
     EXPECT_THAT(cards.accesses, ElementsAre());
     const std::string inUse =
         "Cards in use by process " + std::to_string(holder) + " (sharing_test)";
-    EXPECT_THAT(takeReports(), ElementsAre(errorReport(4, inUse)));
+    EXPECT_THAT(reportsIn(takePackets()), ElementsAre(errorReport(4, inUse)));
     EXPECT_EQ(
         "Ports enabled OK\nDetected 0 boards\nBoard0 has -2 channels\nBoard1 has -2 channels\n"
         "ERROR! " +
