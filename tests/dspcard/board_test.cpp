@@ -60,25 +60,27 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     }
 
     void dueTrace() {
-        out += "Transfer Count = " + std::to_string(counter) + "\n";
-        const std::string blank = eight ? " " : "";
+        const char* const vox = eight ? " VOX Trigger " : "VOX Trigger ";
+        const char* const gen = eight ? " Gen Trigger " : "Gen Trigger ";
+        out << "Transfer Count = " << counter << "\n";
         for (int port = 0; counter % 10 == 1 && port < lines; ++port) {
-            const std::string vox = isTriggered(port) ? blank + "VOX Trigger " : "";
-            const std::string gen = *lineData(port, 2) != 0 ? blank + "Gen Trigger " : "";
-            const std::string fpga = eight && lineStatus(port, 8) ? " FPGA Triggered\n" : "";
-            const std::string hook = isTriggered(port) ? " OH Triggered" : " OH ";
-            const std::string level = " VOX " + std::to_string(*lineData(port, 0));
-            out +=
-                std::to_string(port) + (followsHook[port] ? hook : level + vox + gen + fpga) + "\n";
+            const bool isOn = isTriggered(port), isGen = *lineData(port, 2) != 0;
+            if (followsHook[port]) {
+                out << port << (isOn ? " OH Triggered\n" : " OH \n");
+            } else {
+                out << port << " VOX " << *lineData(port, 0) << (isOn ? vox : "")
+                    << (isGen ? gen : "")
+                    << (eight && lineStatus(port, 8) ? " FPGA Triggered\n\n" : "\n");
+            }
         }
     }
     void dueDebugWords() {
         const std::uint16_t* const words = &memory[buffer * 0x800 + layout.debug];
-        out += "Debug Buffer: \n";
+        out << "Debug Buffer: \n";
         for (int i = 1; i <= std::min<int>(*words, 249); ++i) {
-            out += std::to_string(words[i]) + " ";
+            out << words[i] << " ";
         }
-        out += "\n";
+        out << "\n";
     }
     void duePacket(Bytes packet, const std::string& content) {
         for (const char byte : content) {
@@ -88,14 +90,13 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     }
     void dueText(int port, PacketType type, int word, int bytes) {
         const char* const text = reinterpret_cast<const char*>(lineData(port, word));
-        const int count = static_cast<signed char>(*text), kept = std::min(count, bytes - 1);
+        const int count = static_cast<std::int8_t>(*text), kept = std::min(count, bytes - 1);
         if (count > 0) {
             duePacket({type, first + port, kept}, std::string(text + 1, kept));
         }
         if (count > 0 && (type == PACKET_CLI || !eight)) {
-            out += std::string(type == PACKET_CLI ? "Sending CLI" : "Sending") +
-                   " Packet to Java: channel=" + std::to_string(port) +
-                   " length=" + std::to_string(count) + "\n";
+            out << (type == PACKET_CLI ? "Sending CLI" : "Sending")
+                << " Packet to Java: channel=" << port << " length=" << count << "\n";
         }
     }
     void dueReports() {
@@ -117,14 +118,14 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         }
         duePacket({PACKET_RECORDED_DATA, lines, first}, bytes);
         if (monitored >= first && monitored < first + lines) {
-            out += eight ? "" : "Copying monitor data to buffer\n";
+            out << (eight ? "" : "Copying monitor data to buffer\n");
             dueInRing(audioOf(monitored - first));
         }
     }
     void dueInRing(const std::string& bytes) {
         ring += bytes;
         ring.erase(0, std::max<std::size_t>(ring.size(), 600) - 600);
-        err += "Adding data to monitor buffer, size now=" + std::to_string(ring.size()) + "\n";
+        err << "Adding data to monitor buffer, size now=" << ring.size() << "\n";
     }
     Words dueBlock() {
         static constexpr std::uint16_t kLevels[2][9] = {
@@ -140,13 +141,13 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         }
         ++applied;
         hasSettings = true;
-        err += "Updateing Line Settings!!!\n" + std::string(settings.toString()) + "\n";
+        err << "Updateing Line Settings!!!\n" << std::string(settings.toString()) << "\n";
         block.resize(layout.firstPort - layout.command);
         return block;
     }
     void duePlayed() {
         const bool monitors = monitored != -1;
-        out += eight && monitors && ring.empty() ? "ERROR: Monitoring but buffer is empty\n" : "";
+        out << (eight && monitors && ring.empty() ? "ERROR: Monitoring but buffer is empty\n" : "");
         if ((!monitors && !plays) || ring.empty()) {
             played = silence();
             return;
@@ -154,11 +155,11 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         const std::size_t bytes = std::min<std::size_t>(ring.size(), audioBytes);
         std::memcpy(played.data(), ring.data(), bytes);  // the rest is left as it was
         ring.erase(0, bytes);
-        err += "Getting data from monitor buffer, size now=" + std::to_string(ring.size()) + "\n";
+        err << "Getting data from monitor buffer, size now=" << ring.size() << "\n";
     }
     void dueError(int code, const std::string& text) {
         packets.push_back(errorReport(code, text));
-        err += "ERROR! " + text + "\n";
+        err << "ERROR! " << text << "\n";
     }
 
     // The DSP hands over a buffer, or takes it back too soon. Half of the words in it are zero,
@@ -202,7 +203,8 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     // What is in card memory afterwards.
     Words dueExchange(const Packet* command) {
         packets.clear();
-        out = err = "";
+        out.str("");
+        err.str("");
         debugs ? dueTrace() : void();
         records ? dueReports() : void();
         dueAudio();
@@ -250,7 +252,8 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     LineSettingsPacket settings;
     // What is due.
     std::vector<Bytes> packets;
-    std::string out, err, ring;
+    std::ostringstream out, err;
+    std::string ring;
     Words played = Words(layout.audioWords);
     bool hasSettings = false, followsHook[8] = {}, triggered[8] = {};
     int applied = 0;
@@ -269,8 +272,8 @@ TEST_P(Board, ExchangesBuffersOfAnyContentAsTheClientWishes) {
             four->printDebugBuffer();
         }
         EXPECT_EQ(packets, reportsIn(takePackets(), true)) << "round " << round;
-        EXPECT_EQ(out, console.take().out);
-        EXPECT_EQ(err, console.err);
+        EXPECT_EQ(out.str(), console.take().out);
+        EXPECT_EQ(err.str(), console.err);
         EXPECT_TRUE(due == memory);
         EXPECT_EQ(last != 0 && counter == last, board->isLockedUp());
         board->setLockedUp(false);

@@ -87,7 +87,8 @@ TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
     EXPECT_THAT(open, ElementsAre(before + 1)) << "one /dev/port at a time";
     EXPECT_EQ(before, openFiles());
     std::vector<PortAccess> accesses;
-    std::string lines = "DSPDetect: Opening /dev/port\n";
+    std::ostringstream lines;
+    lines << "DSPDetect: Opening /dev/port\n";
     for (const auto& [base, counted] : {std::pair(0x300, 0x302), {0x310, 0}, {0x300, 0x312}}) {
         accesses.insert(accesses.end(),
                         {writes(base + 14, 8), writes(base + 2, 0x12), writes(base, 0x55),
@@ -97,9 +98,8 @@ TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
         }
         const std::string echo =
             "Attempt to write to baseIOPort\nAttempt to read from baseIOPort \n";
-        lines += "Doing port test for board " + std::to_string(base >> 4 & 1) +
-                 "\nPlacing DSP in RESET\n" + echo + echo + "port: " + std::to_string(base) +
-                 " ok!\n";
+        lines << "Doing port test for board " << (base >> 4 & 1) << "\nPlacing DSP in RESET\n"
+              << echo << echo << "port: " << base << " ok!\n";
     }
     EXPECT_EQ(accesses, cards.accesses);
     EXPECT_THAT(cards.slept_us, ElementsAre(100, 100, 100));
@@ -108,7 +108,7 @@ TEST_F(Hardware, ProbesTwoCardsInTheOrderThatLeavesBothInReset) {
         "Found 4 chan board\nchannelsBoard0=4\nboard1 present\n"
         "numChannels opening /dev/port\nFound 8 channel board\n",
         console.take().err);
-    EXPECT_EQ(lines, console.out);
+    EXPECT_EQ(lines.str(), console.out);
 }
 
 TEST_F(Hardware, AllowsTheFirstPatternThreeAttemptsAndTheSecondOne) {
