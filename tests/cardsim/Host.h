@@ -84,11 +84,11 @@ class Host {
         return report.cards[0].channels == 4 ? use(*static_cast<DSPTransferFourChannel*>(start))
                                              : use(*static_cast<DSPTransferEightChannel*>(start));
     }
+
     std::vector<std::uint16_t> memory = std::vector<std::uint16_t>(0x2000);
     cardsim::MachineReport report{};
     std::uint64_t now_us = 0;
     cardsim::Cards cards;
-
     const int period_ms;
 
   private:

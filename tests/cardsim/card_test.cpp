@@ -145,6 +145,7 @@ TEST_P(Card, FailsAsItsFaultsSay) {
         std::uint64_t struck = 1;
     } kRows[] = {
         {"absent@1-3", "300=55 300 304 300=66 300", "FFFF FFFF 66 ", 3},
+        {"absent/1", "300=55 300", "55 ", 0},
         {"wrong-echo@2-3", "300=55 300 300 300 300", "55 AA AA 55 ", 2},
         {"byte-refused@1", "boot 302=1A 302 boot", "0 0 22 "},
         {"byte-refused@2", "boot 302=1A 302 boot", "1 0 22 "},
@@ -180,7 +181,7 @@ TEST(Cards, AnswerAtTheirOwnPortsInEveryWidth) {
     EXPECT_EQ(0x00040077, host.in(0x310, 4));
 }
 
-TEST(Cards, DoWhatIsPlannedBeforeTheTurnOfThatTimeInTheOrderGiven) {
+TEST(Cards, DoWhatIsPlannedInOrderAndGoOnWithTheReport) {
     Host host(4);
     host.boot();
     const std::uint64_t turn = host.now_us + 450'000;
@@ -197,6 +198,10 @@ TEST(Cards, DoWhatIsPlannedBeforeTheTurnOfThatTimeInTheOrderGiven) {
     host.cards.at(5, note("e"));
     host.cards.advance(turn + 1);
     EXPECT_EQ("|a0b0c0e1", order);
+    // The report goes on when somebody else gets the cards anew.
+    cardsim::Cards({std::nullopt, std::nullopt}, host.memory.data(), host.report).advance(5);
+    EXPECT_EQ(turn + 6, host.report.elapsed_us);
+    EXPECT_EQ(1u, host.report.cards[0].handOvers);
 }
 
 }  // namespace
