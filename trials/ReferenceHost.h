@@ -194,8 +194,10 @@ class ReferenceHost {
         slot = board.slot;
         wasSwitchedOff = false;
         const Command command = takeCommand(board);
-        Bytes copy = next(kCopy, board.bufferByte(buffer)).bytes;
-        copy.resize(2 * board.transfer.words);
+        const Bytes copy = next(kCopy, board.bufferByte(buffer)).bytes;
+        if (static_cast<int>(copy.size()) != 2 * board.transfer.words) {
+            deviate("length of the copy", "the whole buffer", std::to_string(copy.size()));
+        }
         if (recording) {
             reportTriggers(board, copy);
             reportTexts(board, copy);

@@ -22,11 +22,11 @@ using cardsim::FaultKind;
 using namespace trials;
 
 constexpr double kBetweenPasses = 0.15, kInPass = 0.02, kInBoot = 0.0003;  // a call falls there
-constexpr double kStaysAway = 0.003, kFaultsTogether = 0.4;
+constexpr double kStaysAway = 0.003, kFaultsTogether = 0.4, kLocksUp = 0.2, kTalksNonsense = 0.2;
 constexpr int kResetSettle_us = 100, kPoll_us = 100'000, kAfterBoot_us = 1'000'000;  // sleeps
 constexpr int kQuietPasses = 250, kLastPasses = 310, kServedIfItWorks = 6;  // in the last ones
 // Of each kind of fault, up to how late one strikes.
-constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 300, 300, 300, 300, 300};
+constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 100, 100, 100, 100, 100};
 static_assert(std::size(kOpportunities) == std::size(cardsim::kFaultDescriptions));
 
 cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
@@ -39,6 +39,8 @@ cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
         const bool isAlone = options.faults.empty() || !random.chance(kFaultsTogether);
         Fault fault = isAlone ? Fault() : options.faults.back();
         fault.kind = static_cast<FaultKind>(random.between(0, std::size(kOpportunities) - 1));
+        fault.kind = random.chance(kLocksUp) ? FaultKind::kCounterStuck : fault.kind;
+        fault.kind = random.chance(kTalksNonsense) ? FaultKind::kNonsense : fault.kind;
         fault.field = static_cast<cardsim::FaultField>(random.between(0, 9));
         fault.probability = random.chance(0.5) ? 1 : 0.3;
         if (isAlone) {
@@ -66,6 +68,7 @@ class Schedule : public cardsim::SimulatedPc {
         isOpen = isBooting = true;
         manager.bootload();
         judge(kAfterBoot_us);
+        tell([](auto& to) { to.setRecording(true); });
         try {
             manager.readWriteDSPs();
         } catch (const cardsim::PowerOff&) {
