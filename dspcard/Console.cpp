@@ -53,12 +53,7 @@ class WaitingLines {
     void drop() { ++dropped; }
 
     // On the writing thread, as everything below. Whether there is something to write.
-    bool waits() {
-        if (unwritten.empty() && !takeNext()) {
-            return false;
-        }
-        return true;
-    }
+    bool waits() { return !unwritten.empty() || takeNext(); }
     // Of the text to be written next.
     std::uint64_t number() const { return numberOfText; }
     int descriptor() const { return fd; }

@@ -153,7 +153,7 @@ void* checkMemory(Report& report, const Rights& rights, DirectIO& hardware) {
     }
     report.pass(kDevice, "opens for reading and writing");
     if (hardware.getFailure() == DirectIO::Failure::kMemoryInUse) {
-        const std::string holder = hardware.getHolder();
+        const std::string& holder = hardware.getHolder();
         report.fail(kMapping, "the cards are in use by " + holder,
                     "end " + holder + ", then check again");
         return memory;
