@@ -1,6 +1,5 @@
 // The whole driver on simulated cards, in virtual time: detection, boot, the read/write cycle, and
 // the road of audio, reports and commands in both directions.
-#include <numeric>
 #include <thread>
 
 #include "BoardMgr.h"
@@ -80,7 +79,6 @@ class Cycle : public TestWithParam<std::tuple<int, int, int>> {
 };
 
 using EachPairing = Cycle;
-using LockUp = Cycle;
 
 TEST_P(EachPairing, IsFoundBootedAndServedWithACallOnTheLastCard) {
     const auto [channels0, channels1, boards] = GetParam();
@@ -130,59 +128,38 @@ struct WatchingPacket : PlaybackDataPacket {
     std::string& deletions;
 };
 
-TEST_F(Cycle, PlaysWhatTheClientSendsInOrderUntilItIsSwitchedOff) {
+TEST_F(Cycle, PlaysPacketsInTurnUntilItIsSwitchedOff) {
     powerUp(8, 4, 12'000);  // plays a packet in two transfers: the next one has to wait
-    std::string sent, heard, deletions;
-    pc->card(0).connectSpeaker(
-        [&heard](const char* bytes, std::size_t count) { heard.append(bytes, count); });
+    std::string deletions;
     setPlayback(nullptr, nullptr, 2);
     for (int number = 0; number < 20; ++number) {
         auto packet = std::make_unique<WatchingPacket>(deletions);
-        unsigned char* const audio = packet->getData();
-        std::iota(audio, audio + 600, static_cast<unsigned char>(number * 7));
-        packet->read(audio, 600);
-        sent.append(audio, audio + 600);
+        packet->read(packet->getData(), 600);
         dispatcher().addPacketToReceiveQueue(packet.release());
     }
-    for (const bool isOn : {true, false}) {
-        pc->at(isOn ? 4100 : 7100, [isOn] {
-            EXPECT_FALSE(MonitorBuffer::getInstance().isEmpty());
-            setPlayback(nullptr, nullptr, isOn ? JNI_TRUE : JNI_FALSE);
-        });
-    }
+    pc->at(7100, [] {
+        EXPECT_FALSE(MonitorBuffer::getInstance().isEmpty());
+        setPlayback(nullptr, nullptr, JNI_FALSE);
+    });
     bootAndRun();
-    heard.erase(0, heard.find(sent.substr(0, 300)));
-    const auto differs = std::mismatch(sent.begin(), sent.end(), heard.begin()).first;
-    EXPECT_THAT(differs - sent.begin(), AllOf(Ge(4 * 600), Lt(14 * 600)));
-    EXPECT_THAT(heard, HasSubstr("\x55\xBB\xDB\x76")) << "silence again";
-    EXPECT_THAT(deletions, AllOf(SizeIs(20), EndsWith("eeeee"))) << "the ring first";
+    EXPECT_THAT(deletions, AllOf(SizeIs(20), StartsWith("ffff"), EndsWith("eeeee")))
+        << "the ring is emptied first";
 }
 
-TEST_P(LockUp, RebootsAllCardsAtTheSeventh) {
-    const auto [onCard0, onCard1, boots] = GetParam();
-    std::vector<Fault> faults;
-    for (int i = 0; i < onCard0 + onCard1; ++i) {
-        const std::uint64_t nth = i < onCard0 ? i : i - onCard0;  // of its card
-        const std::uint64_t handOver = (nth < 7 ? 20 : 60) + 2 * nth;
-        faults.push_back({FaultKind::kCounterStuck, i < onCard0 ? 0 : 1, handOver, handOver});
-    }
-    powerUp(4, 4, 90'000, faults);
+TEST_F(Cycle, RebootsAllCardsAtTheSeventhLockUpOfAny) {
+    powerUp(4, 4, 90'000,
+            {{FaultKind::kCounterStuck, 0, 20, 22},
+             {FaultKind::kCounterStuck, 1, 20, 22},
+             {FaultKind::kCounterStuck, 1, 100, 100}});
+    pc->at(40'000, [this] { EXPECT_EQ(1u, report(0).boots) << "at the sixth"; });
     bootAndRun();
+    EXPECT_THAT(reportsIn(takePackets()), Contains(errorReport(3, "DSP Board Locked Up")).Times(7));
     std::vector<std::uint64_t> pauses_us(7, 100);  // three tests and two boots
-    for (int boot = 1; boot < boots; ++boot) {
-        pauses_us.insert(pauses_us.end(), {3'000'000, 100, 100, 100, 100, 1'000'000});
-    }
+    pauses_us.insert(pauses_us.end(), {3'000'000, 100, 100, 100, 100, 1'000'000});
     EXPECT_EQ(pauses_us, pc->pauses_us);
-    EXPECT_EQ(boots > 1,
-              Matches(HasSubstr("\nDSP Card locked so bootloading!\n"))(console.take().err));
-    for (const int board : {0, 1}) {
-        EXPECT_EQ(static_cast<std::uint32_t>(boots), report(board).boots);
-    }
+    EXPECT_THAT(console.take().err, HasSubstr("\nDSP Card locked so bootloading!\n"));
+    EXPECT_EQ(std::pair(2u, 2u), std::pair(report(0).boots, report(1).boots));
 }
-
-INSTANTIATE_TEST_SUITE_P(Cards, LockUp,
-                         Values(std::tuple(6, 0, 1), std::tuple(7, 0, 2), std::tuple(3, 3, 1),
-                                std::tuple(3, 4, 2), std::tuple(0, 14, 3)));
 
 TEST_F(Cycle, IsRunByTheBenchProgramWithAllSwitchedOn) {
     powerUp(4, 8, 20'000);

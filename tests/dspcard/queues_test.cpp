@@ -161,12 +161,9 @@ TEST(CircularBufferDeathTest, KeepsItemsThatAreMoreThanBytesAndQuotesABrokenInva
     EXPECT_EQ("Dora", all[2]);
     struct : Ring {
         void lose() { m_dwFree -= 1; }
-        void stray() { m_pRead = const_cast<char*>(c_pBufferEnd); }
-    } counted, pointed;
-    counted.lose();
-    pointed.stray();
-    EXPECT_DEATH(counted.Discard(1), "\\(m_dwUsed \\+ m_dwFree\\) == MAX_ITEMS");
-    EXPECT_DEATH(pointed.Empty(), "\\(c_pBufferStart <= m_pRead\\) && \\(m_pRead < c_pBufferEnd");
+    } ring;
+    ring.lose();
+    EXPECT_DEATH(ring.Discard(1), "\\(m_dwUsed \\+ m_dwFree\\) == MAX_ITEMS");
 }
 
 TEST(Threads, ShareTheQueuesAndTheRing) {
