@@ -1,7 +1,7 @@
-// What each pass of the cycle costs on the bus: its port accesses, and every access to card memory
-// with its width. The card memory is closed, so each instruction that touches it faults and is
-// noted; then the memory is open for this one instruction, by single step. Nothing escapes, as the
-// driver has one thread here, and what is not a plain 16-bit move counts as being of no width.
+// What an exchange costs on the bus: its port accesses, and every access to card memory with its
+// width. The card memory is closed, so each instruction that touches it faults and is noted; then
+// the memory is open for this one instruction, by single step. Nothing escapes, as the driver has
+// one thread here, and what is not a plain 16-bit move counts as being of no width.
 #include <signal.h>
 #include <sys/mman.h>
 
@@ -9,7 +9,6 @@
 #include "ScriptedCards.h"
 #include "Surroundings.h"
 #include "model/TransferLayout.h"
-#include "pc/SimulatedPc.h"
 
 namespace {
 
@@ -39,57 +38,14 @@ void closeAgain(int, siginfo_t*, void* context) {
     static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] &= ~kSingleStep;
 }
 
-constexpr int kStatusPorts[] = {0x302, 0x304, 0x312, 0x314};
-constexpr int kFirstExchange = 8;  // six buffers are released untouched
-constexpr int kHandedOver[] = {-1, 0, 1, 2, 3, 0, 0, -1, 0, 1, 2, 3};  // by pass; -1: none
-
-class BusEconomy : public testing::TestWithParam<int>, public ScriptedCards {
-  protected:
-    bool sleep(std::uint64_t) override { return bus == nullptr || endPass(); }
-    bool endPass() {
-        EXPECT_EQ(needed(kHandedOver[pass]), std::exchange(accesses, {})) << pass;
-        if (++pass == std::size(kHandedOver)) {
-            throw cardsim::PowerOff();
-        }
-        registers = {{kStatusPorts[kHandedOver[pass] & 3], kHandedOver[pass] >= 0}};
-        return true;
-    }
-    std::vector<PortAccess> needed(int buffer) const {
-        const int lines = buffer < 2 ? GetParam() : 12 - GetParam();
-        const auto& layout = cardsim::layoutOf(lines);
-        const bool isServed = pass >= kFirstExchange && buffer >= 0;
-        const bool isPlayer = lines == 4 || buffer < 2;
-        const int playback = (buffer ^ 1) * 0x1000 + 2 * layout.playbackAudio;
-        std::vector<PortAccess> all;
-        const auto poll = [&](int from, int to) {
-            for (int i = from; i <= to; ++i) {
-                all.push_back(reads(kStatusPorts[i], i == buffer));
-            }
-        };
-        poll(0, buffer < 0 ? 3 : buffer);
-        for (int i = 0; isServed && i < layout.words; ++i) {
-            all.emplace_back('R', buffer * 0x1000 + 2 * i, 2);
-        }
-        for (int i = 0; isServed && isPlayer && i < layout.audioWords; ++i) {
-            all.emplace_back('W', playback + 2 * i, 2);
-        }
-        poll(buffer & 2, isServed ? buffer : -1);  // whether it is still held out
-        if (buffer >= 0) {
-            poll(buffer, buffer);
-            all.push_back(writes(kStatusPorts[buffer], 0x1A));
-        }
-        return all;
-    }
-    std::size_t pass = 0;
-};
-
-TEST_P(BusEconomy, TouchesEachWordOnceAndNoPortMoreThanAPassNeeds) {
-    registers[GetParam() == 8 ? 0x302 : 0x312] = 4;  // eight channels
-    echoes = {0x300, 0x310};
+TEST(BusEconomy, TouchesEachWordOnceAndNoPortMoreThanAnExchangeNeeds) {
+    ScriptedCards cards;
+    cards.registers = {{0x302, 4}};  // eight channels
+    cards.echoes = {0x300, 0x310};
     const Console console;
-    memory = BoardMgr::getInstance().getDSPMemory();
-    registers.clear();
-    (bus = &accesses)->clear();
+    const BoardMgr& manager = BoardMgr::getInstance();
+    memory = manager.getDSPMemory();
+    bus = &cards.accesses;
     struct sigaction action {};
     action.sa_flags = SA_SIGINFO;
     action.sa_sigaction = openForOneStep;
@@ -97,8 +53,24 @@ TEST_P(BusEconomy, TouchesEachWordOnceAndNoPortMoreThanAPassNeeds) {
     action.sa_sigaction = closeAgain;
     sigaction(SIGTRAP, &action, nullptr);
     mprotect(memory, 0x4000, PROT_NONE);
-    EXPECT_THROW(BoardMgr::getInstance().readWriteDSPs(), cardsim::PowerOff);
+    for (const int buffer : {0, 1, 2, 3}) {
+        const auto& layout = cardsim::layoutOf(buffer < 2 ? 8 : 4);
+        const int first = 0x302 + buffer / 2 * 0x10, playback = (buffer ^ 1) * 0x1000;
+        std::vector<PortAccess> needed;
+        for (int i = 0; i < layout.words; ++i) {
+            needed.emplace_back('R', buffer * 0x1000 + 2 * i, 2);
+        }
+        for (int i = 0; i < layout.audioWords; ++i) {
+            needed.emplace_back('W', playback + 2 * (layout.playbackAudio + i), 2);
+        }
+        for (int i = 0; i <= buffer % 2; ++i) {  // whether it is still held out
+            needed.push_back(reads(first + 2 * i, i == buffer % 2));
+        }
+        cards.registers = {{first + buffer % 2 * 2, 1}};
+        cards.accesses.clear();
+        manager.getBoard(buffer / 2)->doReadWrite(buffer, nullptr);
+        EXPECT_EQ(needed, cards.accesses) << buffer;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Cards, BusEconomy, testing::Values(4, 8));
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The whole driver on simulated cards, in virtual time: detection, boot, the read/write cycle, and
 // the road of audio, reports and commands in both directions.
-#include <numeric>
 #include <thread>
 
 #include "BoardMgr.h"
@@ -80,33 +79,21 @@ class Cycle : public TestWithParam<std::tuple<int, int, int>> {
 };
 
 using EachPairing = Cycle;
-using LockUp = Cycle;
 
-TEST_P(EachPairing, IsFoundBootedAndServedForThousandsOfTransfers) {
+TEST_P(EachPairing, IsFoundBootedAndServedWithACallOnTheLastCard) {
     const auto [channels0, channels1, boards] = GetParam();
-    const int channels[] = {channels0, channels1}, last = std::max(boards - 1, 0);
-#ifdef __SANITIZE_THREAD__
-    constexpr std::uint64_t kEnd_ms = 400'000;  // one thread drives the cards: little to see
-#else
-    constexpr std::uint64_t kEnd_ms = 2'000'000;
-#endif
-    powerUp(channels0, channels1, kEnd_ms);
+    powerUp(channels0, channels1, 100'000);
     // Made on a thread whose number the runner may get, but not its permission.
     std::thread([] { BoardMgr::getInstance(); }).join();
-    const BoardMgr& manager = BoardMgr::getInstance();
     EXPECT_THAT(console.take().err,
                 HasSubstr("Detected " + std::to_string(boards) + " boards\nBoard0 has " +
                           std::to_string(boards > 0 ? channels0 : -2) + " channels\nBoard1 has " +
                           std::to_string(boards > 1 ? channels1 : -2) + " channels\n"));
     for (const int board : {-1, 0, 1, 2}) {
-        EXPECT_EQ(board >= 0 && board < boards, manager.getBoard(board) != nullptr);
+        EXPECT_EQ(board >= 0 && board < boards, BoardMgr::getInstance().getBoard(board) != nullptr);
     }
-    pc->at(20'000, [] {
-        sendSettings(settingsTable(TS_NEVER, 2));
-        sendSettings(settingsTable(TS_OFF_HOOK, 65, BEEP_HIGH));
-    });
-    // A call on line 1 of the last card.
-    const int number = last * channels0 + 1;
+    pc->at(20'000, [] { sendSettings(settingsTable(TS_OFF_HOOK, 65)); });
+    const int last = std::max(boards - 1, 0), number = last * channels0 + 1;
     cardsim::Line* const line = boards > 0 ? &pc->line(last, 1) : nullptr;
     const std::function<void()> events[] = {
         [] { startRecording(nullptr, nullptr); }, [line] { line->callFrom("040"); },
@@ -117,38 +104,15 @@ TEST_P(EachPairing, IsFoundBootedAndServedForThousandsOfTransfers) {
         pc->at(60'000 + 2000 * i, events[i]);
     }
     runInBackground();
-
-    const Packets packets = takePackets();
-    std::uint32_t transfers[2] = {}, counters[2] = {};
-    for (const auto& packet : packets) {
-        if (packet->getType() == PACKET_RECORDED_DATA) {
-            const unsigned char* const bytes = packet->getData();
-            const int board = bytes[1] == 0 ? 0 : 1;
-            const std::uint32_t counter = bytes[4] | bytes[5] << 8;  // in the pattern of the audio
-            counters[board] = transfers[board]++ == 0 ? counter : counters[board] + 1;
-            ASSERT_EQ(counters[board], counter);
-        }
-    }
-    // Six buffers are released untouched first.
-    EXPECT_EQ(transfers[0] + transfers[1] + (boards > 0 ? 6 : 0),
-              report(0).served + report(1).served);
+    const std::vector<Bytes> reports = {{2, number, 3, '0', '4', '0'},
+                                        {1, 1, number},
+                                        {3, number, 2, '1', '#'},
+                                        {1, 1, number},
+                                        {1, 0, number}};
+    EXPECT_EQ(boards > 0 ? reports : std::vector<Bytes>(), reportsIn(takePackets()));
     for (int board = 0; board < boards; ++board) {
         EXPECT_EQ(1u, report(board).boots);
         EXPECT_EQ(0u, report(board).missed);
-        EXPECT_GT(transfers[board], kEnd_ms / (channels[board] == 4 ? 500 : 250));
-        const auto& settings = pc->line(board, 3).settings();
-        EXPECT_EQ(3, settings.beep);
-        EXPECT_EQ(0xFF02, settings.trigger);
-        // A four-channel card is slower than the other kind: it gets only the newer settings. The
-        // delays of one kind of card are exact in turn, wherever they go.
-        const bool isSlower = board == 1 && channels1 < channels0;
-        EXPECT_EQ(isSlower ? 1u : 2u, report(board).commands[3]);
-        EXPECT_EQ(isSlower || (board == 0 && channels0 == channels1) ? 65000 : 65001,
-                  settings.delay_ms);
-        EXPECT_THAT(
-            reportsIn(packets),
-            ElementsAre(Bytes{2, number, 3, '0', '4', '0'}, Bytes{1, 1, number},
-                        Bytes{3, number, 2, '1', '#'}, Bytes{1, 1, number}, Bytes{1, 0, number}));
     }
 }
 
@@ -164,71 +128,38 @@ struct WatchingPacket : PlaybackDataPacket {
     std::string& deletions;
 };
 
-TEST_F(Cycle, PlaysWhatTheClientSendsInOrderOrTheMonitoredLineAndSilenceOtherwise) {
-    powerUp(8, 4, 20'000);  // plays a packet in two transfers: the next one has to wait
-    std::string sent, heard, deletions;
-    pc->card(0).connectSpeaker(
-        [&heard](const char* bytes, std::size_t count) { heard.append(bytes, count); });
+TEST_F(Cycle, PlaysPacketsInTurnUntilItIsSwitchedOff) {
+    powerUp(8, 4, 12'000);  // plays a packet in two transfers: the next one has to wait
+    std::string deletions;
     setPlayback(nullptr, nullptr, 2);
     for (int number = 0; number < 20; ++number) {
         auto packet = std::make_unique<WatchingPacket>(deletions);
-        unsigned char* const audio = packet->getData();
-        std::iota(audio, audio + 600, static_cast<unsigned char>(number * 7));
-        packet->read(audio, 600);
-        sent.append(audio, audio + 600);
+        packet->read(packet->getData(), 600);
         dispatcher().addPacketToReceiveQueue(packet.release());
     }
-    for (const bool isOn : {true, false}) {
-        pc->at(isOn ? 4100 : 7100, [isOn] {
-            EXPECT_FALSE(MonitorBuffer::getInstance().isEmpty());
-            setPlayback(nullptr, nullptr, isOn ? JNI_TRUE : JNI_FALSE);
-        });
-    }
-    pc->at(12'000, [] { BoardMgr::getInstance().setMonitorChannel(8 + 2); });
+    pc->at(7100, [] {
+        EXPECT_FALSE(MonitorBuffer::getInstance().isEmpty());
+        setPlayback(nullptr, nullptr, JNI_FALSE);
+    });
     bootAndRun();
-    std::string line2;
-    for (const auto& packet : takePackets()) {
-        const unsigned char* const audio = packet->getData() + 2;
-        line2.append(audio + 1200, audio + (packet->getData()[1] == 8 ? 1800 : 1200));
-    }
-    EXPECT_THAT(line2, HasSubstr(heard.substr(heard.size() - 300)));
-    heard.erase(0, heard.find(sent.substr(0, 300)));
-    const auto differs = std::mismatch(sent.begin(), sent.end(), heard.begin()).first;
-    EXPECT_THAT(differs - sent.begin(), AllOf(Ge(4 * 600), Lt(14 * 600)));
-    EXPECT_THAT(heard, HasSubstr("\x55\xBB\xDB\x76")) << "silence again";
-    EXPECT_THAT(deletions, AllOf(SizeIs(20), EndsWith("eeeee"))) << "the ring first";
+    EXPECT_THAT(deletions, AllOf(SizeIs(20), StartsWith("ffff"), EndsWith("eeeee")))
+        << "the ring is emptied first";
 }
 
-TEST_P(LockUp, RebootsAllCardsAtTheSeventh) {
-    const auto [onCard0, onCard1, boots] = GetParam();
-    std::vector<Fault> faults;
-    for (int i = 0; i < onCard0 + onCard1; ++i) {
-        const std::uint64_t nth = i < onCard0 ? i : i - onCard0;  // of its card
-        const std::uint64_t handOver = (nth < 7 ? 20 : 60) + 2 * nth;
-        faults.push_back({FaultKind::kCounterStuck, i < onCard0 ? 0 : 1, handOver, handOver});
-    }
-    powerUp(4, 4, 90'000, faults);
+TEST_F(Cycle, RebootsAllCardsAtTheSeventhLockUpOfAny) {
+    powerUp(4, 4, 90'000,
+            {{FaultKind::kCounterStuck, 0, 20, 22},
+             {FaultKind::kCounterStuck, 1, 20, 22},
+             {FaultKind::kCounterStuck, 1, 100, 100}});
+    pc->at(40'000, [this] { EXPECT_EQ(1u, report(0).boots) << "at the sixth"; });
     bootAndRun();
-    const auto reports = reportsIn(takePackets());
-    EXPECT_THAT(reports, Contains(errorReport(3, "DSP Board Locked Up")).Times(onCard0 + onCard1));
-    // The counter starts over with the firmware.
-    EXPECT_EQ(boots > 1, Matches(Contains(errorReport(1, "Missed Xfer ")))(reports));
+    EXPECT_THAT(reportsIn(takePackets()), Contains(errorReport(3, "DSP Board Locked Up")).Times(7));
     std::vector<std::uint64_t> pauses_us(7, 100);  // three tests and two boots
-    for (int boot = 1; boot < boots; ++boot) {
-        pauses_us.insert(pauses_us.end(), {3'000'000, 100, 100, 100, 100, 1'000'000});
-    }
+    pauses_us.insert(pauses_us.end(), {3'000'000, 100, 100, 100, 100, 1'000'000});
     EXPECT_EQ(pauses_us, pc->pauses_us);
-    EXPECT_EQ(boots > 1,
-              Matches(HasSubstr("\nDSP Card locked so bootloading!\n"))(console.take().err));
-    for (const int board : {0, 1}) {
-        EXPECT_EQ(static_cast<std::uint32_t>(boots), report(board).boots);
-        EXPECT_GT(report(board).served, 150u) << "service goes on";
-    }
+    EXPECT_THAT(console.take().err, HasSubstr("\nDSP Card locked so bootloading!\n"));
+    EXPECT_EQ(std::pair(2u, 2u), std::pair(report(0).boots, report(1).boots));
 }
-
-INSTANTIATE_TEST_SUITE_P(Cards, LockUp,
-                         Values(std::tuple(6, 0, 1), std::tuple(7, 0, 2), std::tuple(3, 3, 1),
-                                std::tuple(3, 4, 2), std::tuple(0, 14, 3)));
 
 TEST_F(Cycle, IsRunByTheBenchProgramWithAllSwitchedOn) {
     powerUp(4, 8, 20'000);

@@ -71,7 +71,6 @@ class ScriptedCards : public cardsim::Hardware {
     std::set<int> echoes;  // registers that read back what is written to them
     std::function<std::uint32_t(int port)> onRead;
     std::function<void(int port, std::uint32_t value)> onWrite;
-    bool isRecording = true;
     std::vector<PortAccess> accesses;
     std::string widths;  // of the accesses, in bytes
     std::vector<std::uint64_t> slept_us;
@@ -83,10 +82,8 @@ class ScriptedCards : public cardsim::Hardware {
   private:
     void note(const PortAccess& access, int bytes) {
         errno = ENOTTY;
-        if (isRecording) {
-            accesses.push_back(access);
-            widths += std::to_string(bytes);
-        }
+        accesses.push_back(access);
+        widths += std::to_string(bytes);
     }
     static int fail(int number) {
         errno = number;

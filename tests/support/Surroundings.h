@@ -79,11 +79,11 @@ inline Packets takePackets() {
     return packets;
 }
 
-// Type and payload of the packets; of those with audio only if wanted.
-inline std::vector<Bytes> reportsIn(const Packets& packets, bool withAudio = false) {
+// Type and payload of the packets but those with audio.
+inline std::vector<Bytes> reportsIn(const Packets& packets) {
     std::vector<Bytes> reports;
     for (const auto& packet : packets) {
-        if (withAudio || packet->getType() != PACKET_RECORDED_DATA) {
+        if (packet->getType() != PACKET_RECORDED_DATA) {
             reports.push_back(payload(*packet));
             reports.back().insert(reports.back().begin(), packet->getType());
         }
