@@ -14,15 +14,15 @@
 #include <vector>
 
 // The native methods but initialize, which starts a thread.
+#define NATIVE(method) Java_com_zivolt_hardware_dsp_cppint_CPPBridge_##method
 extern "C" {
-jbyteArray Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(JNIEnv*, jobject, jbyte, jint,
-                                                             jbyteArray);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_startRecording(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_stopRecording(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(JNIEnv*, jobject, jint);
-jint Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(JNIEnv*, jobject, jint);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(JNIEnv*, jobject, jboolean);
+jbyteArray NATIVE(getPacket)(JNIEnv*, jobject);
+void NATIVE(putPacket)(JNIEnv*, jobject, jbyte, jint, jbyteArray);
+void NATIVE(startRecording)(JNIEnv*, jobject);
+void NATIVE(stopRecording)(JNIEnv*, jobject);
+void NATIVE(setMonitoring)(JNIEnv*, jobject, jint);
+jint NATIVE(getNumberOfChannels)(JNIEnv*, jobject, jint);
+void NATIVE(setPlayback)(JNIEnv*, jobject, jboolean);
 }
 
 class JavaVm {
@@ -40,8 +40,7 @@ class JavaVm {
             if (broken) {
                 throw std::runtime_error("broken");
             }
-            newest = std::make_unique<Array>(
-                std::vector<unsigned char>(static_cast<std::size_t>(length)));
+            newest = std::make_unique<Array>(std::vector<unsigned char>(length));
             return ifThereIsMemory(newest.get());
         };
         functions.SetByteArrayRegion = [](JNIEnv*, jbyteArray array, jsize start, jsize length,
@@ -60,18 +59,15 @@ class JavaVm {
         functions.ExceptionClear = [](JNIEnv*) { exceptionPending = false; };
         env.functions = &functions;
     }
-    JavaVm(const JavaVm&) = delete;
-
     // The frame; empty when there is none.
     std::vector<unsigned char> getPacket() {
-        auto* const frame = Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(&env, nullptr);
+        auto* const frame = NATIVE(getPacket)(&env, nullptr);
         requireNothingHeld();
         return frame == nullptr ? std::vector<unsigned char>() : of(frame).bytes;
     }
     // The array may be null.
     void putPacket(int type, jint length, Array* array) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(
-            &env, nullptr, static_cast<jbyte>(type), length, array);
+        NATIVE(putPacket)(&env, nullptr, static_cast<jbyte>(type), length, array);
         requireNothingHeld();
     }
 
@@ -81,19 +77,11 @@ class JavaVm {
         putPacket(type, length, &array);
     }
     void setRecording(bool on) {
-        (on ? Java_com_zivolt_hardware_dsp_cppint_CPPBridge_startRecording
-            : Java_com_zivolt_hardware_dsp_cppint_CPPBridge_stopRecording)(&env, nullptr);
+        (on ? NATIVE(startRecording) : NATIVE(stopRecording))(&env, nullptr);
     }
-    void setMonitoring(int channel) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(&env, nullptr, channel);
-    }
-    void setPlayback(bool on) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(&env, nullptr, on ? 1 : 0);
-    }
-    int channelsOf(int board) {
-        return Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(&env, nullptr,
-                                                                                 board);
-    }
+    void setMonitoring(int channel) { NATIVE(setMonitoring)(&env, nullptr, channel); }
+    void setPlayback(bool on) { NATIVE(setPlayback)(&env, nullptr, on ? 1 : 0); }
+    int channelsOf(int board) { return NATIVE(getNumberOfChannels)(&env, nullptr, board); }
 
     static inline bool outOfMemory = false;  // no array is made or given out
     static inline bool broken = false;       // a C++ exception instead of an array
@@ -108,8 +96,7 @@ class JavaVm {
         return outOfMemory ? nullptr : result;
     }
     static void requireNothingHeld() {
-        require(!exceptionPending, "an exception is left pending");
-        require(elementsHeld == 0, "the elements of an array were not given back");
+        require(!exceptionPending && elementsHeld == 0, "an exception or an array is left behind");
     }
     // A driver that misuses the VM ends here, as it would there.
     static void require(bool holds, const char* otherwise) {
