@@ -52,6 +52,7 @@ TEST(CardCheck, FindsEveryMistakeInALoadFile) {
         {header + good + "h0200 h0002 A.BIN", "not whole, with 3 tokens of 4"},
         {header + "code h0002 A.BIN c", "address is not hexadecimal"},
         {header + "h000080 h0002 A.BIN c", "address is longer than 6 characters"},
+        {header + "h0080 h10000 A.BIN c", "size is above FFFF"},
         {header + "h0080 h0002 A.BIN sixteen-letters-", "comment is longer than 15"},
         {header + "h0080 h0002 a-name-of-thirty-two-characters. c", "name is longer than 31"},
         {header + "1080 h0002 A.BIN c", "address, 1, is dropped, which leaves 0x0080"},
