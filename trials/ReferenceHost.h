@@ -36,7 +36,7 @@ constexpr char kRead[] = "read of port ", kRelease[] = "release by port ",
 inline unsigned char byteOf(int value, int number = 0) {
     return static_cast<unsigned char>(value >> 8 * number);
 }
-inline void append(Bytes& bytes, const std::vector<int>& words) {
+inline void append(Bytes& bytes, std::initializer_list<int> words) {
     for (const int word : words) {
         bytes.insert(bytes.end(), {byteOf(word), byteOf(word, 1)});
     }
@@ -82,7 +82,7 @@ class ReferenceHost {
         lockUps = 0;
     }
     // The driver has gone through a pass of its cycle; the first after a further boot is empty.
-    void judgePass(const Events& passEvents, bool ringIsEmpty) {
+    void judgePass(const Events& passEvents) {
         events = passEvents;
         hearClient();
         int buffer = std::exchange(isPausing, false) ? 0 : -1;
@@ -97,9 +97,6 @@ class ReferenceHost {
             }
         }
         next(kSleep, lockUps > kToleratedLockUps ? 3'000'000 : 100'000);
-        if (ringIsEmpty != ring.empty()) {
-            deviate("monitor buffer", ring.empty() ? "empty" : "filled", "the contrary");
-        }
         ++passes;
     }
 
@@ -122,15 +119,10 @@ class ReferenceHost {
         emptyRing(!on);
     }
     void setRecording(bool on) {
-        triggered = {};
+        triggered = on ? std::array<bool, 16>() : triggered;
         recording = on;
     }
 
-    // The command block that a card got last; none while commands wait for its next exchange.
-    Bytes settings(int card) const {
-        const auto& waiting = card == 0 ? commands : boards[card].pending;
-        return waiting.empty() ? boards[card].settings : Bytes();
-    }
     std::uint64_t passes = 0, exchanges = 0;
     int slot = 0;  // of the last exchange
 
@@ -267,9 +259,10 @@ class ReferenceHost {
         }
     }
     void reportField(int type, int channel, const Bytes& field) {
-        const int count = static_cast<std::int8_t>(field[0]);
+        const std::string text(field.begin(), field.end());
+        const int count = static_cast<std::int8_t>(text[0]);
         if (count > 0) {
-            reportText(type, channel, std::string(field.begin() + 1, field.end()).substr(0, count));
+            reportText(type, channel, text.substr(1, count));
         }
     }
     void reportText(int type, int channelOrCode, const std::string& text) {

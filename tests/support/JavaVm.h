@@ -27,12 +27,13 @@ void NATIVE(setPlayback)(JNIEnv*, jobject, jboolean);
 
 class JavaVm {
   public:
+    using Bytes = std::vector<unsigned char>;
     struct Array : _jbyteArray {
-        explicit Array(std::vector<unsigned char> content) : bytes(std::move(content)) {
+        explicit Array(Bytes content) : bytes(std::move(content)) {
             bytes.reserve(1);  // an empty array has an address too
         }
         jbyte* data() { return reinterpret_cast<jbyte*>(bytes.data()); }
-        std::vector<unsigned char> bytes;
+        Bytes bytes;
     };
 
     JavaVm() {
@@ -40,7 +41,7 @@ class JavaVm {
             if (broken) {
                 throw std::runtime_error("broken");
             }
-            newest = std::make_unique<Array>(std::vector<unsigned char>(length));
+            newest = std::make_unique<Array>(Bytes(static_cast<std::size_t>(length)));
             return ifThereIsMemory(newest.get());
         };
         functions.SetByteArrayRegion = [](JNIEnv*, jbyteArray array, jsize start, jsize length,
@@ -60,10 +61,10 @@ class JavaVm {
         env.functions = &functions;
     }
     // The frame; empty when there is none.
-    std::vector<unsigned char> getPacket() {
+    Bytes getPacket() {
         auto* const frame = NATIVE(getPacket)(&env, nullptr);
         requireNothingHeld();
-        return frame == nullptr ? std::vector<unsigned char>() : of(frame).bytes;
+        return frame == nullptr ? Bytes() : of(frame).bytes;
     }
     // The array may be null.
     void putPacket(int type, jint length, Array* array) {
@@ -71,7 +72,7 @@ class JavaVm {
         requireNothingHeld();
     }
 
-    void send(int type, std::vector<unsigned char> bytes) {
+    void send(int type, Bytes bytes) {
         const auto length = static_cast<jint>(bytes.size());
         Array array(std::move(bytes));
         putPacket(type, length, &array);

@@ -10,9 +10,9 @@ import picocli.CommandLine;
 import picocli.CommandLine.*;
 
 /** Uses simulated cards with calls as an application does, for as long as one likes. */
-@Command(name = "Soak", description = {
-    "Uses simulated cards with verifiable audio and calls as an application does, and checks every",
-    "byte of every line, that nothing is lost, and that the process does not grow."},
+@Command(name = "Soak", mixinStandardHelpOptions = true, description = {
+    "Uses two simulated cards with verifiable audio and calls as an application does, and checks",
+    "every byte of every line, that nothing is lost, and that the process does not grow."},
         exitCodeListHeading = "%nExit status:%n",
         exitCodeList = {"0:nothing found", "1:something found", "2:wrong usage"})
 public final class Soak implements Callable<Integer> {
@@ -30,13 +30,6 @@ public final class Soak implements Callable<Integer> {
     @Option(names = "--days", paramLabel = "N",
             description = "The same in days of a four- and an eight-channel card.")
     private long days;
-
-    @Option(names = "--cards", paramLabel = "N",
-            description = "How many cards there must be, ${DEFAULT-VALUE} if not given.")
-    private int cards = 2;
-
-    @Option(names = "--help", usageHelp = true, description = "Show this text.")
-    private boolean help;
 
     private final AudioChecker checker = new AudioChecker();
     private long events;
@@ -104,7 +97,7 @@ public final class Soak implements Callable<Integer> {
     }
 
     private int judge() {
-        findIf(!checker.allWell(cards), checker);
+        findIf(!checker.allWell(2), checker);
         findIf(events == 0, "no calls: were the cards started with some?");
         findIf(last_kB - warm_kB > MOST_GROWTH_KB, "the process grows");
         System.out.println(("soak: %s, %d events, %d kB resident after the first fifth, %d kB at"
