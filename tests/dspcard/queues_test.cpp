@@ -71,16 +71,14 @@ TEST(RecordedDataPacketDeathTest, StartsSilentAndRefusesForeignChannels) {
 TEST(CommandPacket, KeepsWhatFitsAndDefaultsForTheRest) {
     unsigned char bytes[601] = {};
     std::copy_n(std::begin({3, 2, 10}), 3, &bytes[3 * 4]);
-    const std::string defaults = "Beep=0, Trigger=5, VOXTimeout=3\n";
-    using Row = std::tuple<int, std::string, std::string>;
-    for (const auto& [length, channel4, channel15] :
-         {Row(-5, defaults, defaults), Row(14, "Beep=3, Trigger=2, VOXTimeout=3\n", defaults),
-          Row(60, "Beep=3, Trigger=2, VOXTimeout=10\n", "Beep=0, Trigger=0, VOXTimeout=0\n")}) {
-        LineSettingsPacket settings;
+    LineSettingsPacket settings;
+    for (const int length : {14, -5}) {
         settings.read(bytes, length);
-        EXPECT_THAT(text(settings),
-                    AllOf(StartsWith("LineSettingsPacket:\nChan=0 Beep=0, Trigger="),
-                          HasSubstr("\nChan=4 " + channel4), EndsWith("\nChan=15 " + channel15)));
+        EXPECT_THAT(
+            text(settings),
+            AllOf(StartsWith("LineSettingsPacket:\nChan=0 Beep=0, Trigger=0, VOXTimeout=0\n"),
+                  HasSubstr("\nChan=4 Beep=3, Trigger=2, VOXTimeout=3\n"),
+                  EndsWith("\nChan=15 Beep=0, Trigger=5, VOXTimeout=3\n")));
     }
     PlaybackDataPacket playback;
     for (const auto& [given, kept] : {std::pair(601, 600), {-1, 0}, {5, 5}}) {
