@@ -1,12 +1,15 @@
 // What the fuzzers stand on: cards that are quick, and a way to say that something is wrong.
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 
 #include "DirectIO.h"
 #include "ScriptedCards.h"
+#include "javaint/MessageDispatcher.h"
 
 // Registers that read as set; what is written is not kept, but boot bytes are counted.
 class QuickCards : public ScriptedCards {
@@ -22,6 +25,8 @@ class QuickCards : public ScriptedCards {
     }
     std::uint64_t bootBytes = 0;
 };
+
+inline MessageDispatcher& dispatcher = MessageDispatcher::getInstance();
 
 // Ends the fuzzer, which keeps the input that led here.
 inline void require(bool holds, const char* what) {

@@ -4,7 +4,6 @@
 
 #include "Fuzzing.h"
 #include "JavaVm.h"
-#include "javaint/MessageDispatcher.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     static const QuickCards cards;
@@ -17,18 +16,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     JavaVm::Array array({bytes + 1 + sizeof length, bytes + size});
     vm.putPacket(bytes[0], length, &array);
 
-    const std::unique_ptr<Packet> command(
-        MessageDispatcher::getInstance().getPacketFromReceiveQueue());
+    const std::unique_ptr<Packet> command(dispatcher.getPacketFromReceiveQueue());
     const bool plays = bytes[0] == PACKET_PLAYBACK_DATA;
     const bool fits = length >= 0 && static_cast<std::size_t>(length) <= array.bytes.size();
     require((command != nullptr) == (fits && (plays || bytes[0] == PACKET_LINE_SETTINGS)),
             "what makes sense is queued, else nothing");
     if (command != nullptr) {
         const int most = plays ? 600 : 48, kept = std::min(length, most);
-        require(command->getType() == bytes[0], "a command is of its type");
-        require(command->getLength() == (plays ? kept : most), "a command has its length");
-        require(std::equal(array.bytes.begin(), array.bytes.begin() + kept, command->getData()),
-                "a command carries the client's bytes");
+        require(command->getType() == bytes[0] && command->getLength() == (plays ? kept : most) &&
+                    std::equal(array.bytes.begin(), array.bytes.begin() + kept, command->getData()),
+                "a command has its type, its length and the client's bytes");
         require(pt::length(command->toString()) > 0, "a command has a text");
     }
     return 0;

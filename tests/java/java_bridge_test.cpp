@@ -3,11 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <memory>
-#include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "JavaVm.h"
@@ -16,53 +14,37 @@
 
 namespace {
 
-using testing::ElementsAre;
 using Bytes = std::vector<unsigned char>;
 
 class JavaBridge : public testing::Test {
   protected:
-    // What it says on standard error.
-    std::string putPacket(int type, jint length, JavaVm::Array* data) {
-        testing::internal::CaptureStderr();
-        vm.putPacket(type, length, data);
-        return testing::internal::GetCapturedStderr();
-    }
-
     JavaVm vm;
     MessageDispatcher& dispatcher = MessageDispatcher::getInstance();
 };
 
-TEST_F(JavaBridge, FramesAnEvent) {
+TEST_F(JavaBridge, FramesEventsAndKeepsThemWhileTheVmFails) {
     auto* const audio = new RecordedDataPacket(true, 4);
-    const auto timestamp = static_cast<unsigned long long>(audio->getTimeStamp());
-    Bytes line(600);
-    std::iota(line.begin(), line.end(), static_cast<unsigned char>(7));
-    audio->addAudioData(3, line.data());
-    dispatcher.addPacketToSendQueue(audio);
-    const Bytes frame = vm.getPacket();
-    ASSERT_EQ(frame.size(), 2413u);
-    const auto timeByte = [&](int i) { return static_cast<unsigned char>(timestamp >> (8 * i)); };
-    EXPECT_THAT(Bytes(frame.begin(), frame.begin() + 13),
-                ElementsAre(4, 0x62, 0x09, timeByte(0), timeByte(1), timeByte(2), timeByte(3),
-                            timeByte(4), timeByte(5), 0, 0, 4, 4));
-    EXPECT_EQ(Bytes(frame.end() - 600, frame.end()), line);
-    EXPECT_THAT(vm.getPacket(), ElementsAre());
-}
-
-TEST_F(JavaBridge, SurvivesAVmThatFailsAndKeepsTheEvents) {
-    for (int channel = 0; channel < 3; ++channel) {
-        dispatcher.addPacketToSendQueue(new TriggerPacket(true, channel));
+    audio->addAudioData(3, Bytes(600, 7).data());
+    Bytes frame = {4, 0x62, 0x09};
+    for (int bit = 0; bit < 64; bit += 8) {
+        frame.push_back(static_cast<unsigned char>(audio->getTimeStamp() >> bit));
     }
+    frame.insert(frame.end(), audio->getData(), audio->getData() + 2402);
+    dispatcher.addPacketToSendQueue(audio);
+    dispatcher.addPacketToSendQueue(new TriggerPacket(true, 1));
+    dispatcher.addPacketToSendQueue(new TriggerPacket(true, 2));
+
     testing::internal::CaptureStderr();
     vm.outOfMemory = true;
-    EXPECT_THAT(vm.getPacket(), ElementsAre());
-    EXPECT_THAT(vm.getPacket(), ElementsAre());
+    EXPECT_EQ(vm.getPacket(), Bytes());
+    EXPECT_EQ(vm.getPacket(), Bytes());
     vm.outOfMemory = false;
-    EXPECT_EQ(vm.getPacket().back(), 0);
+    EXPECT_EQ(vm.getPacket(), frame);
     EXPECT_EQ(vm.getPacket().back(), 1);
     vm.broken = true;
-    EXPECT_THAT(vm.getPacket(), ElementsAre());
+    EXPECT_EQ(vm.getPacket(), Bytes());
     vm.broken = false;
+    EXPECT_EQ(vm.getPacket(), Bytes()) << "there is none";
     const std::string waits = "getPacket: the Java VM has no memory for a packet; it waits\n";
     EXPECT_EQ(testing::internal::GetCapturedStderr(), waits + waits + "getPacket failed: broken\n");
 }
@@ -70,31 +52,38 @@ TEST_F(JavaBridge, SurvivesAVmThatFailsAndKeepsTheEvents) {
 TEST_F(JavaBridge, RefusesCommandsThatCannotBeRead) {
     JavaVm::Array table(Bytes(48, 1));
     const std::string refused = "putPacket refused: ";
-    EXPECT_EQ(putPacket(6, 48, nullptr), refused + "the data array is null\n");
+    std::vector<std::tuple<int, jint, JavaVm::Array*, std::string>> cases = {
+        {6, 48, nullptr, refused + "the data array is null\n"}, {6, 48, &table, ""}};
     for (const jint length : {49, INT32_MAX, -1, INT32_MIN}) {
-        EXPECT_EQ(putPacket(6, length, &table),
-                  refused + "length " + std::to_string(length) + ", the data array has 48 bytes\n");
+        const std::string line =
+            "length " + std::to_string(length) + ", the data array has 48 bytes\n";
+        cases.emplace_back(6, length, &table, refused + line);
     }
     for (const int type : {0, 4, 7, 200, 255}) {  // whatever their array
         const std::string line = "Unexpected packet type " + std::to_string(type) + "\n";
-        EXPECT_EQ(putPacket(type, 48, &table), line);
-        EXPECT_EQ(putPacket(type, 49, &table), line);
-        EXPECT_EQ(putPacket(type, 0, nullptr), line);
+        cases.emplace_back(type, 49, &table, line);
+        cases.emplace_back(type, 0, nullptr, line);
     }
+    const auto judge = [&] {
+        for (const auto& [type, length, array, line] : cases) {
+            testing::internal::CaptureStderr();
+            vm.putPacket(type, length, array);
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), line);
+        }
+    };
+    judge();
     vm.outOfMemory = true;
-    EXPECT_EQ(putPacket(6, 48, &table), refused + "the Java VM has no memory for the data\n");
-    // No elements need no address.
-    EXPECT_EQ(putPacket(5, 0, &table), "");
+    cases = {{6, 48, &table, refused + "the Java VM has no memory for the data\n"},
+             {5, 0, &table, ""}};  // no elements need no address
+    judge();
     vm.outOfMemory = false;
-    const std::unique_ptr<Packet> silence(dispatcher.getPacketFromReceiveQueue());
-    ASSERT_NE(silence, nullptr);
-    EXPECT_EQ(silence->getLength(), 0);
 
-    EXPECT_EQ(putPacket(6, 48, &table), "");
-    const std::unique_ptr<Packet> command(dispatcher.getPacketFromReceiveQueue());
-    ASSERT_NE(command, nullptr);
+    const std::unique_ptr<Packet> command(dispatcher.getPacketFromReceiveQueue()),
+        silence(dispatcher.getPacketFromReceiveQueue());
+    ASSERT_TRUE(command != nullptr && silence != nullptr);
     EXPECT_EQ(command->getType(), PACKET_LINE_SETTINGS);
-    EXPECT_EQ(std::count(command->getData(), command->getData() + 48, 1), 48);
+    EXPECT_EQ(Bytes(command->getData(), command->getData() + 48), table.bytes);
+    EXPECT_EQ(silence->getLength(), 0);
     EXPECT_EQ(dispatcher.getPacketFromReceiveQueue(), nullptr) << "one was not refused";
 }
 

@@ -13,7 +13,7 @@ expect() {
     local status=$1 text=$2 seen=0
     shift 2
     "$@" >"$work/output" 2>&1 || seen=$?
-    grep -- "$text" "$work/output" || tail -n 40 "$work/output"
+    tail -n 40 "$work/output"
     ((seen == status)) && grep -q -- "$text" "$work/output"
 }
 
@@ -21,7 +21,6 @@ hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
 
 expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
 expect 2 'Lines are 0 to 15, not 16' "${recorder[@]}" --line 16=never
-expect 2 'monitor takes 0 to 15, not -1' "${recorder[@]}" --monitor=-1
 expect 1 'nowhere' "${recorder[@]}" --play "$work/nowhere"
 expect 1 "Looked in java.library.path: $work" "$java" "-Djava.library.path=$work" -jar "$jar" \
     --folder "$work/none"
@@ -32,9 +31,8 @@ expect 0 'recorder: line 1: caller 0191 498 0123' "$cardsim" --cards 4,8 --virtu
     "${recorder[@]}" --folder "$work/calls" --seconds 10 --monitor 7
 cd "$work/calls"
 # A row for each call, and for each file a row that tells its size.
-diff <(cut -d, -f1,4,5 calls.csv) <(
-    printf '%s\n' line,caller,digits 7,,01914980456 '1,0191 498 0123,5#' 11,,
-)
+printf '%s\n' line,caller,digits 7,,01914980456 '1,0191 498 0123,5#' 11,, |
+    diff <(cut -d, -f1,4,5 calls.csv) -
 diff <(tail -n +2 calls.csv | cut -d, -f6,7 | sort) <(find . -name '*.raw' -printf '%s,%f\n' | sort)
 { set +x; } 2>/dev/null # two long lines of digits: the monitored line is heard
 hex "$work/speaker" | grep -F "$(hex -N 300 line07*.raw)" >/dev/null

@@ -14,25 +14,26 @@
 #include <vector>
 
 // The native methods but initialize, which starts a thread.
+#define NATIVE(method) Java_com_zivolt_hardware_dsp_cppint_CPPBridge_##method
 extern "C" {
-jbyteArray Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(JNIEnv*, jobject, jbyte, jint,
-                                                             jbyteArray);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_startRecording(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_stopRecording(JNIEnv*, jobject);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(JNIEnv*, jobject, jint);
-jint Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(JNIEnv*, jobject, jint);
-void Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(JNIEnv*, jobject, jboolean);
+jbyteArray NATIVE(getPacket)(JNIEnv*, jobject);
+void NATIVE(putPacket)(JNIEnv*, jobject, jbyte, jint, jbyteArray);
+void NATIVE(startRecording)(JNIEnv*, jobject);
+void NATIVE(stopRecording)(JNIEnv*, jobject);
+void NATIVE(setMonitoring)(JNIEnv*, jobject, jint);
+jint NATIVE(getNumberOfChannels)(JNIEnv*, jobject, jint);
+void NATIVE(setPlayback)(JNIEnv*, jobject, jboolean);
 }
 
 class JavaVm {
   public:
+    using Bytes = std::vector<unsigned char>;
     struct Array : _jbyteArray {
-        explicit Array(std::vector<unsigned char> content) : bytes(std::move(content)) {
+        explicit Array(Bytes content) : bytes(std::move(content)) {
             bytes.reserve(1);  // an empty array has an address too
         }
         jbyte* data() { return reinterpret_cast<jbyte*>(bytes.data()); }
-        std::vector<unsigned char> bytes;
+        Bytes bytes;
     };
 
     JavaVm() {
@@ -40,8 +41,7 @@ class JavaVm {
             if (broken) {
                 throw std::runtime_error("broken");
             }
-            newest = std::make_unique<Array>(
-                std::vector<unsigned char>(static_cast<std::size_t>(length)));
+            newest = std::make_unique<Array>(Bytes(static_cast<std::size_t>(length)));
             return ifThereIsMemory(newest.get());
         };
         functions.SetByteArrayRegion = [](JNIEnv*, jbyteArray array, jsize start, jsize length,
@@ -60,40 +60,29 @@ class JavaVm {
         functions.ExceptionClear = [](JNIEnv*) { exceptionPending = false; };
         env.functions = &functions;
     }
-    JavaVm(const JavaVm&) = delete;
-
     // The frame; empty when there is none.
-    std::vector<unsigned char> getPacket() {
-        auto* const frame = Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getPacket(&env, nullptr);
+    Bytes getPacket() {
+        auto* const frame = NATIVE(getPacket)(&env, nullptr);
         requireNothingHeld();
-        return frame == nullptr ? std::vector<unsigned char>() : of(frame).bytes;
+        return frame == nullptr ? Bytes() : of(frame).bytes;
     }
     // The array may be null.
     void putPacket(int type, jint length, Array* array) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_putPacket(
-            &env, nullptr, static_cast<jbyte>(type), length, array);
+        NATIVE(putPacket)(&env, nullptr, static_cast<jbyte>(type), length, array);
         requireNothingHeld();
     }
 
-    void send(int type, std::vector<unsigned char> bytes) {
+    void send(int type, Bytes bytes) {
         const auto length = static_cast<jint>(bytes.size());
         Array array(std::move(bytes));
         putPacket(type, length, &array);
     }
     void setRecording(bool on) {
-        (on ? Java_com_zivolt_hardware_dsp_cppint_CPPBridge_startRecording
-            : Java_com_zivolt_hardware_dsp_cppint_CPPBridge_stopRecording)(&env, nullptr);
+        (on ? NATIVE(startRecording) : NATIVE(stopRecording))(&env, nullptr);
     }
-    void setMonitoring(int channel) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setMonitoring(&env, nullptr, channel);
-    }
-    void setPlayback(bool on) {
-        Java_com_zivolt_hardware_dsp_cppint_CPPBridge_setPlayback(&env, nullptr, on ? 1 : 0);
-    }
-    int channelsOf(int board) {
-        return Java_com_zivolt_hardware_dsp_cppint_CPPBridge_getNumberOfChannels(&env, nullptr,
-                                                                                 board);
-    }
+    void setMonitoring(int channel) { NATIVE(setMonitoring)(&env, nullptr, channel); }
+    void setPlayback(bool on) { NATIVE(setPlayback)(&env, nullptr, on ? 1 : 0); }
+    int channelsOf(int board) { return NATIVE(getNumberOfChannels)(&env, nullptr, board); }
 
     static inline bool outOfMemory = false;  // no array is made or given out
     static inline bool broken = false;       // a C++ exception instead of an array
@@ -108,8 +97,7 @@ class JavaVm {
         return outOfMemory ? nullptr : result;
     }
     static void requireNothingHeld() {
-        require(!exceptionPending, "an exception is left pending");
-        require(elementsHeld == 0, "the elements of an array were not given back");
+        require(!exceptionPending && elementsHeld == 0, "an exception or an array is left behind");
     }
     // A driver that misuses the VM ends here, as it would there.
     static void require(bool holds, const char* otherwise) {

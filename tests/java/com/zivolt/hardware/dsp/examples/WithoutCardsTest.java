@@ -21,7 +21,6 @@ class WithoutCardsTest {
 
     @TempDir
     Path folder;
-
     private final Queue<byte[]> frames = new ArrayDeque<>();
     private final List<String> told = new ArrayList<>();  // to the driver, or by the recorder
     private final CardClient client = new CardClient(new CPPBridge() {
@@ -46,9 +45,9 @@ class WithoutCardsTest {
                 new CardEvent.CardError(TIME, 200, ""), frame(7, "c800"))
                 .forEach((event, frame) -> assertEquals(event, FrameDecoder.decode(frame)));
         byte[] frame = audio("0808");
-        AudioBlock block = audioIn(frame).blocks().get(7);
+        AudioBlock block = ((CardEvent.AudioRecorded) FrameDecoder.decode(frame)).blocks().get(7);
         Arrays.fill(frame, (byte) 0);  // the event keeps its own copy
-        assertEquals((byte) (2399 * 7), block.byteAt(299));
+        assertEquals(0x07, block.byteAt(299));
         assertThrows(IndexOutOfBoundsException.class, () -> block.byteAt(300));
     }
 
@@ -64,10 +63,10 @@ class WithoutCardsTest {
         }
         assertEquals(new CardEvent.CallStarted(TIME, 5), client.poll(Duration.ofDays(1)).get());
         assertEquals(Optional.empty(), client.poll(Duration.ofSeconds(-1)));
-        long start = System.nanoTime();
+        Instant start = Instant.now();
         assertEquals(Optional.empty(), client.poll(Duration.ofMillis(50)));
-        long waited = System.nanoTime() - start;
-        assertTrue(waited >= 50_000_000 && waited < 5_000_000_000L, "waited ns " + waited);
+        long waited_ms = Duration.between(start, Instant.now()).toMillis();
+        assertTrue(waited_ms >= 50 && waited_ms < 5_000, "waited ms " + waited_ms);
     }
 
     @Test
@@ -96,7 +95,7 @@ class WithoutCardsTest {
 
     @Test
     void recordsEachCallToItsFileAndRowOfTheLogAndTellsOfTrouble() throws IOException {
-        var audio = audioIn(audio("0804"));
+        var audio = (CardEvent.AudioRecorded) FrameDecoder.decode(audio("0804"));
         try (CallRecorder recorder = new CallRecorder(folder.resolve("calls"), told::add)) {
             Stream.of(audio,  // before the call
                     new CardEvent.CallerIdentified(at(0), 6, "Smith, \"Al\""),
@@ -114,8 +113,8 @@ class WithoutCardsTest {
             recorder.handle(new CardEvent.CallStarted(at(102), 7));
             assertEquals(List.of(1, 1), List.of(recorder.cardErrors(), recorder.failures()));
         }
-        assertEquals("CARD ERROR 1: Missed Xfer", told.get(0));
-        assertTrue(told.get(1).startsWith("CANNOT record line 7"), told.get(1));
+        assertLinesMatch(
+                List.of("CARD ERROR 1: Missed Xfer", "CANNOT record line 7.*", ">> end >>"), told);
         assertEquals("""
                 line,start,end,caller,digits,bytes,file
                 6,2020-02-04T21:56:25.824Z,2020-02-04T21:56:27.824Z,"Smith, ""Al""\",12#,600,\
@@ -139,12 +138,6 @@ class WithoutCardsTest {
     }
 
     private static byte[] audio(String linesAndFirst) {
-        byte[] frame = frame(4, linesAndFirst + "00".repeat(2400));
-        IntStream.range(0, 2400).forEach(i -> frame[13 + i] = (byte) (i * 7));
-        return frame;
-    }
-
-    private static CardEvent.AudioRecorded audioIn(byte[] frame) {
-        return (CardEvent.AudioRecorded) FrameDecoder.decode(frame);
+        return frame(4, linesAndFirst + "00010203040506070809101112".repeat(185).substring(0, 4800));
     }
 }
