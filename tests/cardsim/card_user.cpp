@@ -1,7 +1,6 @@
-// A program that uses the cards step by step, for the launcher's tests: card_user NAME STEP...
-// It prints NAME, the step and its answer. Who has locked the cards' memory, and its first word,
-// which becomes 7; data and device read 0 while the DSP is held and 255 when it runs; a fork lets
-// the child do all further steps first.
+// A program that uses the cards: card_user NAME STEP... prints NAME, each step and its answer.
+// memory: who has locked it, and its first word, which becomes 7; data and device are 0 while the
+// DSP is held and 255 when it runs; a fork lets the child do all further steps first.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/io.h>
@@ -9,12 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
-#include <thread>
+#include <utility>
 
 namespace {
 
@@ -23,16 +21,15 @@ std::string memory() {
     const int file = open("/dev/mem", O_RDWR);
     const bool locked = fcntl(file, F_SETLK, &region) == 0;
     fcntl(file, F_GETLK, &region);
-    void* const words = mmap(nullptr, 0x4000, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0xD0000);
-    const int before = *static_cast<volatile short*>(words);
-    *static_cast<volatile short*>(words) = 7;
+    auto* const word = static_cast<volatile short*>(
+        mmap(nullptr, 0x4000, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0xD0000));
+    const int before = std::exchange(*word, short{7});
     return (locked ? "locked " : std::to_string(region.l_pid) + ' ') + std::to_string(before);
 }
 
 std::string device() {
     unsigned char byte = 0;
-    const int ports = open("/dev/port", O_RDWR);
-    return pread(ports, &byte, 1, 0x300) == 1 ? std::to_string(byte) : "none";
+    return pread(open("/dev/port", O_RDWR), &byte, 1, 0x300) == 1 ? std::to_string(byte) : "none";
 }
 
 std::string name;
@@ -45,8 +42,8 @@ const std::map<std::string, std::function<std::string()>> kSteps = {
     {"fork", [] { return name = fork() == 0 ? "child" : (wait(nullptr), "parent"); }},
     {"hold", [] { return std::to_string(std::cin.get()); }},
     {"abort", [] { return std::to_string(raise(SIGABRT)); }},
-    {"stubborn", [] { return signal(SIGTERM, [](int) {}) == SIG_DFL ? "done" : "already"; }},
-    {"sleep", [] { return std::this_thread::sleep_for(std::chrono::hours(1)), "done"; }},
+    {"stubborn", [] { return signal(SIGTERM, SIG_IGN) == SIG_DFL ? "done" : "already"; }},
+    {"sleep", [] { return std::to_string(sleep(3600)); }},
 };
 
 }  // namespace
