@@ -152,6 +152,7 @@ TEST_P(Card, FailsAsItsFaultsSay) {
         {"byte-refused@22", "boot 302=1A 302 boot", "21 0 22 "},
         {"byte-stuck@1", "boot 302=1A 302 boot", "0 1 22 "},
         {"byte-stuck@22", "boot 302=1A 302 boot", "21 1 22 "},
+        {"nonsense:digits@1", "boot w", "22 "},
         {"taken-back@1", "boot w 302 302 302=1A w w 302 304", "22 1 0 1 1 "},
         // When the second buffer comes, the first is not free yet: no opportunity.
         {"both-buffers@2", "boot w w 302=1A 304=1A w 302 304 302=1A 304=1A w 302 304",

@@ -96,8 +96,9 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEndsAndRefusesWrongUsage) {
          "Y memory Z 7\nY ask granted\nY data 65535\nchild fork child\nchild device 255\n"
          "parent fork parent\nparent device 255\nZ ask granted\nZ memory locked 0\nZ run done\n"
          "Z data 255\nZ hold -1\nX ask granted\nX memory locked 7\nX data 0\n",
-         "process [0-9]+ touched a port while process [0-9]+ has the cards: nobody answers it\n.*"
-         "\n  3 port accesses in .*\n  3 port accesses by processes that had not the cards"},
+         "seed [0-9]+\n(cardsim: process [0-9]+ touched a port while process [0-9]+ has the cards: "
+         "nobody answers it\n){2}cardsim: report of the cards.*\n  3 port accesses in .*\n"
+         "  3 port accesses by processes that had not the cards"},
         {untilUp + "kill -TERM $!; wait $!", 128 + SIGTERM, "", "report of the cards"},
         {untilUp + "kill -HUP $!; wait $!", 128 + SIGHUP, "", "report of the cards"},
         {"--seed 5 -- sh -c 'cat >$files/in; printf \"<%s>\" \"$@\"; echo aside >&2' "
