@@ -169,19 +169,18 @@ int __openat64_2(int folder, const char* path, int flags) {
 }
 
 // Ways to open that the devices are not served by.
-#define REFUSE(result, failure, name, parameters, arguments)                        \
-    result name parameters {                                                        \
-        return refusesDevice(path, #name) ? result(failure) : REAL(name) arguments; \
+#define REFUSE(result, failure, name, parameters, ...)                                 \
+    result name parameters {                                                           \
+        return refusesDevice(path, #name) ? result(failure) : REAL(name)(__VA_ARGS__); \
     }
 
 using Stream = FILE*;
-REFUSE(Stream, nullptr, fopen, (const char* path, const char* mode), (path, mode))
-REFUSE(Stream, nullptr, fopen64, (const char* path, const char* mode), (path, mode))
-REFUSE(Stream, nullptr, freopen, (const char* path, const char* mode, FILE* old), (path, mode, old))
-REFUSE(Stream, nullptr, freopen64, (const char* path, const char* mode, FILE* old),
-       (path, mode, old))
-REFUSE(int, -1, creat, (const char* path, mode_t mode), (path, mode))
-REFUSE(int, -1, creat64, (const char* path, mode_t mode), (path, mode))
+REFUSE(Stream, nullptr, fopen, (const char* path, const char* mode), path, mode)
+REFUSE(Stream, nullptr, fopen64, (const char* path, const char* mode), path, mode)
+REFUSE(Stream, nullptr, freopen, (const char* path, const char* mode, FILE* old), path, mode, old)
+REFUSE(Stream, nullptr, freopen64, (const char* path, const char* mode, FILE* old), path, mode, old)
+REFUSE(int, -1, creat, (const char* path, mode_t mode), path, mode)
+REFUSE(int, -1, creat64, (const char* path, mode_t mode), path, mode)
 #undef REFUSE
 
 ssize_t read(int fd, void* buffer, std::size_t count) {
