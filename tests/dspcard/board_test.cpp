@@ -40,7 +40,7 @@ class Board : public TestWithParam<std::tuple<int, int>> {
         memory[1] = static_cast<std::uint16_t>(counter >> 16);
         cards.registers[base + 2] = 0xFFFF;
         board->doReadWrite(2 * number, command);
-        takePackets();
+        reports = reportsIn(takePackets());
         console.take();
     }
 
@@ -54,6 +54,7 @@ class Board : public TestWithParam<std::tuple<int, int>> {
     ScriptedCards cards;
     Console console;
     std::unique_ptr<DSPBoard> board;
+    std::vector<Bytes> reports;  // of the last exchange, but its audio
 };
 
 TEST_P(Board, TellsOfItsLinesTextsAndMonitoring) {
@@ -89,6 +90,9 @@ TEST_P(Board, TellsOfItsLinesTextsAndMonitoring) {
                   (number == 0 ? "Getting data from monitor buffer, size now=0\n" : ""),
               console.err);
 
+    EXPECT_THAT(reports, ElementsAre(Bytes{1, 1, first + 1}, Bytes{1, 1, first + 3},
+                                     SizeIs(2 + layout.digitsBytes),
+                                     SizeIs(2 + cardsim::layout::kCallerBytes)));
     if (!eight) {
         std::string words;
         for (int i = 1; i < 250; ++i) {
