@@ -59,12 +59,12 @@ std::string problemOf(Record& record) {
 }  // namespace
 
 template <int MAX_LENGTH>
-bool BootLoadFile::Token<MAX_LENGTH>::read(std::istream& file) {
-    file >> std::ws;
+bool BootLoadFile::Token<MAX_LENGTH>::read(std::istream& stream) {
+    stream >> std::ws;
     length = 0;
     tooLong = false;
-    for (int next = file.peek(); next != EOF && std::isspace(next) == 0; next = file.peek()) {
-        const char character = static_cast<char>(file.get());
+    for (int next = stream.peek(); next != EOF && std::isspace(next) == 0; next = stream.peek()) {
+        const char character = static_cast<char>(stream.get());
         if (length < MAX_LENGTH) {
             text[length++] = character;
         } else {

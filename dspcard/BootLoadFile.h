@@ -23,8 +23,8 @@ class BootLoadFile {
         int length = 0;
         bool tooLong = false;
 
-        // False when the file ends before the token begins.
-        bool read(std::istream& file);
+        // False when the stream ends before the token begins.
+        bool read(std::istream& stream);
     };
 
     struct Record {

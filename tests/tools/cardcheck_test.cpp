@@ -85,6 +85,11 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
         {CARDCHECK " </dev/null", 2, "refused without --reset-cards"},
         {CARDCHECK " --files-only --reset-cards", 2, "does not go with"},
         {CARDCHECK " --file", 2, "Try: cardcheck --help"},
+        {CARDSIM " -- sh -c '../bin/main >/dev/null 2>&1 & sleep 0.7; " CARDCHECK " --reset-cards;"
+                 " status=$?; kill $!; exit $status'",
+         1, "in use by process "},
+        {"../bin/main --help", 0, "Usage: main"},
+        {"../bin/main 4", 2, "Usage: main"},
     };
     std::filesystem::current_path(FIRMWARE_FOLDER);
     for (const auto& [command, status, text] : runs) {
