@@ -13,7 +13,6 @@
 #include "BoardMgr.h"
 #include "ConsoleLine.h"
 #include "DSPBootLoader.h"
-#include "Precedence.h"
 #include "ScriptedCards.h"
 #include "Surroundings.h"
 #include "javaint/DSPRunner.h"
@@ -85,7 +84,7 @@ TEST(Runner, NeverWaitsForAConsoleAndTellsWhatItDidNotTake) {
     EXPECT_THAT(err.read(), HasSubstr("dspcard: 1 line was dropped here"));
 }
 
-TEST(RunnerDeathTest, WritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
+TEST(RunnerDeathTest, TakesPrecedenceWritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
     const auto endAfterLines = [] {
         std::thread([] {
             console::handOverLinesOfThisThread();
@@ -98,13 +97,20 @@ TEST(RunnerDeathTest, WritesWhatWaitsAtTheEndAndTellsWhatEndsIt) {
     EXPECT_EXIT(endAfterLines(), testing::ExitedWithCode(0), "line 98\nline 99\n");
     const auto runOutOfMemory = [] {
         struct : ScriptedCards {
-            bool sleep(std::uint64_t) override { throw std::bad_alloc(); }
+            bool sleep(std::uint64_t) override {
+                const sched_param lowest = {1};
+                const int policy = sched_getscheduler(0);
+                sched_setscheduler(0, SCHED_FIFO, &lowest);
+                const bool tookAll = policy == sched_getscheduler(0);
+                throw std::runtime_error(tookAll ? "out of memory" : "no precedence");
+            }
         } cards;
+        cards.keepsTime = false;
         DSPRunner::getInstance().startDSPs();
         pause();
     };
     EXPECT_EXIT(runOutOfMemory(), testing::KilledBySignal(SIGABRT),
-                "dspcard: the thread that serves the cards failed: std::bad_alloc\n");
+                "dspcard: the thread that serves the cards failed: out of memory\n");
 }
 
 TEST(ConsoleLine, IsWrittenWholeAndReadsTheSameInEveryLocale) {
@@ -181,22 +187,6 @@ TEST(Claim, IsHeldWhateverElseIsMappedOrUnmapped) {
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_EQ(1, WEXITSTATUS(status)) << "another process could have them";
-}
-
-TEST(Precedence, IsTakenWhenItMayBeHad) {
-    const auto policyAfter = [](auto request) {
-        int policy = -1;
-        std::thread([&] {
-            request();
-            policy = sched_getscheduler(0);
-        }).join();
-        return policy;
-    };
-    const int granted = policyAfter([] {
-        const sched_param lowest = {1};
-        sched_setscheduler(0, SCHED_FIFO, &lowest);
-    });
-    EXPECT_EQ(granted, policyAfter(takePrecedence));
 }
 
 }  // namespace
