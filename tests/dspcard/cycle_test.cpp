@@ -161,7 +161,11 @@ TEST_F(Cycle, RebootsAllCardsAtTheSeventhLockUpOfAny) {
 TEST_F(Cycle, IsRunByTheBenchProgramWithAllSwitchedOn) {
     powerUp(4, 8, 20'000);
     pc->at(10'000, [this] { pc->line(1, 5).callFrom("040"); });
+    std::uint16_t heard = 0;  // the word that names card and line
+    pc->card(0).connectSpeaker(
+        [&](const char* bytes, std::size_t) { std::memcpy(&heard, bytes, sizeof(heard)); });
     EXPECT_THROW(benchProgram(1, nullptr), cardsim::PowerOff);
+    EXPECT_EQ(cardsim::patternWord(0, 0, 0, 0), heard);
     EXPECT_THAT(console.take().err,
                 HasSubstr("\nBootload succeeded\nNo Trying to read write dsps\nBoardMgr::readWr"));
     EXPECT_THAT(console.out,
