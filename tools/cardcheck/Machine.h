@@ -23,7 +23,7 @@ Rights readRights();
 struct Access {
     bool portDevice = false;
     bool cardsInUse = false;  // by another process: no port may be touched
-    void* memory = nullptr;  // of both cards; null when it cannot be mapped
+    void* memory = nullptr;   // of both cards; null when it cannot be mapped
 };
 // A refusal is put down to the rights, so that nobody is told to become what he is already.
 Access checkMachine(Report& report, const Rights& rights);
