@@ -20,6 +20,7 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "config/Configuration.h"
 #include "config/SharedPage.h"
@@ -247,7 +248,9 @@ Hardware* makeHardware() {
         const Configuration configuration = configurationFrom(text);
         // Opened but once, before the program can lock it; a child has the mapping of its parent.
         static const MemoryFile memory(configuration.memoryFile);
-        return new WaitingPc(configuration, memory, page, path);
+        // All that there ever were, of a parent too: threads may use them until the process ends.
+        static auto& waiting = *new std::vector<Hardware*>;
+        return waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
     } catch (const std::exception& error) {
         return new OutOfReach(error.what());
     }
