@@ -284,7 +284,8 @@ class ReferenceHost {
 
     void feed(const Bytes& audio) {
         ring.insert(ring.end(), audio.begin(), audio.end());
-        ring.erase(ring.begin(), ring.end() - std::min<std::ptrdiff_t>(ring.size(), 600));
+        ring.erase(ring.begin(), ring.end() - std::min<std::ptrdiff_t>(
+                                                  static_cast<std::ptrdiff_t>(ring.size()), 600));
     }
     void emptyRing(bool really) {
         wasSwitchedOff = wasSwitchedOff || really;
@@ -315,7 +316,7 @@ class ReferenceHost {
         static constexpr int kSilence[] = {0xBB55, 0x76DB, 0x40A0, 0x00FA, 0xC200,
                                            0x07D6, 0x0280, 0x03EB, 0x0800, 0x1F58};
         for (std::size_t i = 0; i < audio.size(); ++i) {
-            audio[i] = byteOf(kSilence[i / 2 % 10], i % 2);
+            audio[i] = byteOf(kSilence[i / 2 % 10], static_cast<int>(i % 2));
         }
     }
     void store(const Board& board, int buffer, bool hasSettings) {
