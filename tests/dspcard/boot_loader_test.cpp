@@ -144,6 +144,7 @@ TEST_F(BootLoader, TakesWhatLoadFilesMayHoldAndNamesWhatTheyMayNot) {
         {"a\nb\nh-1 h1 FOUR.BIN c", false, 0, address + "not hexadecimal"},
         {std::string("a\nb\nh1\0002 h1 FOUR.BIN c", 22), false, 0, address + "not hexadecimal"},
         {"a\nb\nh1 h1 FOUR.BIN c h1 hG FOUR.BIN c", false, 8, "record 2: size is not hexadecimal"},
+        {std::string("a\nb\nh1 h1 FOUR.BIN\0X c", 22), false, 0, "has a zero byte after: FOUR.BIN"},
         {"a\nb\nh1 h10000 FOUR.BIN c", false, 0, "record 1: size is above FFFF"},
         {"a\nb\nh1 h1 " + name + "N c", false, 0, "section file name is longer than 31"},
         {"a\nb\nh1 h1 FOUR.BIN 1234567890123456", false, 0, "comment is longer than 15"},
