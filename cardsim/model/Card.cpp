@@ -9,6 +9,7 @@ namespace cardsim {
 namespace {
 
 constexpr std::uint16_t kNotInReset = 0xFF;
+constexpr std::uint64_t kStreamOfUndefinedBits = 0x5EED;
 
 void writeText(volatile std::uint16_t* words, const std::string& text) {
     std::string bytes(1, static_cast<char>(text.size()));
@@ -64,13 +65,14 @@ Card::Card(int slotNumber, const CardOptions& options, volatile std::uint16_t* m
       audio(options.audio),
       report(machineReport.cards[slotNumber]),
       timeline(machineReport.timeline),
-      plannedFaults(options.faults, slotNumber, options.seed) {
+      plannedFaults(options.faults, slotNumber, options.seed),
+      undefinedBits(options.seed, kStreamOfUndefinedBits + static_cast<std::uint64_t>(slotNumber)) {
     report.channels = static_cast<std::uint32_t>(channels());
     buffers[0].words = memory;
     buffers[1].words = memory + layout::kSecondBuffer;
     lines.reserve(static_cast<std::size_t>(channels()));
     for (int port = 0; port < channels(); ++port) {
-        lines.emplace_back(now, kind.defaultThreshold);
+        lines.emplace_back(now);
     }
 }
 
@@ -85,7 +87,7 @@ std::uint16_t Card::in(std::uint16_t offset, std::uint64_t accessTime) {
         case portMap::kControl:
             return readStatus();
         case portMap::kBuffer1:
-            return readHandOver(buffers[1]);
+            return readHandOver(buffers[1]) | noise(portMap::kUndefinedStatus);
         case portMap::kReset:
             return portMap::kNobody;
         default:
@@ -173,6 +175,9 @@ void Card::startFirmware() {
     nextTurn = now + period_us;
     transferCounter = 0;
     samples = 0;
+    for (Line& each : lines) {
+        each.forgetSettings();
+    }
     ++report.boots;
     recordImage();
     dead = strikes(FaultKind::kDeadAfterBoot);
@@ -205,7 +210,7 @@ std::uint16_t Card::readData() {
 }
 
 std::uint16_t Card::readStatus() {
-    std::uint16_t status = kind.status;
+    std::uint16_t status = kind.status | noise(portMap::kUndefinedStatus);
     if (state == State::kBooting) {
         status |= wantsByte ? portMap::kWantsByte : 0;
         status |= byteBusy ? portMap::kByteBusy : 0;
@@ -226,13 +231,20 @@ std::uint16_t Card::readHandOver(Buffer& buffer) {
 std::uint16_t Card::readLineStatus(int word) {
     const LineStatusLayout& bits = kind.lineStatus;
     unsigned status = 0;
+    unsigned undefined = 0xFFFF;
     for (int i = 0; i < bits.linesOfWord; ++i) {
         const Line& each = line(word * bits.linesOfWord + i);
         const unsigned hook = each.isOffHook() ? bits.offHook : bits.onHook;
         const unsigned trigger = each.isTriggered() ? bits.triggered : 0u;
         status |= (hook | trigger) << (i * bits.bitsOfLine);
+        undefined &= ~((bits.onHook | bits.offHook | bits.triggered) << (i * bits.bitsOfLine));
     }
-    return static_cast<std::uint16_t>(status);
+    return static_cast<std::uint16_t>(status | noise(undefined));
+}
+
+// What the wires of undefined bits happen to carry.
+std::uint16_t Card::noise(unsigned bits) {
+    return static_cast<std::uint16_t>(undefinedBits.next() & bits);
 }
 
 void Card::advance(std::uint64_t until) {

@@ -16,6 +16,7 @@
 #include "model/Faults.h"
 #include "model/Line.h"
 #include "model/PortMap.h"
+#include "model/Random.h"
 #include "model/Report.h"
 #include "model/TransferLayout.h"
 
@@ -76,6 +77,7 @@ class Card {
     std::uint16_t readHandOver(Buffer& buffer);
     std::uint16_t readLineStatus(int word);
     std::uint16_t readData();
+    std::uint16_t noise(unsigned bits);
 
     void takeTurn();
     void handOver(Buffer& buffer);
@@ -99,6 +101,7 @@ class Card {
     CardReport& report;
     std::uint64_t& timeline;
     Faults plannedFaults;
+    Random undefinedBits;
     Speaker speaker;
 
     std::uint64_t now = 0;

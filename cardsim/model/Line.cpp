@@ -2,20 +2,16 @@
 
 #include <algorithm>
 
-#include "model/TransferLayout.h"
-
 namespace cardsim {
 
 namespace {
 
 constexpr std::uint16_t kQuietLevel = 0x0080;
 constexpr std::uint16_t kSpeechLevel = 0x3000;
-constexpr std::uint16_t kDefaultDelay_ms = 3000;
 
 }  // namespace
 
-Line::Line(const std::uint64_t& now_us, std::uint16_t threshold)
-    : now(now_us), set{0, threshold, kDefaultDelay_ms}, voiceLevel(kQuietLevel) {}
+Line::Line(const std::uint64_t& now_us) : now(now_us), voiceLevel(kQuietLevel) {}
 
 void Line::setOffHook(bool isOffHook) {
     calls += isOffHook && !offHook ? 1 : 0;
@@ -36,6 +32,11 @@ void Line::apply(const Settings& settings) {
     rememberLoudness();
     set = settings;
     wasLoud = wasLoud && set.trigger <= layout::kMaxLevel;
+}
+
+void Line::forgetSettings() {
+    set = {};
+    wasLoud = false;
 }
 
 // Before the level or the settings change: the delay counts from here if the line was loud.

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "model/TransferLayout.h"
+
 namespace cardsim {
 
 class Line {
@@ -13,12 +15,12 @@ class Line {
     // Set by the host.
     struct Settings {
         std::uint16_t beep = 0;
-        std::uint16_t trigger = 0;  // level word: threshold, or never, or off hook
+        std::uint16_t trigger = layout::kTriggerNever;  // or a threshold, or off hook
         std::uint16_t delay_ms = 0;
     };
 
-    // now_us: the card's time. threshold: until the host sets another.
-    Line(const std::uint64_t& now_us, std::uint16_t threshold);
+    // now_us: the card's time. Nothing triggers until the host has set what does.
+    explicit Line(const std::uint64_t& now_us);
 
     void setOffHook(bool isOffHook);
     void setRinging(bool isRinging) { rings = isRinging; }
@@ -38,6 +40,8 @@ class Line {
 
     // For the card.
     void apply(const Settings& settings);
+    // As the firmware starts: no settings yet, and none heard before.
+    void forgetSettings();
     // The level has reached the threshold, now or within the delay.
     bool isVoiceActive() const;
     // What the line's own trigger source says.

@@ -20,6 +20,9 @@ constexpr std::uint16_t kReset = 0xE;
 constexpr std::uint16_t kHandedOver = 0x01;
 constexpr std::uint16_t kByteBusy = 0x01;
 constexpr std::uint16_t kWantsByte = 0x20;
+// Change from reading to reading. The other bits without a meaning read 0: a host may write back
+// what it has read, and that must be none of the words below.
+constexpr std::uint16_t kUndefinedStatus = 0xFFC0;
 
 // Words that act when written to a status register.
 constexpr std::uint16_t kStop = 0x12;

@@ -43,8 +43,7 @@ struct CardKind {
     int channels;  // by which the kind is known
     TransferLayout transfer;
     LineStatusLayout lineStatus;
-    std::uint16_t status;  // what is always set in the control register when read
-    std::uint16_t defaultThreshold;
+    std::uint16_t status;     // what is always set in the control register when read
     std::uint32_t period_us;  // between two buffers
 };
 
@@ -67,7 +66,6 @@ inline constexpr CardKind kCardKinds[] = {
         kind.lineStatus.bitsOfLine = 16;
         kind.lineStatus.onHook = 0x04;
         kind.status = 0;
-        kind.defaultThreshold = 0x115F;
         kind.period_us = 450'000;
         return kind;
     }(),
@@ -90,7 +88,6 @@ inline constexpr CardKind kCardKinds[] = {
         kind.lineStatus.offHook = 0x04;
         kind.lineStatus.triggered = 0x08;
         kind.status = 0x04;
-        kind.defaultThreshold = 0x0A1F;
         kind.period_us = 225'000;
         return kind;
     }(),
@@ -139,6 +136,7 @@ constexpr int kCardWords = 0x1000;
 constexpr std::uint16_t kApplySettings = 2;
 constexpr std::uint16_t kVoiceActive = 0x8000;
 constexpr std::uint16_t kMaxLevel = 0x7FFF;
+constexpr std::uint16_t kTriggerNever = 0xFF01;
 constexpr std::uint16_t kTriggerOffHook = 0xFF02;
 
 }  // namespace layout
