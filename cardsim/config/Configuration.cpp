@@ -7,7 +7,7 @@ namespace cardsim {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Fault, kind, card, first, last, probability, field)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ScenarioEvent, time_us, line, action, text, level, fault, origin)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SimulatedPc::Options, channels, seed, period_ms, audio, faults,
-                                   virtualTime)
+                                   virtualTime, speed)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Configuration, pc, memoryFile, traffic, events, speakerFile,
                                    end_ms)
 

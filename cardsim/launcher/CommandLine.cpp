@@ -25,6 +25,7 @@ constexpr const char* kUsage = "cardsim [OPTIONS] -- PROGRAM [ARG...]";
 constexpr double kShortestRun_s = 0.001;
 constexpr double kLongestRun_s = 10.0 * 365 * 86400;
 constexpr std::uint32_t kLongestPeriod_ms = 60'000;
+constexpr std::uint32_t kHighestSpeed = 1'000'000;
 
 // The options as they stand on the command line.
 struct Given {
@@ -104,7 +105,12 @@ void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
     app.add_flag("--virtual-time", pc.virtualTime,
                  "time passes only by what the thread that drives the cards\n"
                  "sleeps, and by 1 microsecond for each of its port accesses:\n"
-                 "as fast as the machine allows, and the same every time");
+                 "as fast as the machine allows, and the same every time; the\n"
+                 "system clock of PROGRAM then begins at 2026-01-01 and goes with it");
+    app.add_option("--speed", pc.speed,
+                   "let virtual time pass at most N times as fast as the machine's")
+        ->check(CLI::Range(1u, kHighestSpeed).description(""))
+        ->type_name("N");
     app.add_option("--audio", given.audio,
                    "what the lines sound like: a pattern that shows every wrong byte\n"
                    "(the default), or something pleasant, 8-bit PCM, 1333 bytes/s")
@@ -212,6 +218,9 @@ void complete(CommandLine& line, const Given& given) {
             throw std::invalid_argument("--seconds: that is no number of seconds");
         }
         line.end_ms = static_cast<std::uint64_t>(std::llround(*given.seconds * 1000));
+    }
+    if (pc.speed != 0 && !pc.virtualTime) {
+        throw std::invalid_argument("--speed: only with --virtual-time");
     }
     if (pc.virtualTime) {
         configuration.end_ms = line.end_ms.value_or(0);

@@ -1,5 +1,6 @@
 #include "pc/SimulatedPc.h"
 
+#include <poll.h>
 #include <time.h>
 
 #include <algorithm>
@@ -40,6 +41,7 @@ Cards makeCards(const SimulatedPc::Options& options, volatile std::uint16_t* mem
 
 SimulatedPc::SimulatedPc(const Options& options)
     : virtualTime(options.virtualTime),
+      speed(options.speed),
       started(machineTime()),
       machineReport(options.report == nullptr ? ownReport : *options.report),
       ownMemory(options.memory == nullptr ? new MemoryFile : nullptr),
@@ -91,7 +93,20 @@ bool SimulatedPc::sleep(std::uint64_t microseconds) {
     if (elapsed >= end) {
         switchOff();
     }
+    waitForMachine();
     return true;
+}
+
+// Until so much of the machine's time has passed as the speed asks for.
+void SimulatedPc::waitForMachine() const {
+    if (speed == 0) {
+        return;
+    }
+    const std::uint64_t due = elapsed / speed;
+    const std::uint64_t passed = machineTime() - started;
+    if (due > passed) {
+        poll(nullptr, 0, static_cast<int>((due - passed) / 1000));  // no sleep of the program's
+    }
 }
 
 bool SimulatedPc::processorTime(std::clock_t& ticks) {

@@ -43,6 +43,8 @@ class SimulatedPc : public Hardware {
         // Time passes only by what the thread that drives the cards sleeps, and by one microsecond
         // for each of its port accesses; otherwise it is the machine's.
         bool virtualTime = true;
+        // How many times as fast as the machine's virtual time may pass at most; 0: any.
+        std::uint32_t speed = 0;
         // Where the cards' memory lies; null: in a file of the PC's own.
         const MemoryFile* memory = nullptr;
         // Where the report goes on; null: into the PC itself.
@@ -81,8 +83,10 @@ class SimulatedPc : public Hardware {
 
   private:
     std::uint64_t timeOfAccess();
+    void waitForMachine() const;
 
     const bool virtualTime;
+    const std::uint32_t speed;
     const std::uint64_t started;
     MachineReport ownReport{};
     MachineReport& machineReport;

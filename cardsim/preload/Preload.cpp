@@ -256,6 +256,32 @@ Hardware* makeHardware() {
     }
 }
 
+// The system clock of every process of a run in virtual time: what has passed for the cards, since
+// the beginning of 2026.
+const MachineReport* clockwork = nullptr;
+
+std::uint64_t virtualSystemTime() {
+    constexpr std::uint64_t kStart_us = 1'767'225'600'000'000;
+    return kStart_us + static_cast<const volatile std::uint64_t&>(clockwork->elapsed_us);
+}
+
+// What goes wrong here shows again, and is told, when the program asks for the cards.
+void startSystemClock() {
+    const char* const path = std::getenv(kSharedPageVariable);
+    if (path == nullptr) {
+        return;
+    }
+    try {
+        std::string text;
+        clockwork = &mapSharedPage(path, text).report;
+        if (configurationFrom(text).pc.virtualTime) {
+            replaceSystemClock(virtualSystemTime);
+        }
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
 void attach() {
     attachHardware(makeHardware());
 }
@@ -270,6 +296,7 @@ __attribute__((constructor)) void prepare() {
     // A program that is ended by a signal takes with it what it has buffered; so it writes line by
     // line, as on a terminal.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    startSystemClock();
     onFirstUse(attach);
     pthread_atfork(nullptr, nullptr, loseCardsInChild);
 }

@@ -45,6 +45,11 @@ class Hardware {
 void attachHardware(Hardware* hardware);
 Hardware* attachedHardware();
 
+// The time that the program's system clock shows, in microseconds since 1970-01-01 UTC, from a
+// function that may be called on any thread; null: the machine's. Clocks that measure how long
+// something takes stay the machine's.
+void replaceSystemClock(std::uint64_t (*microseconds)());
+
 // Set by whoever wants to be asked for hardware as late as possible: called once, at the first
 // ioperm, opening of /dev/port or /dev/mem or wish for real-time priority without hardware, or at
 // the first access by a permission or a descriptor that is older than a fork; may attach some.

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/io.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@ namespace {
 
 std::atomic<Hardware*> hardwareInPlace{nullptr};
 std::atomic<void (*)()> firstUse{nullptr};
+std::atomic<std::uint64_t (*)()> systemClock{nullptr};
 
 // A sanitizer opens files where it cannot bear a look-up.
 [[gnu::constructor]] void lookUpEarly() {
@@ -34,6 +36,7 @@ std::atomic<void (*)()> firstUse{nullptr};
     REAL(openat64);
     REAL(read);
     REAL(close);
+    REAL(clock_gettime);
 }
 
 // Whether accesses through that descriptor are the hardware's.
@@ -72,6 +75,15 @@ bool sleptAlready(const timespec* wanted) {
                         static_cast<std::uint64_t>(wanted->tv_nsec + 999) / 1000);
 }
 
+// Whether the system clock is another than the machine's, and what it shows.
+bool readSystemClock(std::uint64_t& microseconds) {
+    const auto clock = systemClock.load();
+    if (clock != nullptr) {
+        microseconds = clock();
+    }
+    return clock != nullptr;
+}
+
 // Whether a thread may not have that priority: in time of the hardware's own, where the driving
 // thread never really sleeps, a real-time thread would keep everybody else from running.
 bool wouldStarveTheRest(int policy) {
@@ -91,6 +103,10 @@ void attachHardware(Hardware* hardware) {
 
 Hardware* attachedHardware() {
     return hardwareInPlace;
+}
+
+void replaceSystemClock(std::uint64_t (*microseconds)()) {
+    systemClock = microseconds;
 }
 
 void onFirstUse(void (*attach)()) {
@@ -285,6 +301,37 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec
         return 0;
     }
     return REAL(clock_nanosleep)(clock, flags, wanted, left);
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept {
+    std::uint64_t now = 0;
+    const bool ofSystem = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+    if (!ofSystem || !readSystemClock(now)) {
+        return REAL(clock_gettime)(clock, time);
+    }
+    *time = {static_cast<time_t>(now / 1'000'000), static_cast<long>(now % 1'000'000) * 1000};
+    return 0;
+}
+
+int gettimeofday(timeval* time, void* zone) noexcept {
+    std::uint64_t now = 0;
+    if (!readSystemClock(now)) {
+        return REAL(gettimeofday)(time, zone);
+    }
+    *time = {static_cast<time_t>(now / 1'000'000), static_cast<suseconds_t>(now % 1'000'000)};
+    return 0;
+}
+
+time_t time(time_t* where) noexcept {
+    std::uint64_t now = 0;
+    if (!readSystemClock(now)) {
+        return REAL(time)(where);
+    }
+    const auto seconds = static_cast<time_t>(now / 1'000'000);
+    if (where != nullptr) {
+        *where = seconds;
+    }
+    return seconds;
 }
 
 clock_t clock() noexcept {

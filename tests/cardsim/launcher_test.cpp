@@ -67,6 +67,10 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEndsAndRefusesWrongUsage) {
         {"--seconds 0.2 -- $user A ask sleep", 0, "A ask granted\n", "never touched the cards"},
         {"--seconds 7 --virtual-time -- $user A ask data sleep", 0, "A ask granted\nA data 0\n",
          " in 7.000 s"},
+        {"--speed 2 -- true", 2, "", "only with --virtual-time"},
+        {"--virtual-time --speed 3000 -- $user A date ask data doze date", 0,
+         "A date 1767225600\nA ask granted\nA data 0\nA doze 1\nA date 1767229200\n",
+         " in 3600.000 s"},
         // The script ends at once; what it has started has to be killed.
         {"--seconds 0.5 -- sh -c '$user A stubborn ask sleep & echo $! >$files/pid; wait'", 0,
          "A stubborn done\nA ask granted\n", "report of the cards"},
