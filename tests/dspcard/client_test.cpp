@@ -5,6 +5,7 @@
 #include "BoardMgr.h"
 #include "JavaVm.h"
 #include "MonitorBuffer.h"
+#include "ScriptedCards.h"
 #include "Surroundings.h"
 #include "pc/SimulatedPc.h"
 
@@ -27,6 +28,8 @@ class InterruptedPc : public SimulatedPc {
     int accessesLeft = -1;
     std::function<void()> act;
 };
+
+std::function<void()> whileRemoving = [] {};
 
 class OffInAnExchange : public testing::TestWithParam<std::pair<int, int>> {
   protected:
@@ -59,6 +62,15 @@ class OffInAnExchange : public testing::TestWithParam<std::pair<int, int>> {
     InterruptedPc pc{SimulatedPc::Options::with(GetParam().first, GetParam().second)};
 };
 
+TEST(PlaybackOff, LeavesNothingOfAPacketThatAnExchangeTookMeanwhile) {
+    Console console;
+    ScriptedCards cards;
+    JavaVm vm;
+    whileRemoving = [] { MonitorBuffer::getInstance().addData("taken", 5); };
+    vm.setPlayback(false);
+    EXPECT_TRUE(MonitorBuffer::getInstance().isEmpty());
+}
+
 TEST_P(OffInAnExchange, HoldsBackNoSettingsWhateverItFallsInto) {
     for (int access = 0; access < kAccesses; ++access) {
         SCOPED_TRACE(access);
@@ -81,3 +93,12 @@ INSTANTIATE_TEST_SUITE_P(Cards, OffInAnExchange,
                                          std::pair(4, 8), std::pair(8, 4), std::pair(8, 8)));
 
 }  // namespace
+
+// In place of the dispatcher's own: an exchange falls into it.
+extern "C" void __real__ZN17MessageDispatcher29removePacketsFromReceiveQueueEi(MessageDispatcher*,
+                                                                               int);
+extern "C" void __wrap__ZN17MessageDispatcher29removePacketsFromReceiveQueueEi(
+    MessageDispatcher* dispatcher, int type) {
+    whileRemoving();
+    __real__ZN17MessageDispatcher29removePacketsFromReceiveQueueEi(dispatcher, type);
+}
