@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 
 packages=(
     g++ cmake ninja-build
-    libcli11-dev libtomlplusplus-dev nlohmann-json3-dev
+    libcli11-dev libtomlplusplus-dev nlohmann-json3-dev libzstd-dev zlib1g-dev
     libgtest-dev libgmock-dev
     openjdk-17-jdk-headless libpicocli-java junit5
 )

@@ -9,12 +9,22 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ScenarioEvent, time_us, line, action, text, l
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SimulatedPc::Options, channels, seed, period_ms, audio, faults,
                                    virtualTime, speed)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Configuration, pc, memoryFile, traffic, events, speakerFile,
-                                   end_ms)
+                                   ringFile, end_ms)
 
 std::string textOf(const Configuration& configuration) {
     // File names and scenario texts need not be UTF-8; binary keeps them as they are.
     const auto binary = nlohmann::json::to_cbor(nlohmann::json(configuration));
     return {binary.begin(), binary.end()};
+}
+
+std::string descriptionOf(const Configuration& configuration) {
+    Configuration described = configuration;
+    described.memoryFile = described.speakerFile = described.ringFile = "";
+    return nlohmann::json(described).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+Configuration describedBy(const std::string& text) {
+    return nlohmann::json::parse(text).get<Configuration>();
 }
 
 Configuration configurationFrom(const std::string& text) {

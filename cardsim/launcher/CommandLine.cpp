@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "recorder/RecordingOptions.h"
 #include "scenario/FaultSyntax.h"
 #include "scenario/ScenarioFile.h"
 
@@ -127,6 +128,11 @@ void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("FILE");
     app.add_option("--report", line.reportFile, "write the report at the end as JSON as well")
         ->type_name("FILE");
+    cardtrace::declareOptions(
+        app, line.recording,
+        app.add_option("--record", line.recording.path,
+                       "keep what PROGRAM and the cards say to each other, see cardtrace(1)")
+            ->type_name("FILE"));
     app.set_help_flag("-h,--help", "show this");
     app.set_version_flag("--version", "cardsim " CARDSIM_VERSION, "show the version");
     app.formatter(std::make_shared<HelpFormat>());

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -122,6 +123,15 @@ void writeReport(const CommandLine& line, const SharedPage& page) {
     }
 }
 
+// What scenarios say about callers and digits stays away when the trace shall not tell it.
+std::string aboutRecording(const CommandLine& line) {
+    const std::string configuration =
+        line.recording.withoutNumbers ? "null" : descriptionOf(line.configuration);
+    return R"({"recorder": "cardsim )" CARDSIM_VERSION R"(", "cards": "simulated", )"
+           R"("configuration": )" +
+           configuration + "}";
+}
+
 // A program that was ended because its time was over did well, unless it ended in another way than
 // it was told to.
 int exitStatusOf(int program, bool timeIsOver) {
@@ -139,13 +149,23 @@ int launch(CommandLine& line) {
     if (line.end_ms && !pc.virtualTime) {
         settings.end = std::chrono::milliseconds(*line.end_ms);
     }
+    std::optional<cardtrace::Recording> recording;
+    if (!line.recording.path.empty()) {
+        recording.emplace(line.recording, aboutRecording(line));
+        line.configuration.ringFile = recording->ringPath();
+        settings.onStarted = [&recording] { recording->start(); };
+    }
     const SharedFile shared(line.configuration);
-    settings.sharedPage = shared.path();
+    settings.variables = {{kSharedPageVariable, shared.path()}};
 
     std::cerr << banner(pc);
     const ProgramEnd end = run(settings);
     writeReport(line, shared.page());
-    return exitStatusOf(end.exitStatus, end.wasEnded);
+    const int exitStatus = exitStatusOf(end.exitStatus, end.wasEnded);
+    if (recording) {
+        recording->finish(exitStatus);
+    }
+    return exitStatus;
 }
 
 }  // namespace

@@ -25,6 +25,7 @@
 #include "config/Configuration.h"
 #include "config/SharedPage.h"
 #include "model/Traffic.h"
+#include "recorder/RecordingHardware.h"
 #include "traps/Hardware.h"
 #include "traps/PortDevice.h"
 #include "traps/Programs.h"
@@ -174,6 +175,24 @@ class OutOfReach : public Hardware {
     }
 };
 
+// The hardware, or what records it in turn when the run is recorded.
+Hardware& recorded(Hardware& hardware, const Configuration& configuration, const MemoryFile& memory,
+                   SharedPage& page, bool hasCards) {
+    if (configuration.ringFile.empty()) {
+        return hardware;
+    }
+    static auto& ring = cardtrace::RecordRing::at(configuration.ringFile);
+    const auto time = [&page] {
+        return static_cast<const volatile std::uint64_t&>(page.report.elapsed_us);
+    };
+    auto& recorder = *new cardtrace::RecordingHardware(
+        hardware, ring, {time, [&memory] { return memory.words(); }});
+    if (hasCards) {
+        recorder.recordOwner(static_cast<std::uint32_t>(getpid()));
+    }
+    return recorder;
+}
+
 // What a process has until it touches a port, and for as long as another one has the cards.
 class WaitingPc : public Hardware {
   public:
@@ -202,23 +221,25 @@ class WaitingPc : public Hardware {
     // An access: by what it acts on the cards, or null when another process has them.
     Hardware* cardsOrNone() {
         const std::lock_guard<std::mutex> guard(lock);
-        if (attachedHardware() == this) {
+        if (successor == nullptr) {
             tryForCards();
         }
-        return attachedHardware() == this ? nullptr : attachedHardware();
+        return successor;
     }
 
     void tryForCards() {
         try {
             const pid_t owner = lockCards(path.c_str());
             if (owner == getpid()) {
-                new PreloadedPc(configuration, memory, page);  // attaches itself
+                successor = new PreloadedPc(configuration, memory, page);
+                attachHardware(&recorded(*successor, configuration, memory, page, true));
                 return;
             }
             ++page.strangerAccesses;
             tellOnce(owner);
         } catch (const std::exception& error) {
-            attachHardware(new OutOfReach(error.what()));
+            successor = new OutOfReach(error.what());
+            attachHardware(successor);
         }
     }
 
@@ -236,6 +257,7 @@ class WaitingPc : public Hardware {
     SharedPage& page;
     const std::string path;
     std::mutex lock;
+    Hardware* successor = nullptr;  // what serves the process once it has touched a port
     bool told = false;
 };
 
@@ -252,7 +274,12 @@ Hardware* makeHardware() {
         static const MemoryFile memory(configuration.memoryFile);
         // All that there ever were, of a parent too: threads may use them until the process ends.
         static auto& waiting = *new std::vector<Hardware*>;
-        return waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
+        Hardware& pc = *waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
+        Hardware& recorder = recorded(pc, configuration, memory, page, false);
+        if (&recorder != &pc) {
+            waiting.push_back(&recorder);
+        }
+        return &recorder;
     } catch (const std::exception& error) {
         return new OutOfReach(error.what());
     }
@@ -292,6 +319,7 @@ void attach() {
 void loseCardsInChild() {
     attachHardware(nullptr);
     onFirstUse(attach);
+    cardtrace::forgetThreadNumber();
 }
 
 __attribute__((constructor)) void prepare() {
