@@ -17,6 +17,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <type_traits>
 
 #include "traps/Devices.h"
@@ -66,7 +67,10 @@ int noteCopy(int fd, int copy) {
 // Hardware that keeps a record wants to know which firmware a card gets.
 void tellOfFile(const char* path) {
     Hardware* const hardware = attachedHardware();
-    if (hardware != nullptr && path != nullptr && drivesCards()) {
+    const bool isOrdinary = path != nullptr && std::strncmp(path, "/proc/", 6) != 0 &&
+                            std::strncmp(path, "/sys/", 5) != 0 &&
+                            std::strncmp(path, "/dev/", 5) != 0;
+    if (hardware != nullptr && isOrdinary && drivesCards()) {
         const int savedErrno = errno;
         hardware->noticedFile(path);
         errno = savedErrno;
