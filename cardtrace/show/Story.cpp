@@ -496,7 +496,7 @@ std::string Story::fromDsp(const BufferView& view, int card) {
     const std::uint32_t counter = view.counter();
     const std::uint32_t passed = counter - story.counter;
     std::string text = ", counter " + std::to_string(counter);
-    if (story.knowsCounter && passed == 0) {
+    if (story.knowsCounter && passed == 0 && counter != 0) {
         ++facts.repeated;
         text += " again";
     } else if (story.knowsCounter && passed > 1) {
