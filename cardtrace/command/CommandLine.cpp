@@ -16,6 +16,7 @@ constexpr int kUsageError = 2;
 
 struct Given {
     std::vector<std::string> topics;
+    std::vector<std::string> strict;
     double from_s = 0;
     double to_s = 0;
 };
@@ -54,12 +55,32 @@ void declareShow(CLI::App& app, CommandLine& line, Given& given) {
     show->callback([&line] { line.command = CommandLine::Command::kShow; });
 }
 
-void declareCompare(CLI::App& app, CommandLine& line) {
+std::string harmlessHelp() {
+    std::string text = "count that as a difference too, may be given again:";
+    for (const HarmlessDescription& each : kHarmless) {
+        text += "\n" + std::string(each.name) + ": " + each.reason;
+    }
+    return text;
+}
+
+void declareCompare(CLI::App& app, CommandLine& line, Given& given) {
     CLI::App* const compare =
         app.add_subcommand("compare",
                            "give the host's accesses to simulated cards and tell where those\n"
                            "would have answered otherwise");
     compare->add_option("FILE", line.file, "the trace")->required()->type_name("");
+    std::vector<std::string> names;
+    for (const HarmlessDescription& each : kHarmless) {
+        names.emplace_back(each.name);
+    }
+    compare->add_option("--strict", given.strict, harmlessHelp())
+        ->check(CLI::IsMember(names).description(""))
+        ->expected(1)
+        ->take_all()
+        ->type_name("KIND");
+    compare->add_flag("--as-real", line.asReal,
+                      "compare a trace of simulated cards as one of real ones, of which only the\n"
+                      "trace tells how they were made");
     compare->callback([&line] { line.command = CommandLine::Command::kCompare; });
 }
 
@@ -81,6 +102,11 @@ void complete(CommandLine& line, const Given& given) {
         const auto* const name = std::find(std::begin(kTopicNames), std::end(kTopicNames), topic);
         line.story.topics |= 1u << (name - std::begin(kTopicNames));
     }
+    for (const HarmlessDescription& each : kHarmless) {
+        if (std::count(given.strict.begin(), given.strict.end(), each.name) != 0) {
+            line.strict.push_back(each.kind);
+        }
+    }
     line.story.from_us = microseconds(given.from_s);
     if (given.to_s > 0) {
         line.story.to_us = microseconds(given.to_s);
@@ -100,7 +126,7 @@ std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatu
     app.require_subcommand(1);
     declareRecord(app, line);
     declareShow(app, line, given);
-    declareCompare(app, line);
+    declareCompare(app, line, given);
 
     // The program's own arguments are none of the option parser's business.
     char** const end = argv + argc;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "compare/Harmless.h"
 #include "recorder/Recording.h"
 #include "show/Story.h"
 
@@ -22,8 +23,8 @@ struct CommandLine {
     bool summary = false;
     bool json = false;
 
-    std::vector<std::string> strictAbout;  // differences that are counted although harmless
-    bool asRealCard = false;               // even a trace of simulated cards
+    std::vector<Harmless> strict;  // differences that count although they are harmless
+    bool asReal = false;           // a trace of simulated cards is compared as one of real cards
 };
 
 // When the user asked for help or made a mistake, prints the answer and returns nothing; exitStatus

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "command/CommandLine.h"
+#include "compare/Comparison.h"
 #include "format/TraceReader.h"
 #include "launcher/Program.h"
 #include "recorder/RingVariable.h"
@@ -22,7 +23,9 @@ namespace fs = std::filesystem;
 
 constexpr int kDamaged = 1;
 constexpr int kFailed = 1;
+constexpr int kDiffers = 1;
 constexpr int kNoTrace = 3;
+constexpr int kIncomplete = 4;
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
@@ -91,6 +94,68 @@ int show(const CommandLine& line) {
     return tellTroubles(line.file, reader) ? kDamaged : 0;
 }
 
+// The kinds of the cards that answer in the trace, as far as it shows them.
+void findCards(const std::string& file, int (&channels)[2]) {
+    TraceReader reader(file);
+    KindsSeen kinds;
+    for (Record each; reader.next(each);) {
+        kinds.see(each);
+    }
+    for (const int slot : {0, 1}) {
+        channels[slot] = kinds.kind(slot) == nullptr ? 0 : kinds.kind(slot)->channels;
+    }
+}
+
+Comparison::Options comparedWith(const CommandLine& line, const std::string& about) {
+    using Json = nlohmann::json;
+    Comparison::Options options;
+    options.strict = line.strict;
+    const Json told = Json::parse(about, nullptr, false);
+    if (!line.asReal && told.is_object() && told.value("configuration", Json()).is_object()) {
+        options.configuration = cardsim::describedBy(told["configuration"].dump());
+    } else {
+        findCards(line.file, options.channels);
+    }
+    return options;
+}
+
+void printResult(const ComparisonResult& result, bool isConfigured) {
+    std::cout << result.accesses << " accesses compared with simulated cards "
+              << (isConfigured ? "made as those of the trace" : "of the same kinds") << '\n';
+    if (result.first) {
+        std::printf("first difference: record %llu at %.6f s, %s: %s\n",
+                    static_cast<unsigned long long>(result.first->record),
+                    static_cast<double>(result.first->time_us) / 1e6, result.first->kind.c_str(),
+                    result.first->text.c_str());
+    } else {
+        std::cout << "no difference\n";
+    }
+    for (const auto& [kind, count] : result.differences) {
+        std::cout << "  " << kind << ": " << count << '\n';
+    }
+    for (const HarmlessDescription& each : kHarmless) {
+        const auto found = result.harmless.find(each.name);
+        if (found != result.harmless.end()) {
+            std::cout << "harmless, " << each.name << ": " << found->second << " (" << each.reason
+                      << ")\n";
+        }
+    }
+    std::cout.flush();
+}
+
+int compare(const CommandLine& line) {
+    TraceReader reader(line.file);
+    const Comparison::Options options = comparedWith(line, reader.about());
+    const ComparisonResult result = Comparison(reader, options).run();
+    printResult(result, options.configuration.has_value());
+    if (!result.stoppedBy.empty()) {
+        std::cerr << "cardtrace: " << line.file << ": not compared to the end: " << result.stoppedBy
+                  << '\n';
+    }
+    const bool isDamaged = tellTroubles(line.file, reader) || !result.stoppedBy.empty();
+    return result.first ? kDiffers : isDamaged ? kIncomplete : 0;
+}
+
 int carryOut(const CommandLine& line) {
     switch (line.command) {
         case CommandLine::Command::kRecord:
@@ -98,7 +163,7 @@ int carryOut(const CommandLine& line) {
         case CommandLine::Command::kShow:
             return show(line);
         case CommandLine::Command::kCompare:
-            break;
+            return compare(line);
     }
     return kFailed;
 }

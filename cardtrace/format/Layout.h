@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace cardtrace::layout {
+namespace cardtrace::fileLayout {
 
 constexpr char kMagic[8] = {'\x89', 'C', 'T', 'R', 'A', 'C', 'E', '\n'};
 constexpr std::uint16_t kVersion = 1;
@@ -48,4 +48,4 @@ struct RecordHeader {
 };
 static_assert(sizeof(RecordHeader) == 20);
 
-}  // namespace cardtrace::layout
+}  // namespace cardtrace::fileLayout

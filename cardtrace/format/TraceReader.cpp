@@ -70,11 +70,11 @@ bool readInto(const Source& source, std::uint64_t offset, Header& header) {
 
 // Where the magic number of a block comes next; end when nowhere.
 std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_t end) {
-    char magic[sizeof(layout::kBlockMagic)];
-    std::memcpy(magic, &layout::kBlockMagic, sizeof(magic));
+    char magic[sizeof(fileLayout::kBlockMagic)];
+    std::memcpy(magic, &fileLayout::kBlockMagic, sizeof(magic));
     std::string chunk;
     for (std::size_t length = 256; offset + sizeof(magic) <= end; length *= 4) {
-        chunk.resize(std::min(length, layout::kBlockBytes));  // mostly it is right here
+        chunk.resize(std::min(length, fileLayout::kBlockBytes));  // mostly it is right here
         const auto wanted = std::min<std::uint64_t>(chunk.size(), end - offset);
         const std::size_t got = source.read(offset, chunk.data(), wanted);
         const std::size_t found =
@@ -102,17 +102,17 @@ TraceReader::TraceReader(const std::string& fileName, std::unique_ptr<const Sour
 }
 
 void TraceReader::readHeader() {
-    layout::FileHeader header{};
+    fileLayout::FileHeader header{};
     if (!readInto(*source, 0, header) ||
-        std::memcmp(header.magic, layout::kMagic, sizeof(header.magic)) != 0) {
+        std::memcmp(header.magic, fileLayout::kMagic, sizeof(header.magic)) != 0) {
         throw NotATrace(name + ": is no trace");
     }
-    if (header.version > layout::kVersion) {
+    if (header.version > fileLayout::kVersion) {
         throw NotATrace(name + ": is of version " + std::to_string(header.version) +
-                        "; this program knows up to " + std::to_string(layout::kVersion));
+                        "; this program knows up to " + std::to_string(fileLayout::kVersion));
     }
     firstBlock = sizeof(header);
-    if (!isSealed(header) || header.aboutLength > layout::kMaxAbout) {
+    if (!isSealed(header) || header.aboutLength > fileLayout::kMaxAbout) {
         complain(0, "the header is damaged");
         return;
     }
@@ -127,7 +127,7 @@ void TraceReader::readHeader() {
 
 // In a file of bounded length the newest blocks may stand before the oldest.
 void TraceReader::findSeam() {
-    layout::BlockHeader header{};
+    fileLayout::BlockHeader header{};
     std::uint64_t last = 0;
     std::uint64_t blocks = 0;
     seam = firstBlock;
@@ -144,14 +144,14 @@ void TraceReader::findSeam() {
 }
 
 // The next block from offset on, which becomes its place; tells what has to be skipped.
-bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end, layout::BlockHeader& header,
-                            bool tells) {
+bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end,
+                            fileLayout::BlockHeader& header, bool tells) {
     const std::uint64_t begin = offset;
     while (true) {
         const std::uint64_t found = findMagic(*source, offset, end);
         const bool isThere = found < end && readInto(*source, found, header);
-        if (isThere && isSealed(header) && header.length <= layout::kMaxBlockBytes &&
-            header.stored <= ZSTD_compressBound(layout::kMaxBlockBytes)) {
+        if (isThere && isSealed(header) && header.length <= fileLayout::kMaxBlockBytes &&
+            header.stored <= ZSTD_compressBound(fileLayout::kMaxBlockBytes)) {
             if (tells && found != begin && !(begin == firstBlock && seam != firstBlock)) {
                 complain(begin, std::to_string(found - begin) + " bytes are damaged");
             }
@@ -173,7 +173,7 @@ bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end, layout::Bl
 }
 
 bool TraceReader::openNextBlock() {
-    layout::BlockHeader header{};
+    fileLayout::BlockHeader header{};
     while (!isDone) {
         const std::uint64_t end = isBehindSeam ? source->size() : seam;
         std::uint64_t offset = position;
@@ -209,7 +209,7 @@ bool TraceReader::openNextBlock() {
     return false;
 }
 
-bool TraceReader::unpack(const layout::BlockHeader& header, std::uint64_t offset) {
+bool TraceReader::unpack(const fileLayout::BlockHeader& header, std::uint64_t offset) {
     stored.resize(header.stored);
     if (source->read(offset + sizeof(header), stored.data(), stored.size()) != stored.size()) {
         complain(offset, "block " + std::to_string(header.number) + " is cut off");
@@ -235,7 +235,7 @@ bool TraceReader::unpack(const layout::BlockHeader& header, std::uint64_t offset
 
 bool TraceReader::next(Record& record) {
     while (true) {
-        layout::RecordHeader header{};
+        fileLayout::RecordHeader header{};
         if (recordsLeft == 0) {
             if (isDone || !openNextBlock()) {
                 return false;

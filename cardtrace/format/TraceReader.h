@@ -50,10 +50,10 @@ class TraceReader {
   private:
     void readHeader();
     void findSeam();
-    bool findBlock(std::uint64_t& offset, std::uint64_t end, layout::BlockHeader& header,
+    bool findBlock(std::uint64_t& offset, std::uint64_t end, fileLayout::BlockHeader& header,
                    bool tells);
     bool openNextBlock();
-    bool unpack(const layout::BlockHeader& header, std::uint64_t offset);
+    bool unpack(const fileLayout::BlockHeader& header, std::uint64_t offset);
     void complain(std::uint64_t offset, const std::string& reason);
     void finish();
 

@@ -37,16 +37,16 @@ TraceWriter::TraceWriter(const std::string& path, const std::string& about, std:
     if (file == -1) {
         throw std::system_error(errno, std::generic_category(), "cannot write " + path);
     }
-    layout::FileHeader header{};
-    std::memcpy(header.magic, layout::kMagic, sizeof(header.magic));
-    header.version = layout::kVersion;
+    fileLayout::FileHeader header{};
+    std::memcpy(header.magic, fileLayout::kMagic, sizeof(header.magic));
+    header.version = fileLayout::kVersion;
     header.aboutLength = static_cast<std::uint32_t>(about.size());
     header.aboutChecksum = checksum(about.data(), about.size());
     seal(header);
     writeAt(&header, sizeof(header), 0);
     writeAt(about.data(), about.size(), sizeof(header));
     firstBlock = position = sizeof(header) + about.size();
-    if (about.size() > layout::kMaxAbout || (limit != 0 && limit < firstBlock + kLeastBytes)) {
+    if (about.size() > fileLayout::kMaxAbout || (limit != 0 && limit < firstBlock + kLeastBytes)) {
         close(file);
         throw std::invalid_argument(path + ": must be at least " +
                                     std::to_string(firstBlock + kLeastBytes) + " bytes long");
@@ -60,13 +60,13 @@ TraceWriter::~TraceWriter() {
 void TraceWriter::add(const Record& record) {
     constexpr std::uint64_t kLongestPause = std::numeric_limits<std::uint32_t>::max();
     const bool isLate = record.time_us - lastTime > kLongestPause || record.time_us < lastTime;
-    if (records != 0 && (open.size() >= layout::kBlockBytes || isLate)) {
+    if (records != 0 && (open.size() >= fileLayout::kBlockBytes || isLate)) {
         writeBlock();
     }
     if (records == 0) {
         blockTime = lastTime = record.time_us;
     }
-    const layout::RecordHeader header = {
+    const fileLayout::RecordHeader header = {
         static_cast<std::uint8_t>(record.kind),
         record.width,
         record.port,
@@ -96,15 +96,15 @@ void TraceWriter::writeBlock() {
     if (ZSTD_isError(length) != 0) {
         throw std::runtime_error(name + ": " + ZSTD_getErrorName(length));
     }
-    if (limit != 0 && position + sizeof(layout::BlockHeader) + length > limit) {
+    if (limit != 0 && position + sizeof(fileLayout::BlockHeader) + length > limit) {
         // What an earlier round left behind this one is older than all that stands before it.
         if (ftruncate(file, static_cast<off_t>(position)) != 0) {
             throw std::system_error(errno, std::generic_category(), "cannot write " + name);
         }
         position = firstBlock;
     }
-    layout::BlockHeader header{};
-    header.magic = layout::kBlockMagic;
+    fileLayout::BlockHeader header{};
+    header.magic = fileLayout::kBlockMagic;
     header.records = records;
     header.number = blocks++;
     header.time_us = blockTime;

@@ -24,7 +24,7 @@ class TraceWriter {
     TraceWriter& operator=(const TraceWriter&) = delete;
 
     // The least that mostBytes may be.
-    static constexpr std::uint64_t kLeastBytes = 4 * layout::kMaxBlockBytes;
+    static constexpr std::uint64_t kLeastBytes = 4 * fileLayout::kMaxBlockBytes;
 
     void add(const Record& record);
     // All that was added is on the disk when this returns.

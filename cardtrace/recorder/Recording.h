@@ -23,7 +23,7 @@ class Recording {
         bool withoutNumbers = false;
     };
     static constexpr std::uint64_t kLeastBytes =
-        TraceWriter::kLeastBytes + sizeof(layout::FileHeader) + layout::kMaxAbout;
+        TraceWriter::kLeastBytes + sizeof(fileLayout::FileHeader) + fileLayout::kMaxAbout;
 
     // Makes the file. about: a JSON object that says what the trace is of; the time and the options
     // are added. Throws std::exception.
