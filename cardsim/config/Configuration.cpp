@@ -9,7 +9,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(ScenarioEvent, time_us, line, action, text, l
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SimulatedPc::Options, channels, seed, period_ms, audio, faults,
                                    virtualTime, speed)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Configuration, pc, memoryFile, traffic, events, speakerFile,
-                                   ringFile, end_ms)
+                                   ringFile, scriptFile, end_ms)
 
 std::string textOf(const Configuration& configuration) {
     // File names and scenario texts need not be UTF-8; binary keeps them as they are.
@@ -19,7 +19,7 @@ std::string textOf(const Configuration& configuration) {
 
 std::string descriptionOf(const Configuration& configuration) {
     Configuration described = configuration;
-    described.memoryFile = described.speakerFile = described.ringFile = "";
+    described.memoryFile = described.speakerFile = described.ringFile = described.scriptFile = "";
     return nlohmann::json(described).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

@@ -18,6 +18,7 @@ struct Configuration {
     std::vector<ScenarioEvent> events;
     std::string speakerFile;   // gets appended what card 0 plays; empty: nobody listens
     std::string ringFile;      // path of what a recorded run is put into; empty: it is not recorded
+    std::string scriptFile;    // path of what is replayed; empty: the cards are simulated
     std::uint64_t end_ms = 0;  // of a run in virtual time; 0: it goes on until the program ends
 };
 

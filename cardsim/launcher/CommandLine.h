@@ -16,6 +16,7 @@ struct CommandLine {
     std::optional<std::uint64_t> end_ms;
     std::string reportFile;  // empty: none
     cardtrace::Recording::Options recording;
+    std::string replayed;  // the trace whose cards the program meets again; empty: none
     std::vector<std::string> program;
 };
 

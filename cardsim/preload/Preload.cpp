@@ -26,6 +26,7 @@
 #include "config/SharedPage.h"
 #include "model/Traffic.h"
 #include "recorder/RecordingHardware.h"
+#include "replay/ReplayedCards.h"
 #include "traps/Hardware.h"
 #include "traps/PortDevice.h"
 #include "traps/Programs.h"
@@ -108,6 +109,17 @@ class Speaker {
     const int fd;
 };
 
+// Has the program ended and lets nothing happen to the cards from here on: the thread never
+// returns.
+[[noreturn]] void endRun(const SharedPage& page) {
+    if (kill(page.launcher, SIGUSR1) != 0) {
+        kill(getpid(), SIGKILL);
+    }
+    while (true) {
+        poll(nullptr, 0, -1);
+    }
+}
+
 class PreloadedPc : public SimulatedPc {
   public:
     PreloadedPc(const Configuration& configuration, const MemoryFile& cardMemory,
@@ -135,16 +147,7 @@ class PreloadedPc : public SimulatedPc {
         return options;
     }
 
-    // Has the program ended and lets nothing happen to the cards from here on: the thread never
-    // returns.
-    void switchOff() override {
-        if (kill(page.launcher, SIGUSR1) != 0) {
-            kill(getpid(), SIGKILL);
-        }
-        while (true) {
-            poll(nullptr, 0, -1);
-        }
-    }
+    void switchOff() override { endRun(page); }
 
     SharedPage& page;
 };
@@ -261,6 +264,62 @@ class WaitingPc : public Hardware {
     bool told = false;
 };
 
+// A trace met again; by the first process that touches a port.
+class PreloadedReplay : public cardtrace::ReplayedCards {
+  public:
+    PreloadedReplay(const Configuration& configuration, const MemoryFile& memory,
+                    SharedPage& sharedPage, const char* pathOfPage)
+        : ReplayedCards(mapScript(configuration.scriptFile),
+                        surroundings(configuration, memory, sharedPage)),
+          path(pathOfPage) {}
+
+  private:
+    static cardtrace::Script mapScript(const std::string& path) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat status {};
+        if (fd == -1 || fstat(fd, &status) != 0) {
+            fail(path);
+        }
+        const auto length = static_cast<std::size_t>(status.st_size);
+        void* const address = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
+        close(fd);
+        if (address == MAP_FAILED) {
+            fail(path);
+        }
+        return {address, length};
+    }
+
+    static Surroundings surroundings(const Configuration& configuration, const MemoryFile& memory,
+                                     SharedPage& page) {
+        Surroundings made;
+        made.memory = memory.words();
+        made.memoryPath = memory.path();
+        made.virtualTime = configuration.pc.virtualTime;
+        made.elapsed_us = &page.report.elapsed_us;
+        made.accesses = &page.accessesReplayed;
+        made.onDeviation = [&page](const cardtrace::Deviation& deviation) {
+            page.deviation = deviation;
+            page.replayEnd = ReplayEnd::kDeviation;
+            endRun(page);
+        };
+        made.onEnd = [&page] {
+            page.replayEnd = ReplayEnd::kWithTrace;
+            endRun(page);
+        };
+        return made;
+    }
+
+    bool hasCards() override {
+        if (owner != getpid()) {
+            owner = lockCards(path.c_str());
+        }
+        return owner == getpid();
+    }
+
+    const std::string path;
+    pid_t owner = 0;
+};
+
 Hardware* makeHardware() {
     const char* const path = std::getenv(kSharedPageVariable);
     if (path == nullptr) {
@@ -274,6 +333,9 @@ Hardware* makeHardware() {
         static const MemoryFile memory(configuration.memoryFile);
         // All that there ever were, of a parent too: threads may use them until the process ends.
         static auto& waiting = *new std::vector<Hardware*>;
+        if (!configuration.scriptFile.empty()) {
+            return waiting.emplace_back(new PreloadedReplay(configuration, memory, page, path));
+        }
         Hardware& pc = *waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
         Hardware& recorder = recorded(pc, configuration, memory, page, false);
         if (&recorder != &pc) {

@@ -556,7 +556,7 @@ void Story::release(const Record& record, int card, int buffer) {
     if (story.handedOver[buffer]) {
         text += ", " + milliseconds(record.time_us - story.handedOver_us[buffer]) +
                 " after it was seen";
-    } else {
+    } else if (story.lookedAt_us[buffer] != 0) {
         ++facts.notHandedOver;
         text += ", which was not handed over";
     }
