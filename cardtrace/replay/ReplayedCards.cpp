@@ -110,8 +110,7 @@ const ScriptRecord* ReplayedCards::meet(const Access& access) {
     *surroundings.elapsed_us = record.time_us;
     ++*surroundings.accesses;
     if (record.isRead()) {
-        const bool isSame = record.port == lastRead.port && record.value == lastRead.value;
-        sameReads = isSame ? sameReads + 1 : 1;
+        sameReads = isSameRead(record) ? sameReads + 1 : 1;
         lastRead = record;
         showBuffer(record);
     } else {
@@ -140,13 +139,21 @@ bool ReplayedCards::isExtraRead(const Access& access) const {
 
 void ReplayedCards::skipRestOfWait(const Access& access) {
     const ScriptRecord* next = current;
-    while (sameReads >= kLongWait && next != nullptr && next->kind == lastRead.kind &&
-           next->port == lastRead.port && next->value == lastRead.value) {
+    std::uint64_t skipped = 0;
+    while (sameReads >= kLongWait && next != nullptr && isSameRead(*next)) {
         next = script.after(next);
+        ++skipped;
     }
     if (next != nullptr && matches(*next, access)) {
         current = next;
+        *surroundings.accesses += skipped;
     }
+}
+
+// As the one before, in what means something.
+bool ReplayedCards::isSameRead(const ScriptRecord& record) const {
+    return record.kind == lastRead.kind && record.port == lastRead.port &&
+           ((record.value ^ lastRead.value) & ~std::uint32_t{portMap::kUndefinedStatus}) == 0;
 }
 
 // What is no access and no sleep is looked for elsewhere, or only tells.

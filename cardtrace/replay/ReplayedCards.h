@@ -59,6 +59,7 @@ class ReplayedCards : public cardsim::Hardware {
     const ScriptRecord* meet(const Access& access);
     bool isExtraRead(const Access& access) const;
     void skipRestOfWait(const Access& access);
+    bool isSameRead(const ScriptRecord& record) const;
     void skipUnmatched();
     bool matches(const ScriptRecord& record, const Access& access) const;
     void showBuffer(const ScriptRecord& read);
