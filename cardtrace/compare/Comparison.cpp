@@ -534,14 +534,17 @@ void Comparison::comparePeriods() {
             state.lastCounter < state.firstCounter + 100) {
             continue;
         }
-        const double period_us = static_cast<double>(state.lastSeen_us - state.firstSeen_us) /
-                                 (state.lastCounter - state.firstCounter);
-        if (std::abs(period_us / kind->period_us - 1) > kPeriodTolerance) {
+        // Either of the two may have been seen late.
+        constexpr double kSeenLate_us = 1.5e6;
+        const double turns = state.lastCounter - state.firstCounter;
+        const auto passed_us = static_cast<double>(state.lastSeen_us - state.firstSeen_us);
+        const double due_us = turns * kind->period_us;
+        if (std::abs(passed_us - due_us) > kPeriodTolerance * due_us + kSeenLate_us) {
             Record last;
             last.time_us = state.lastSeen_us;
             pass(Harmless::kPeriod, last,
                  cardName(slot) + "hands over a buffer every " +
-                     std::to_string(static_cast<int>(period_us / 1000)) +
+                     std::to_string(static_cast<int>(passed_us / turns / 1000)) +
                      " ms, the simulated card every " + std::to_string(kind->period_us / 1000));
         }
     }
