@@ -238,7 +238,8 @@ std::uint16_t Card::readLineStatus(int word) {
         const unsigned hook = each.isOffHook() ? bits.offHook : bits.onHook;
         const unsigned trigger = each.isTriggered() ? bits.triggered : 0u;
         status |= (hook | trigger) << (i * bits.bitsOfLine);
-        undefined &= ~((bits.onHook | bits.offHook | bits.triggered) << (i * bits.bitsOfLine));
+        const unsigned meant = unsigned{bits.onHook} | bits.offHook | bits.triggered;
+        undefined &= ~(meant << (i * bits.bitsOfLine));
     }
     return static_cast<std::uint16_t>(status | noise(undefined));
 }

@@ -22,6 +22,7 @@ using cardsim::CardKind;
 
 constexpr std::size_t kMostAhead = 100'000;
 constexpr std::uint32_t kMostTurns = 100'000;
+constexpr std::uint64_t kLongestPause_us = 86'400'000'000;
 constexpr double kPeriodTolerance = 0.02;
 
 std::string hexadecimal(std::uint32_t value) {
@@ -158,7 +159,14 @@ void Comparison::makeModel(std::uint64_t now) {
 
 ComparisonResult Comparison::run() {
     Record record;
+    std::uint64_t before_us = 0;
     while (result.stoppedBy.empty() && nextRecord(record)) {
+        const std::uint64_t time_us = record.time_us;
+        if (time_us < before_us || time_us - before_us > kLongestPause_us) {
+            result.stoppedBy = "the time of record " + std::to_string(number) + " makes no sense";
+            break;
+        }
+        before_us = time_us;
         if (record.kind == Kind::kCards) {
             makeModel(record.time_us);
         } else if (record.kind == Kind::kBuffers) {
@@ -174,6 +182,7 @@ ComparisonResult Comparison::run() {
     }
     for (const int slot : {0, 1}) {
         endHandshake(slot);
+        compareSilence(slot);
     }
     comparePeriods();
     return std::move(result);
@@ -249,6 +258,7 @@ void Comparison::compareIn(const Record& record) {
     if (isStatus) {
         slots[slot].isShown[buffer] = (record.value & portMap::kHandedOver) != 0;
         slots[slot].isAnswered[buffer] = (simulated & portMap::kHandedOver) != 0;
+        slots[slot].lastLook_us = record.time_us;
     }
     const std::uint32_t wrong = (record.value ^ simulated) & mask;
     const std::uint32_t defined = definedBits(offset, kind);
@@ -258,9 +268,10 @@ void Comparison::compareIn(const Record& record) {
     if ((wrong & ~defined) != 0) {
         pass(Harmless::kUndefinedBits, record, text);
     }
-    const bool isHandshake = offset == portMap::kControl && !options.configuration &&
-                             (wrong & defined & ~(portMap::kWantsByte | portMap::kByteBusy)) == 0 &&
-                             model->report.cards[slot].boots == slots[slot].boots;
+    const bool isHandshake =
+        offset == portMap::kControl && !options.configuration &&
+        (wrong & defined & ~std::uint32_t{portMap::kWantsByte | portMap::kByteBusy}) == 0 &&
+        slots[slot].isBooting;
     if (isHandshake && kind != nullptr) {
         judgeHandshake(record, slot, simulated);
     } else if ((wrong & defined) != 0) {
@@ -273,7 +284,7 @@ void Comparison::compareIn(const Record& record) {
 void Comparison::judgeHandshake(const Record& record, int slot, std::uint32_t simulated) {
     Slot& state = slots[slot];
     const std::uint32_t wrong =
-        (record.value ^ simulated) & (portMap::kWantsByte | portMap::kByteBusy);
+        (record.value ^ simulated) & std::uint32_t{portMap::kWantsByte | portMap::kByteBusy};
     if (wrong == 0) {
         if (std::exchange(state.waitingSince, 0) != 0) {
             pass(Harmless::kHandshakeTimes, record, state.waitingText);
@@ -314,10 +325,17 @@ void Comparison::give(const Record& record) {
         slots[slot].isShown[buffer] = slots[slot].isAnswered[buffer] = false;
     }
     model->cards.out(record.port, record.width, record.value, record.time_us - modelStart_us);
+    Slot& state = slots[slot];
+    if (offset == portMap::kControl && record.value == portMap::kStop) {
+        compareSilence(slot);
+        state.isBooting = true;
+    }
     const std::uint32_t boots = model->report.cards[slot].boots;
-    if (boots != std::exchange(slots[slot].boots, boots)) {
-        slots[slot].turns = 0;
-        slots[slot].firstCounter = slots[slot].lastCounter = 0;
+    if (boots != std::exchange(state.boots, boots)) {
+        state.isBooting = false;
+        state.turns = 0;
+        state.firstCounter = state.lastCounter = 0;
+        state.started_us = record.time_us;
     }
 }
 
@@ -524,6 +542,20 @@ bool Comparison::mayDifferInTime(int slot, int line, std::uint64_t time_us,
     }
     return isShownActive || !state.wasLoud[line] ||
            time_us - state.lastLoud_us[line] >= 1000ull * set.delay_ms;
+}
+
+// A card whose firmware runs, and that has handed over nothing for long although the host looked.
+void Comparison::compareSilence(int slot) {
+    constexpr std::uint64_t kPeriods = 10;
+    const Slot& state = slots[slot];
+    const CardKind* const kind = model->kind(slot);
+    if (kind != nullptr && !options.configuration && state.boots != 0 && !state.isBooting &&
+        state.turns == 0 && state.lastLook_us > state.started_us + kPeriods * kind->period_us) {
+        Record last;
+        last.time_us = state.lastLook_us;
+        differ(last, "hand-over",
+               cardName(slot) + "has handed over nothing since its firmware started");
+    }
 }
 
 void Comparison::comparePeriods() {

@@ -68,6 +68,17 @@ bool readInto(const Source& source, std::uint64_t offset, Header& header) {
     return source.read(offset, &header, sizeof(header)) == sizeof(header);
 }
 
+bool makesSense(const fileLayout::RecordHeader& record) {
+    const auto kind = static_cast<Kind>(record.kind);
+    if (record.kind == 0 || record.kind > kLastKind) {
+        return false;
+    }
+    if (kind == Kind::kBuffers) {
+        return record.dataLength >= kCardMemoryBytes && record.port <= 1;
+    }
+    return kind > Kind::kDeviceOut || record.width == 1 || record.width == 2 || record.width == 4;
+}
+
 // Where the magic number of a block comes next; end when nowhere.
 std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_t end) {
     char magic[sizeof(fileLayout::kBlockMagic)];
@@ -260,9 +271,7 @@ bool TraceReader::next(Record& record) {
         time_us += header.passed_us;
         record.data.assign(open, place, header.dataLength);
         place += header.dataLength;
-        const bool isBuffers = header.kind == static_cast<std::uint8_t>(Kind::kBuffers);
-        if (header.kind == 0 || header.kind > kLastKind ||
-            (isBuffers && (record.data.size() < kCardMemoryBytes || header.port > 1))) {
+        if (!makesSense(header)) {
             complain(blockOffset,
                      "a record of kind " + std::to_string(header.kind) + " makes no sense");
             gap = true;

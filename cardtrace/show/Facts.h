@@ -60,7 +60,7 @@ struct CardFacts {
 
 struct Facts {
     CardFacts cards[2];
-    std::map<std::string, std::uint64_t> failures;  // of calls: "ioperm: errno 1"
+    std::map<std::string, std::uint64_t> failures;  // of calls, by what they were
     std::uint64_t records = 0;
     std::uint64_t end_us = 0;
     bool hasEnd = false;

@@ -102,6 +102,27 @@ TEST_F(Trace, OfALockUpIsWholeComparesAndReplaysWithTheSamePackets) {
     EXPECT_TRUE(saidByProgram(recorded) == saidByProgram(replayed)) << "packets and lines";
 }
 
+TEST_F(Trace, TellsWhereARealCardDiffersFromASimulatedOne) {
+    const std::pair<std::string, std::string> kRows[] = {
+        {"absent@300/0", "status: card 0 status answered 0xFFFF, the simulated card"},
+        {"wrong-echo@1/0", "data port: card 0 data port answered 0xAA, the simulated card 0x55"},
+        {"byte-stuck@57/0", "handshake: card 0 status answered 0x.*1, .*until the host gave up"},
+        {"dead-after-boot/1", "hand-over: card 1 has handed over nothing since"},
+        {"counter-jump@10/0", "status: card 0 status answered 0x.*0, the simulated card 0x.*1"},
+        {"taken-back@10/1", "status: card 1 status answered 0x.*0, the simulated card 0x.*1"},
+        {"nonsense:level@10/1", "voice: card 1 line 2: level 0xB7AB, triggered 0x0, the simul"},
+        {"nonsense:audio@10/1", "no difference"},
+    };
+    for (const auto& [fault, difference] : kRows) {
+        run("$cardsim --cards 4,8 --traffic --seed 5 --virtual-time --seconds 9 --fault " + fault +
+            " --record $t/trace -- $host 1 7");
+        EXPECT_THAT(run("$cardtrace compare --as-real $t/trace").out, ContainsRegex(difference));
+        EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << "that the fault was ordered";
+    }
+    EXPECT_THAT(run("$cardtrace compare --strict undefined-bits --as-real $t/trace").out,
+                HasSubstr("undefined-bits: card 0 status answered"));
+}
+
 TEST_F(Trace, NamesWhereAnotherHostDoesSomethingElse) {
     const std::tuple<std::string, std::string, std::string> kRows[] = {
         {"ask data data", "ask data", "ended after 1 of 2 accesses"},
