@@ -103,6 +103,7 @@ mkdir -p "$results"
 bench exchange_4 exchange_bench 4
 bench exchange_8 exchange_bench 8
 bench backlog backlog_bench
+bench record record_bench
 run getPacket java -XX:+UseSerialGC -Xmx256m -Djava.library.path="$build/lib/bench" \
     -cp "$build/lib/dspcard-bench.jar:$build/lib/dspcard.jar" \
     com.zivolt.hardware.dsp.bench.GetPacketBench "$results/getPacket.json" "$batches"

@@ -119,9 +119,10 @@ std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatu
     CommandLine line;
     Given given;
     CLI::App app(
-        "Keeps, shows and compares traces of what a program and the cards say to each other.");
-    app.set_help_flag("-h,--help", "show this");
-    app.set_help_all_flag("--help-all", "show this and the options of every command");
+        "Keeps, shows and compares traces of what a program and the cards say to each other.",
+        "cardtrace");
+    app.set_help_flag();
+    app.set_help_all_flag("-h,--help", "show this");
     app.set_version_flag("--version", "cardtrace " CARDTRACE_VERSION, "show the version");
     app.require_subcommand(1);
     declareRecord(app, line);
@@ -139,7 +140,7 @@ std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatu
     } catch (const CLI::Success& answer) {
         exitStatus = app.exit(answer);
     } catch (const std::exception& error) {
-        std::cerr << "cardtrace: " << error.what() << "\nTry: cardtrace --help-all\n";
+        std::cerr << "cardtrace: " << error.what() << "\nTry: cardtrace --help\n";
         exitStatus = kUsageError;
     }
     return std::nullopt;
