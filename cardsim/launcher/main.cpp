@@ -17,6 +17,7 @@
 #include "launcher/CommandLine.h"
 #include "launcher/Program.h"
 #include "launcher/ReportText.h"
+#include "launcher/Rights.h"
 
 namespace cardsim {
 
@@ -159,6 +160,7 @@ int main(int argc, char** argv) {
         return exitStatus;
     }
     try {
+        refuseOpenDevices();
         return launch(*line);
     } catch (const CannotStart& error) {
         std::cerr << "cardsim: cannot start " << error.reason << '\n';

@@ -10,6 +10,7 @@
 
 #include "traps/Hardware.h"
 #include "traps/PortInstruction.h"
+#include "traps/Refusal.h"
 
 namespace cardsim {
 
@@ -102,8 +103,8 @@ void installHandler() {
 int setPortPermission(unsigned long from, unsigned long count, bool on) {
     const bool startsInside = from >= kFirstPort && from < kFirstPort + kNumPorts;
     if (!startsInside || count == 0 || count > kFirstPort + kNumPorts - from) {
-        errno = EINVAL;
-        return -1;
+        return refuse("ioperm for", "ports beyond 0x300 to 0x31F", "nothing else is simulated",
+                      EINVAL);
     }
     const std::uint64_t ports = ((std::uint64_t{1} << count) - 1) << (from - kFirstPort);
     if (on) {

@@ -129,12 +129,13 @@ TEST_F(Traps, OpenTheDevicesAsTheFlagsSayAndInNoOtherWay) {
     char byte = 0;
     for (const std::string name : {"mem", "port"}) {
         const std::string path = "/dev/" + name;
+        const off_t place = name == "mem" ? 0xD0300 : 0x300;
         for (const int mode : {O_RDONLY, O_WRONLY, O_RDWR}) {
             const int file = openat(folder, name.c_str(), mode | O_TRUNC);
             EXPECT_EQ(0, fcntl(file, F_GETFD));
             EXPECT_EQ(FD_CLOEXEC, fcntl(open64(path.c_str(), mode | O_CLOEXEC), F_GETFD));
-            EXPECT_EQ(mode == O_WRONLY ? EBADF : 0, errnoOf(pread(file, &byte, 1, 0xD0300) == 1));
-            EXPECT_EQ(mode == O_RDONLY ? EBADF : 0, errnoOf(pwrite(file, &byte, 1, 0xD0300) == 1));
+            EXPECT_EQ(mode == O_WRONLY ? EBADF : 0, errnoOf(pread(file, &byte, 1, place) == 1));
+            EXPECT_EQ(mode == O_RDONLY ? EBADF : 0, errnoOf(pwrite(file, &byte, 1, place) == 1));
             void* const page = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0xD0000);
             EXPECT_EQ(mode == O_RDWR && name == "mem", page != MAP_FAILED);
         }

@@ -82,7 +82,12 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
         {"cd / && " + sim + "--cards 4" + check, 1, "FAIL  LOAD_4CH.TXT: no LOAD_4CH.TXT in /"},
         {CARDCHECK " --files-only", 0, "LOAD_4CH.TXT: 3 records, 548 words, checksum 24883"},
         {CARDCHECK " --files-only nowhere LOAD_4CH.TXT", 1, "cardcheck: 4 passed, 1 failed, 1 sk"},
-        {CARDCHECK " </dev/null", 2, "refused without --reset-cards"},
+        {sim + "--fault byte-stuck@1/0 --cards 4,8" + check, 1,
+         "boot of card 0: out of reset the DSP does not t"},
+        {sim + "--fault byte-refused@1/1 --cards 4,8" + check, 1,
+         "boot of card 1: out of reset the DSP never as"},
+        {sim + "-- " CARDCHECK " </dev/null", 2, "SKIP  cards: not touched: no go-ahead for"},
+        {CARDCHECK " </dev/null", 1, "FAIL  port permission"},
         {CARDCHECK " --files-only --reset-cards", 2, "does not go with"},
         {CARDCHECK " --file", 2, "Try: cardcheck --help"},
         {CARDSIM " -- sh -c '../bin/main >/dev/null 2>&1 & sleep 0.7; " CARDCHECK " --reset-cards;"

@@ -2,6 +2,7 @@
 
 #include "CardMemory.h"
 #include "CardPorts.h"
+#include "DSPBootLoader.h"
 #include "DSPDetect.h"
 #include "MemIO.h"
 
@@ -58,16 +59,47 @@ void checkCardMemory(Report& report, DSPDetect& detector, int slot, void* memory
         report.fail(name,
                     "does not keep what is written" + at + ", a word reads " +
                         hex(MemReadW(memory, offset + 4), 4),
-                    "set the card's memory address to " + hex(kCardMemBase, 5) +
+                    "set the card's memory address to " + hex(kCardMemBase + offset, 5) +
                         ", and keep that memory free of other cards and of BIOS shadowing in the "
                         "set-up of the PC");
     }
 }
 
+// A DSP that is let out of reset asks for its firmware. It gets the first byte of any boot table,
+// and is held in reset again.
+void checkBoot(Report& report, DSPDetect& detector, int slot, int channels, bool portsGranted) {
+    const std::string name = "boot of " + card(slot);
+    if (!portsGranted) {
+        report.skip(name, "no byte sent: needs port permission");
+        return;
+    }
+    constexpr std::uint8_t kFirstByte = 0x08;
+    const int base = basePortOfBoard(slot);
+    DSPBootloader bootloader;
+    bootloader.init(static_cast<unsigned>(base), static_cast<unsigned>(channels), slot);
+    bootloader.resetDSP(true);
+    bootloader.resetDSP(false);
+    const bool taken = bootloader.bootByte(kFirstByte);
+    const bool isBusy = (detector.readPort(base + kStatusPort) & kBootByteBusy) != 0;
+    bootloader.resetDSP(true);
+    if (taken) {
+        report.pass(name, "the DSP asks for its firmware and takes the first byte");
+    } else {
+        report.fail(name,
+                    std::string("out of reset the DSP ") +
+                        (isBusy ? "does not take the first byte" : "never asks for its firmware"),
+                    kSeatAnew);
+    }
+}
+
 }  // namespace
 
-FoundCards checkCards(Report& report, const Access& access) {
+FoundCards checkCards(Report& report, const Access& access, bool mayReset) {
     FoundCards found;
+    if (!mayReset) {
+        report.skip("cards", "not touched: no go-ahead for resetting them (--reset-cards)");
+        return found;
+    }
     if (access.cardsInUse) {
         report.skip("cards", "not touched: another process has them");
         return found;
@@ -94,6 +126,9 @@ FoundCards checkCards(Report& report, const Access& access) {
     }
     for (int slot = 0; slot < numFound; ++slot) {
         checkCardMemory(report, detector, slot, access.memory);
+        if (found.channels[slot] != 0) {
+            checkBoot(report, detector, slot, found.channels[slot], access.ports);
+        }
     }
     return found;
 }

@@ -1,5 +1,6 @@
 // The checks of the cards themselves, by the driver's own detection. They reset the DSPs of the
-// cards and write two words into the memory of each; nothing else may use the cards meanwhile.
+// cards, write two words into the memory of each and send each DSP the first byte of a firmware;
+// nothing else may use the cards meanwhile.
 // Every card that answers is left with its DSP held in reset.
 #pragma once
 
@@ -14,6 +15,7 @@ constexpr int kMaxCards = 2;
 struct FoundCards {
     int channels[kMaxCards] = {};
 };
-FoundCards checkCards(Report& report, const Access& access);
+// Without mayReset no card is touched.
+FoundCards checkCards(Report& report, const Access& access, bool mayReset);
 
 }  // namespace cardcheck

@@ -209,6 +209,7 @@ Access checkMachine(Report& report, const Rights& rights) {
     checkPrivilege(report, rights, portsGranted);
     checkLockdown(report, rights, portsGranted);
     Access access;
+    access.ports = portsGranted;
     access.portDevice = checkPortDevice(report, rights);
     access.memory = checkMemory(report, rights, hardware);
     access.cardsInUse = hardware.getFailure() == DirectIO::Failure::kMemoryInUse;

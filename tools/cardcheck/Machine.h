@@ -21,6 +21,7 @@ Rights readRights();
 
 // What the checks could get hold of.
 struct Access {
+    bool ports = false;  // permission of this thread
     bool portDevice = false;
     bool cardsInUse = false;  // by another process: no port may be touched
     void* memory = nullptr;   // of both cards; null when it cannot be mapped

@@ -19,6 +19,7 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
+constexpr int kCardsLeftOut = 2;
 
 struct CommandLine {
     bool resetCards = false;
@@ -43,7 +44,7 @@ void declareOptions(CLI::App& app, CommandLine& line) {
         ->type_name("");
     app.add_flag("--reset-cards", line.resetCards,
                  "the go-ahead for resetting the cards; without it a user at a\n"
-                 "terminal is asked, and everybody else refused");
+                 "terminal is asked; otherwise the cards are left out");
     app.add_flag("--files-only", line.filesOnly, "touch no hardware, check the load files alone");
     app.add_flag("-v,--verbose", line.verbose, "show the driver's own lines as well");
     app.set_help_flag("-h,--help", "show this");
@@ -58,7 +59,8 @@ void declareOptions(CLI::App& app, CommandLine& line) {
         "another program records at that time are lost.\n"
         "\n"
         "Exit status: 0 no check failed (some may have been skipped), 1 one failed,\n"
-        "2 wrong usage, or no go-ahead for resetting the cards.\n");
+        "2 wrong usage, or none failed and the cards are not checked for want of a\n"
+        "go-ahead.\n");
 }
 
 // Keeps the lines that the driver prints from the console for as long as it lives.
@@ -79,48 +81,45 @@ class QuietDriver {
 };
 
 bool hasGoAhead(const CommandLine& line) {
+    if (!line.resetCards && isatty(STDIN_FILENO) == 0) {
+        return false;
+    }
     std::cout << "cardcheck: resets the DSPs of the cards and leaves them in reset; a program that "
                  "uses the cards must not run now"
               << std::endl;
     if (line.resetCards) {
         return true;
     }
-    if (isatty(STDIN_FILENO) == 0) {
-        std::cerr << "cardcheck: refused without --reset-cards; --files-only touches no hardware\n";
-        return false;
-    }
-    std::cout << "Go on? (yes/no) " << std::flush;
+    std::cout << "Reset the cards? (yes/no) " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
-    if (answer != "yes") {
-        std::cerr << "cardcheck: nothing touched, nothing checked\n";
-    }
     return answer == "yes";
 }
 
-FoundCards checkHardware(Report& report, bool verbose) {
+FoundCards checkHardware(Report& report, bool mayReset, bool verbose) {
     std::optional<QuietDriver> quiet;
     if (!verbose) {
         quiet.emplace();
     }
-    return checkCards(report, checkMachine(report, readRights()));
+    return checkCards(report, checkMachine(report, readRights()), mayReset);
 }
 
 int check(const CommandLine& line) {
-    if (!line.filesOnly && !hasGoAhead(line)) {
-        return kUsageError;
-    }
+    const bool mayReset = !line.filesOnly && hasGoAhead(line);
     std::ostream console(std::cout.rdbuf());
     Report report(console);
     FoundCards found;
     if (line.filesOnly) {
         report.skip("hardware", "not touched (--files-only)");
     } else {
-        found = checkHardware(report, line.verbose);
+        found = checkHardware(report, mayReset, line.verbose);
     }
     checkLoadFiles(report, line.loadFiles, found);
     report.summarise();
-    return report.hasFailed() ? kFailed : 0;
+    if (report.hasFailed()) {
+        return kFailed;
+    }
+    return line.filesOnly || mayReset ? 0 : kCardsLeftOut;
 }
 
 }  // namespace
