@@ -20,7 +20,7 @@ class ClientTest {
     private static final HexFormat HEX = HexFormat.of();
 
     private final FakeBridge bridge = new FakeBridge(4, 8);
-    private final CardClient client = new CardClient(bridge);
+    private final CardClient client = new CardClient(bridge, InstantSource.fixed(TIME));
 
     @Test
     void takesWhatTheDriverSendsAndTellsOfNonsenseOnce() throws InterruptedException {
