@@ -11,6 +11,7 @@ trap 'rm -rf "$work"' EXIT
 # The page's blocks of a language under the line that begins so.
 blocks() { sed -n "/^$2/,/^[A-Z#]/p" "$page" | sed -n '/^```'"$1"'$/,/^```$/p' | grep -v '^```'; }
 
+# shellcheck disable=SC2016 # backticks are Markdown
 sed -n '/^```java$/,/^```$/p' "$page" | grep -v '^```' | diff - "$1/java/examples/${program//.//}.java"
 ln -s "$build" "$work/build"
 ln -s "$1/java" "$work/java"
