@@ -3,12 +3,14 @@
 // the middle of one, at an access to a port, at a word of card memory, at a packet. All of it on
 // one thread and in virtual time, so that a seed gives the same run each time.
 #include <CLI/CLI.hpp>
+#include <cinttypes>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 
 #include "BoardMgr.h"
 #include "JavaVm.h"
+#include "MonitorBuffer.h"
 #include "ReferenceHost.h"
 #include "javaint/MessageDispatcher.h"
 #include "model/Traffic.h"
@@ -33,7 +35,7 @@ cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
               second = 4 * static_cast<int>(random.between(0, 2));
     auto options = cardsim::SimulatedPc::Options::with(first, second);
     options.seed = seed;
-    options.faults.resize(random.between(0, 4));
+    options.faults.resize(static_cast<std::size_t>(random.between(0, 4)));
     for (Fault& fault : options.faults) {
         fault.kind = static_cast<FaultKind>(random.between(0, std::size(kOpportunities) - 1));
         fault.kind = random.chance(kLocksUp) ? FaultKind::kCounterStuck : fault.kind;
@@ -66,7 +68,8 @@ class Schedule : public cardsim::SimulatedPc {
             BoardMgr::getInstance().readWriteDSPs();
         } catch (const cardsim::PowerOff&) {
         }
-        std::printf("seed %lu: %lu exchanges, %lu calls inside a pass, %lu faults, digest %016lx\n",
+        std::printf("seed %" PRIu64 ": %" PRIu64 " exchanges, %" PRIu64
+                    " calls inside a pass, %" PRIu64 " faults, digest %016" PRIx64 "\n",
                     seed, host.exchanges, callsInside,
                     report().cards[0].faults + report().cards[1].faults,
                     report().timeline ^ report().portAccesses);
@@ -103,6 +106,10 @@ class Schedule : public cardsim::SimulatedPc {
         act();
         part(first, words - first);
         event.bytes.assign(start, start + 2 * words);
+    }
+    void feed(int bytes) {
+        note(kFeed, bytes);
+        act();
     }
     void queue(const Packet& packet) {
         note(kPacket, packet.getType())
@@ -212,8 +219,9 @@ Schedule* schedule = nullptr;
 }  // namespace
 
 void trials::deviate(const std::string& what, const std::string& due, const std::string& got) {
-    std::printf("FOUND seed %lu, pass %lu, card %d, %s: expected %s, got %s\n", schedule->seed,
-                schedule->host.passes, schedule->host.slot, what.c_str(), due.c_str(), got.c_str());
+    std::printf("FOUND seed %" PRIu64 ", pass %" PRIu64 ", card %d, %s: expected %s, got %s\n",
+                schedule->seed, schedule->host.passes, schedule->host.slot, what.c_str(),
+                due.c_str(), got.c_str());
     std::fflush(stdout);
     std::_Exit(1);
 }
@@ -233,6 +241,11 @@ void __wrap__Z14MemWriteBlockWPvmPKti(void* base, unsigned long offset, const st
     schedule->move(kStore, static_cast<char*>(base) + offset, words, [=](int first, int n) {
         __real__Z14MemWriteBlockWPvmPKti(base, offset + 2 * first, from + first, n);
     });
+}
+void __real__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer*, const char*, int);
+void __wrap__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer* buffer, const char* audio, int size) {
+    schedule->feed(size);
+    __real__ZN13MonitorBuffer7addDataEPKci(buffer, audio, size);
 }
 void __real__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher*, Packet*);
 void __wrap__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher* dispatcher,

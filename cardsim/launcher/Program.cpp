@@ -179,7 +179,8 @@ void reap(pid_t& child, int& status) {
 
 void setTimer(milliseconds time) {
     itimerval timer{};
-    timer.it_value = {time.count() / 1000, time.count() % 1000 * 1000};
+    timer.it_value.tv_sec = static_cast<time_t>(time.count() / 1000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000);
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 

@@ -36,7 +36,7 @@ constexpr int kNotFound = 127;
 // Beside the launcher, built or installed.
 std::string preloadLibrary() {
     const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    for (const char* folder : {"lib", "lib/cardsim", "lib/x86_64-linux-gnu/cardsim"}) {
+    for (const char* folder : {"lib", "lib/cardsim", "lib/" LIBRARY_ARCHITECTURE "/cardsim"}) {
         const fs::path library = prefix / folder / "libcardsim-preload.so";
         if (fs::exists(library)) {
             if (library.string().find_first_of(" :") != std::string::npos) {

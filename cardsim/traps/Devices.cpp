@@ -24,8 +24,8 @@ namespace fs = std::filesystem;
 
 // What devices do not care about, and files do.
 constexpr int kForFilesOnly = O_TRUNC | O_NOFOLLOW;
-constexpr off_t kCardMemory = 0xD0000;
-constexpr off_t kEndOfCardMemory = 0xD4000;
+constexpr off64_t kCardMemory = 0xD0000;
+constexpr off64_t kEndOfCardMemory = 0xD4000;
 
 enum class Device { kOther, kPorts, kMemory };
 
@@ -147,7 +147,7 @@ bool isMemoryDevice(int fd) {
     return is;
 }
 
-bool refusesMapping(int fd, std::size_t length, off_t offset) {
+bool refusesMapping(int fd, std::size_t length, off64_t offset) {
     if (offset % sysconf(_SC_PAGESIZE) != 0) {
         return false;  // the kernel does
     }

@@ -19,6 +19,6 @@ bool refusesDevice(const char* path, const char* way);
 bool isMemoryDevice(int fd);
 // Whether a mapping of that memory may not be: it leads out of that of the simulated cards. Then
 // there is a line on standard error, and errno is set.
-bool refusesMapping(int fd, std::size_t length, off_t offset);
+bool refusesMapping(int fd, std::size_t length, off64_t offset);
 
 }  // namespace cardsim

@@ -2,6 +2,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,7 +17,18 @@ namespace {
 
 constexpr int kMostInterpreters = 4;
 
-bool isElf(const Elf64_Ehdr& header) {
+// Programs of this library's own kind.
+using Header = ElfW(Ehdr);
+using Segment = ElfW(Phdr);
+#ifdef __x86_64__
+constexpr int kClass = ELFCLASS64, kMachine = EM_X86_64;
+constexpr const char* kOfAnotherKind = "it is no 64-bit program";
+#else
+constexpr int kClass = ELFCLASS32, kMachine = EM_386;
+constexpr const char* kOfAnotherKind = "it is no 32-bit program";
+#endif
+
+bool isElf(const Header& header) {
     return std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0;
 }
 
@@ -26,9 +38,9 @@ bool isLinker(const char* path) {
     return std::strncmp(slash == nullptr ? path : slash + 1, "ld-linux", 8) == 0;
 }
 
-bool hasInterpreter(int file, const Elf64_Ehdr& header) {
+bool hasInterpreter(int file, const Header& header) {
     for (int i = 0; i < header.e_phnum; ++i) {
-        Elf64_Phdr segment{};
+        Segment segment{};
         const auto place = static_cast<off_t>(header.e_phoff) + i * off_t{header.e_phentsize};
         if (pread(file, &segment, sizeof(segment), place) != sizeof(segment)) {
             return true;  // not for us to judge
@@ -40,9 +52,9 @@ bool hasInterpreter(int file, const Elf64_Ehdr& header) {
     return false;
 }
 
-const char* whyNotTrapped(const char* path, int file, const Elf64_Ehdr& header) {
-    if (header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_machine != EM_X86_64) {
-        return "it is no 64-bit program";
+const char* whyNotTrapped(const char* path, int file, const Header& header) {
+    if (header.e_ident[EI_CLASS] != kClass || header.e_machine != kMachine) {
+        return kOfAnotherKind;
     }
     if (!isLinker(path) && !hasInterpreter(file, header)) {
         return "it is linked statically";
@@ -71,7 +83,7 @@ const char* whyNotTrapped(const char* path) {
         const int file = REAL(open)(path, O_RDONLY | O_CLOEXEC);
         const ssize_t length = file == -1 ? 0 : pread(file, line, sizeof(line) - 1, 0);
         const char* reason = nullptr;
-        Elf64_Ehdr header{};
+        Header header{};
         bool isScript = false;
         if (length >= static_cast<ssize_t>(sizeof(header))) {
             std::memcpy(&header, line, sizeof(header));

@@ -67,9 +67,15 @@ mode_t modeArgument(int flags, va_list arguments) {
     return creates ? static_cast<mode_t>(va_arg(arguments, int)) : mode_t{0};
 }
 
-bool isLockCommand(int command) {
-    return command == F_SETLK || command == F_SETLKW || command == F_GETLK ||
+// Commands that take a struct flock64, where that differs from a struct flock.
+bool isWideLockCommand(int command) {
+    return command == F_SETLK64 || command == F_SETLKW64 || command == F_GETLK64 ||
            command == F_OFD_SETLK || command == F_OFD_SETLKW || command == F_OFD_GETLK;
+}
+
+bool isLockCommand(int command) {
+    return isWideLockCommand(command) || command == F_SETLK || command == F_SETLKW ||
+           command == F_GETLK;
 }
 
 // A call that means /dev/mem: asks the hardware, makes the call, tells the hardware what came of
@@ -91,6 +97,52 @@ std::invoke_result_t<Call> askThenTell(const DeviceCall& asked, std::invoke_resu
         errno = outcome;
     }
     return result;
+}
+
+// The ports' device has no end; sets errno.
+bool hasNoEnd(int fd, int whence) {
+    const bool refused = whence != SEEK_SET && whence != SEEK_CUR && isPorts(fd);
+    errno = refused ? EINVAL : errno;
+    return refused;
+}
+
+// Of a file, which may be a device.
+template <class Map>
+void* mapDevice(std::size_t length, int protection, int fd, off64_t offset, Map map) {
+    if (isPorts(fd)) {
+        errno = ENODEV;
+        return MAP_FAILED;
+    }
+    if (!isMemoryDevice(fd)) {
+        return map();
+    }
+    if (refusesMapping(fd, length, offset)) {
+        return MAP_FAILED;
+    }
+    const DeviceCall mapping = {DeviceCall::Kind::kMap, static_cast<std::uint64_t>(offset), length,
+                                static_cast<std::uint32_t>(protection)};
+    return askThenTell(mapping, MAP_FAILED, map);
+}
+
+// A lock of /dev/mem, as the program asked for it.
+template <class Lock>
+DeviceCall lockCall(const void* argument, int command) {
+    const auto& lock = *static_cast<const Lock*>(argument);
+    return {DeviceCall::Kind::kLock, static_cast<std::uint64_t>(lock.l_start),
+            static_cast<std::uint64_t>(lock.l_len),
+            static_cast<std::uint32_t>(lock.l_type << 16 | command)};
+}
+
+template <class Call>
+int control(int fd, int command, const void* argument, Call call) {
+    if (isLockCommand(command) && isMemoryDevice(fd)) {
+        return askThenTell(isWideLockCommand(command) ? lockCall<struct flock64>(argument, command)
+                                                      : lockCall<struct flock>(argument, command),
+                           -1, call);
+    }
+    const int result = call();
+    const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
+    return copies ? noteCopy(fd, result) : result;
 }
 
 }  // namespace
@@ -166,14 +218,19 @@ ssize_t read(int fd, void* buffer, std::size_t count) {
     return isPorts(fd) ? readPorts(fd, buffer, count) : REAL(read)(fd, buffer, count);
 }
 
-ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) {
-    return isPorts(fd) ? readPorts(fd, buffer, count, offset)
-                       : REAL(pread)(fd, buffer, count, offset);
-}
-
-ssize_t pread64(int fd, void* buffer, std::size_t count, off64_t offset) {
-    return pread(fd, buffer, count, offset);
-}
+// With places in a file that are wide enough for every file, and with the program's own.
+#define READ_AND_WRITE(readAt, writeAt, place)                                     \
+    ssize_t readAt(int fd, void* buffer, std::size_t count, place offset) {        \
+        return isPorts(fd) ? readPorts(fd, buffer, count, offset)                  \
+                           : REAL(readAt)(fd, buffer, count, offset);              \
+    }                                                                              \
+    ssize_t writeAt(int fd, const void* buffer, std::size_t count, place offset) { \
+        return isPorts(fd) ? writePorts(fd, buffer, count, offset)                 \
+                           : REAL(writeAt)(fd, buffer, count, offset);             \
+    }
+READ_AND_WRITE(pread, pwrite, off_t)
+READ_AND_WRITE(pread64, pwrite64, off64_t)
+#undef READ_AND_WRITE
 
 // With buffer checks: a buffer that is too short is left to the C library.
 ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) {
@@ -185,62 +242,53 @@ ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) 
     return checked(fd, buffer, count, length);
 }
 
-ssize_t __pread_chk(int fd, void* buffer, std::size_t count, off_t offset, std::size_t length) {
-    if (isPorts(fd) && count <= length) {
-        return readPorts(fd, buffer, count, offset);
+#define READ_CHECKED(name, place)                                                             \
+    ssize_t name(int fd, void* buffer, std::size_t count, place offset, std::size_t length) { \
+        if (isPorts(fd) && count <= length) {                                                 \
+            return readPorts(fd, buffer, count, offset);                                      \
+        }                                                                                     \
+        using PreadChecked = ssize_t(int, void*, std::size_t, place, std::size_t);            \
+        static auto* const checked = real<PreadChecked>(#name);                               \
+        return checked(fd, buffer, count, offset, length);                                    \
     }
-    using PreadChecked = ssize_t(int, void*, std::size_t, off_t, std::size_t);
-    static auto* const checked = real<PreadChecked>("__pread_chk");
-    return checked(fd, buffer, count, offset, length);
-}
-
-ssize_t __pread64_chk(int fd, void* buffer, std::size_t count, off64_t offset, std::size_t length) {
-    return __pread_chk(fd, buffer, count, offset, length);
-}
+READ_CHECKED(__pread_chk, off_t)
+READ_CHECKED(__pread64_chk, off64_t)
+#undef READ_CHECKED
 
 ssize_t write(int fd, const void* buffer, std::size_t count) {
     return isPorts(fd) ? writePorts(fd, buffer, count) : REAL(write)(fd, buffer, count);
 }
 
-ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
-    return isPorts(fd) ? writePorts(fd, buffer, count, offset)
-                       : REAL(pwrite)(fd, buffer, count, offset);
-}
-
-ssize_t pwrite64(int fd, const void* buffer, std::size_t count, off64_t offset) {
-    return pwrite(fd, buffer, count, offset);
-}
-
-// name, and name2 with flags behind that mean nothing to ports.
-#define VECTOR(name, nameAt, nameAt64, nameAt2, nameAt264, ports)                         \
-    ssize_t name(int fd, const iovec* parts, int count) {                                 \
-        return isPorts(fd) ? ports(fd, parts, count) : REAL(name)(fd, parts, count);      \
-    }                                                                                     \
-    ssize_t nameAt(int fd, const iovec* parts, int count, off_t offset) {                 \
-        return isPorts(fd) ? ports(fd, parts, count, offset)                              \
-                           : REAL(nameAt)(fd, parts, count, offset);                      \
-    }                                                                                     \
-    ssize_t nameAt64(int fd, const iovec* parts, int count, off64_t offset) {             \
-        return nameAt(fd, parts, count, offset);                                          \
-    }                                                                                     \
-    ssize_t nameAt2(int fd, const iovec* parts, int count, off_t offset, int flags) {     \
-        return isPorts(fd) ? ports(fd, parts, count, offset)                              \
-                           : REAL(nameAt2)(fd, parts, count, offset, flags);              \
-    }                                                                                     \
-    ssize_t nameAt264(int fd, const iovec* parts, int count, off64_t offset, int flags) { \
-        return nameAt2(fd, parts, count, offset, flags);                                  \
+// name, the same at a place, and with flags behind that mean nothing to ports.
+#define VECTOR(name, ports)                                                          \
+    ssize_t name(int fd, const iovec* parts, int count) {                            \
+        return isPorts(fd) ? ports(fd, parts, count) : REAL(name)(fd, parts, count); \
+    }
+#define VECTOR_AT(nameAt, nameAt2, place, ports)                                      \
+    ssize_t nameAt(int fd, const iovec* parts, int count, place offset) {             \
+        return isPorts(fd) ? ports(fd, parts, count, offset)                          \
+                           : REAL(nameAt)(fd, parts, count, offset);                  \
+    }                                                                                 \
+    ssize_t nameAt2(int fd, const iovec* parts, int count, place offset, int flags) { \
+        return isPorts(fd) ? ports(fd, parts, count, offset)                          \
+                           : REAL(nameAt2)(fd, parts, count, offset, flags);          \
     }
 
-VECTOR(readv, preadv, preadv64, preadv2, preadv64v2, readPorts)
-VECTOR(writev, pwritev, pwritev64, pwritev2, pwritev64v2, writePorts)
+VECTOR(readv, readPorts)
+VECTOR_AT(preadv, preadv2, off_t, readPorts)
+VECTOR_AT(preadv64, preadv64v2, off64_t, readPorts)
+VECTOR(writev, writePorts)
+VECTOR_AT(pwritev, pwritev2, off_t, writePorts)
+VECTOR_AT(pwritev64, pwritev64v2, off64_t, writePorts)
 #undef VECTOR
+#undef VECTOR_AT
 
 // Ways to move data that neither the devices nor what stands for them is served by.
 ssize_t sendfile(int to, int from, off_t* offset, std::size_t count) noexcept {
     return refusesPorts("sendfile", to, from) ? -1 : REAL(sendfile)(to, from, offset, count);
 }
 ssize_t sendfile64(int to, int from, off64_t* offset, std::size_t count) noexcept {
-    return sendfile(to, from, offset, count);
+    return refusesPorts("sendfile", to, from) ? -1 : REAL(sendfile64)(to, from, offset, count);
 }
 ssize_t copy_file_range(int from, off64_t* first, int to, off64_t* last, std::size_t count,
                         unsigned flags) {
@@ -265,38 +313,26 @@ ASYNCHRONOUS(aio_read64, aiocb64)
 ASYNCHRONOUS(aio_write64, aiocb64)
 #undef ASYNCHRONOUS
 
-off_t lseek(int fd, off_t offset, int whence) noexcept {
-    if (whence != SEEK_SET && whence != SEEK_CUR && isPorts(fd)) {
-        errno = EINVAL;  // the device has no end
-        return -1;
+#define SEEK(name, place)                                                  \
+    place name(int fd, place offset, int whence) noexcept {                \
+        return hasNoEnd(fd, whence) ? -1 : REAL(name)(fd, offset, whence); \
     }
-    return REAL(lseek)(fd, offset, whence);
-}
-off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
-    return lseek(fd, offset, whence);
-}
+SEEK(lseek, off_t)
+SEEK(lseek64, off64_t)
+#undef SEEK
 
-void* mmap(void* address, std::size_t length, int protection, int flags, int fd,
-           off_t offset) noexcept {
-    if ((flags & MAP_ANONYMOUS) == 0 && isPorts(fd)) {
-        errno = ENODEV;
-        return MAP_FAILED;
+#define MAP(name, place)                                                                      \
+    void* name(void* address, std::size_t length, int protection, int flags, int fd,          \
+               place offset) noexcept {                                                       \
+        const auto map = [=] {                                                                \
+            return REAL(name)(address, length, protection, flags, fd, offset);                \
+        };                                                                                    \
+        return (flags & MAP_ANONYMOUS) != 0 ? map()                                           \
+                                            : mapDevice(length, protection, fd, offset, map); \
     }
-    const auto map = [=] { return REAL(mmap)(address, length, protection, flags, fd, offset); };
-    if ((flags & MAP_ANONYMOUS) != 0 || !isMemoryDevice(fd)) {
-        return map();
-    }
-    if (refusesMapping(fd, length, offset)) {
-        return MAP_FAILED;
-    }
-    const DeviceCall mapping = {DeviceCall::Kind::kMap, static_cast<std::uint64_t>(offset), length,
-                                static_cast<std::uint32_t>(protection)};
-    return askThenTell(mapping, MAP_FAILED, map);
-}
-void* mmap64(void* address, std::size_t length, int protection, int flags, int fd,
-             off64_t offset) noexcept {
-    return mmap(address, length, protection, flags, fd, offset);
-}
+MAP(mmap, off_t)
+MAP(mmap64, off64_t)
+#undef MAP
 
 int dup(int fd) noexcept {
     return noteCopy(fd, REAL(dup)(fd));
@@ -310,31 +346,17 @@ int dup3(int fd, int copy, int flags) noexcept {
     return noteCopy(fd, REAL(dup3)(fd, copy, flags));
 }
 
-int fcntl(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    const auto call = [=] { return REAL(fcntl)(fd, command, argument); };
-    if (isLockCommand(command) && isMemoryDevice(fd)) {
-        const auto& lock = *static_cast<const struct flock*>(argument);
-        const DeviceCall asked = {DeviceCall::Kind::kLock, static_cast<std::uint64_t>(lock.l_start),
-                                  static_cast<std::uint64_t>(lock.l_len),
-                                  static_cast<std::uint32_t>(lock.l_type << 16 | command)};
-        return askThenTell(asked, -1, call);
+#define CONTROL(name)                                                                             \
+    int name(int fd, int command, ...) {                                                          \
+        va_list arguments;                                                                        \
+        va_start(arguments, command);                                                             \
+        void* const argument = va_arg(arguments, void*);                                          \
+        va_end(arguments);                                                                        \
+        return control(fd, command, argument, [=] { return REAL(name)(fd, command, argument); }); \
     }
-    const int result = call();
-    const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
-    return copies ? noteCopy(fd, result) : result;
-}
-
-int fcntl64(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return fcntl(fd, command, argument);
-}
+CONTROL(fcntl)
+CONTROL(fcntl64)
+#undef CONTROL
 
 int close(int fd) {
     forgetPortDevice(fd);
@@ -362,6 +384,13 @@ long syscall(long number, ...) noexcept {
     const auto text = [](long argument) { return reinterpret_cast<const char*>(argument); };
     const auto buffer = [](long argument) { return reinterpret_cast<void*>(argument); };
     const auto size = [](long argument) { return static_cast<std::size_t>(argument); };
+    // In two arguments where one is too narrow.
+    const auto place = [](long low, [[maybe_unused]] long high) {
+        return sizeof(long) == sizeof(off64_t)
+                   ? off64_t{low}
+                   : static_cast<off64_t>(static_cast<unsigned long>(low)) |
+                         static_cast<off64_t>(high) << 32;
+    };
     const auto number32 = [](long argument) { return static_cast<int>(argument); };
     switch (number) {
         case SYS_open:
@@ -380,12 +409,18 @@ long syscall(long number, ...) noexcept {
         case SYS_write:
             return write(fd, buffer(b), size(c));
         case SYS_pread64:
-            return pread(fd, buffer(b), size(c), d);
+            return pread64(fd, buffer(b), size(c), place(d, e));
         case SYS_pwrite64:
-            return pwrite(fd, buffer(b), size(c), d);
+            return pwrite64(fd, buffer(b), size(c), place(d, e));
+#ifdef SYS_mmap2
+        case SYS_mmap2:
+            return reinterpret_cast<long>(mmap64(buffer(a), size(b), number32(c), number32(d),
+                                                 number32(e), off64_t{f} * 4096));
+#else
         case SYS_mmap:
             return reinterpret_cast<long>(
                 mmap(buffer(a), size(b), number32(c), number32(d), number32(e), f));
+#endif
         case SYS_dup:
             return dup(fd);
         case SYS_ioperm:

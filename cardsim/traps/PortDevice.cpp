@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* kFileName = "dev-port";
 constexpr int kMaxDescriptors = 4096;
-constexpr off_t kNumPorts = 0x10000;
+constexpr off64_t kNumPorts = 0x10000;
 
 // By descriptor: the number of the file behind it, 0 when it does not stand for the device.
 std::atomic<ino_t> files[kMaxDescriptors];
@@ -53,7 +53,7 @@ int openRealFile(int flags) {
 
 // The first of the ports to be accessed, of which there may be fewer than count; -1 with errno set
 // when the descriptor is not open for that.
-off_t firstPort(int fd, int modeWithout, std::size_t& count, off_t offset) {
+off64_t firstPort(int fd, int modeWithout, std::size_t& count, off64_t offset) {
     const int flags = REAL(fcntl)(fd, F_GETFL);
     if ((flags & O_ACCMODE) == modeWithout || (flags & O_PATH) != 0) {
         errno = EBADF;
@@ -64,14 +64,14 @@ off_t firstPort(int fd, int modeWithout, std::size_t& count, off_t offset) {
         return -1;
     }
     count = std::min(count, static_cast<std::size_t>(kNumPorts));
-    const auto wanted = static_cast<off_t>(count);
-    const off_t first =
-        offset == kWhereItStands ? REAL(lseek)(fd, wanted, SEEK_CUR) - wanted : offset;
-    const off_t left = std::max<off_t>(0, kNumPorts - first);
+    const auto wanted = static_cast<off64_t>(count);
+    const off64_t first =
+        offset == kWhereItStands ? REAL(lseek64)(fd, wanted, SEEK_CUR) - wanted : offset;
+    const off64_t left = std::max<off64_t>(0, kNumPorts - first);
     if (left < wanted) {
         count = static_cast<std::size_t>(left);
         if (offset == kWhereItStands) {
-            REAL(lseek)(fd, left - wanted, SEEK_CUR);
+            REAL(lseek64)(fd, left - wanted, SEEK_CUR);
         }
     }
     return first;
@@ -79,7 +79,7 @@ off_t firstPort(int fd, int modeWithout, std::size_t& count, off_t offset) {
 
 // Calls access(buffer, length, offset) for each part until one is not served whole.
 template <class Access>
-ssize_t eachPart(const iovec* parts, int count, off_t offset, Access access) {
+ssize_t eachPart(const iovec* parts, int count, off64_t offset, Access access) {
     if (count < 0) {
         errno = EINVAL;
         return -1;
@@ -164,14 +164,14 @@ void forgetPortDevices(unsigned first, unsigned last) {
     }
 }
 
-ssize_t readPorts(int fd, void* buffer, std::size_t count, off_t offset) {
+ssize_t readPorts(int fd, void* buffer, std::size_t count, off64_t offset) {
     auto* bytes = static_cast<unsigned char*>(buffer);
-    const off_t first = firstPort(fd, O_WRONLY, count, offset);
+    const off64_t first = firstPort(fd, O_WRONLY, count, offset);
     if (first == -1) {
         return -1;
     }
     for (std::size_t i = 0; i < count; ++i) {
-        const auto port = static_cast<std::uint16_t>(first + static_cast<off_t>(i));
+        const auto port = static_cast<std::uint16_t>(first + static_cast<off64_t>(i));
         if (!attachedHardware()->readByte(port, bytes[i])) {
             return i == 0 ? -1 : static_cast<ssize_t>(i);
         }
@@ -179,14 +179,14 @@ ssize_t readPorts(int fd, void* buffer, std::size_t count, off_t offset) {
     return static_cast<ssize_t>(count);
 }
 
-ssize_t writePorts(int fd, const void* buffer, std::size_t count, off_t offset) {
+ssize_t writePorts(int fd, const void* buffer, std::size_t count, off64_t offset) {
     const auto* bytes = static_cast<const unsigned char*>(buffer);
-    const off_t first = firstPort(fd, O_RDONLY, count, offset);
+    const off64_t first = firstPort(fd, O_RDONLY, count, offset);
     if (first == -1) {
         return -1;
     }
     for (std::size_t i = 0; i < count; ++i) {
-        const auto port = static_cast<std::uint16_t>(first + static_cast<off_t>(i));
+        const auto port = static_cast<std::uint16_t>(first + static_cast<off64_t>(i));
         if (!attachedHardware()->writeByte(port, bytes[i])) {
             return i == 0 ? -1 : static_cast<ssize_t>(i);
         }
@@ -194,14 +194,14 @@ ssize_t writePorts(int fd, const void* buffer, std::size_t count, off_t offset) 
     return static_cast<ssize_t>(count);
 }
 
-ssize_t readPorts(int fd, const iovec* parts, int count, off_t offset) {
-    return eachPart(parts, count, offset, [fd](void* buffer, std::size_t length, off_t first) {
+ssize_t readPorts(int fd, const iovec* parts, int count, off64_t offset) {
+    return eachPart(parts, count, offset, [fd](void* buffer, std::size_t length, off64_t first) {
         return readPorts(fd, buffer, length, first);
     });
 }
 
-ssize_t writePorts(int fd, const iovec* parts, int count, off_t offset) {
-    return eachPart(parts, count, offset, [fd](void* buffer, std::size_t length, off_t first) {
+ssize_t writePorts(int fd, const iovec* parts, int count, off64_t offset) {
+    return eachPart(parts, count, offset, [fd](void* buffer, std::size_t length, off64_t first) {
         return writePorts(fd, buffer, length, first);
     });
 }

@@ -26,11 +26,11 @@ void forgetPortDevices(unsigned first, unsigned last);
 
 // As read, pread, write and pwrite of such a descriptor; offset: the first port, or kWhereItStands.
 // As of the device, there is nothing beyond port 65535.
-constexpr off_t kWhereItStands = -1;
-ssize_t readPorts(int fd, void* buffer, std::size_t count, off_t offset = kWhereItStands);
-ssize_t writePorts(int fd, const void* buffer, std::size_t count, off_t offset = kWhereItStands);
+constexpr off64_t kWhereItStands = -1;
+ssize_t readPorts(int fd, void* buffer, std::size_t count, off64_t offset = kWhereItStands);
+ssize_t writePorts(int fd, const void* buffer, std::size_t count, off64_t offset = kWhereItStands);
 // The same with several buffers.
-ssize_t readPorts(int fd, const iovec* parts, int count, off_t offset = kWhereItStands);
-ssize_t writePorts(int fd, const iovec* parts, int count, off_t offset = kWhereItStands);
+ssize_t readPorts(int fd, const iovec* parts, int count, off64_t offset = kWhereItStands);
+ssize_t writePorts(int fd, const iovec* parts, int count, off64_t offset = kWhereItStands);
 
 }  // namespace cardsim

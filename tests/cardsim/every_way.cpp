@@ -69,23 +69,27 @@ int mapped(int flags, int protection, std::size_t length, off_t offset, int shar
 
 // A system call that no library sees.
 long raw(long number, long a, long b, long c, long d) {
-    register long fourth asm("r10") = d;
     long result = number;
+#ifdef __x86_64__
+    register long fourth asm("r10") = d;
     asm volatile("syscall"
                  : "+a"(result)
                  : "D"(a), "S"(b), "d"(c), "r"(fourth)
                  : "rcx", "r11", "memory");
+#else
+    asm volatile("int $0x80" : "+a"(result) : "b"(a), "c"(b), "d"(c), "S"(d) : "memory");
+#endif
     return result;
 }
 
 bool mayReachMachine() {
     std::ifstream status("/proc/self/status");
-    constexpr unsigned long kRawAccess = 1ul << 17;
+    constexpr unsigned long long kRawAccess = 1ull << 17;
     for (std::string word; status >> word;) {
         if (word == "CapEff:" || word == "CapPrm:" || word == "CapBnd:") {
             std::string set;
             status >> set;
-            if ((std::stoul(set, nullptr, 16) & kRawAccess) != 0) {
+            if ((std::stoull(set, nullptr, 16) & kRawAccess) != 0) {
                 return true;
             }
         }
@@ -143,7 +147,7 @@ int main(int argc, char** argv) {
         {"read by number", kServed,
          [&] {
              return byteOf(
-                 [](int fd, auto& byte) { return syscall(SYS_pread64, fd, &byte, 1, kPort); });
+                 [](int fd, auto& byte) { return syscall(SYS_pread64, fd, &byte, 1, kPort, 0); });
          }},
         {"write only", -EBADF, [&] { return byteBy(opened("/dev/port", O_WRONLY)); }},
         {"creat", 1, [&] { return int(pwrite(creat("/dev/port", 0600), "\x5A", 1, kPort)); }},
