@@ -61,7 +61,7 @@ simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
     simulated --cards 4,8 --fault wrong-echo/1 -- "$build/bin/cardcheck" --reset-cards
     simulated --cards 4,8 --traffic --seconds 600 -- java "-Djava.library.path=$build/lib" \
         -jar "$build/lib/dspcard-examples.jar" --folder "$work/recordings/1-1"
-    simulated --cards 4,8 --traffic --seconds 60 -- java -jar "$build/lib/dspcard-example.jar"
+    simulated --cards 4,8 --traffic --speed 10 --seconds 60 -- java -jar "$build/lib/dspcard-example.jar"
     cat "$work"/recordings/*/calls.csv
 } 2>&1 | plain | sort -u >"$work/said"
 for page in README.md docs/client.md; do
