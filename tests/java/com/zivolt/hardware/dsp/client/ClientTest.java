@@ -224,6 +224,7 @@ class ClientTest {
     }
 
     private static byte[] audio(String linesAndFirst) {
-        return frame(4, linesAndFirst + "00010203040506070809101112".repeat(185).substring(0, 4800));
+        return frame(4, linesAndFirst
+                + "00010203040506070809101112".repeat(185).substring(0, 4800));
     }
 }
