@@ -22,7 +22,7 @@ hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
 expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
 expect 2 'Lines are 0 to 15, not 16' "${recorder[@]}" --line 16=never
 expect 1 'nowhere' "${recorder[@]}" --play "$work/nowhere"
-expect 1 "Looked in java.library.path: $work" "$java" "-Djava.library.path=$work" -jar "$jar" \
+expect 1 "$work/missing: no such file" "$java" "-Ddspcard.library=$work/missing" -jar "$jar" \
     --folder "$work/none"
 [[ ! -e $work/none ]] # nothing is made without the driver's library
 

@@ -1,7 +1,6 @@
 package com.zivolt.hardware.dsp.examples;
 
 import com.zivolt.hardware.dsp.client.AudioBlock;
-import com.zivolt.hardware.dsp.client.BadFrameException;
 import com.zivolt.hardware.dsp.client.CardEvent;
 import java.io.Closeable;
 import java.io.IOException;
@@ -83,12 +82,10 @@ final class CallRecorder implements Closeable {
         } else if (event instanceof CardEvent.CardError error) {
             ++cardErrors;
             news.accept("CARD ERROR %d: %s".formatted(error.code(), error.message().strip()));
+        } else if (event instanceof CardEvent.UnreadableFrame frame) {
+            ++cardErrors;
+            news.accept("CARD ERROR: " + frame.reason());
         }
-    }
-
-    void handle(BadFrameException nonsense) {
-        ++cardErrors;
-        news.accept("CARD ERROR: " + nonsense.getMessage());
     }
 
     /** Ends the calls that still run, as of the latest event, and closes the log. */

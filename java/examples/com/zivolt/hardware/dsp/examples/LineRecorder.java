@@ -1,6 +1,5 @@
 package com.zivolt.hardware.dsp.examples;
 
-import com.zivolt.hardware.dsp.client.BadFrameException;
 import com.zivolt.hardware.dsp.client.Beep;
 import com.zivolt.hardware.dsp.client.CardClient;
 import com.zivolt.hardware.dsp.client.LineSetting;
@@ -167,11 +166,7 @@ public final class LineRecorder implements Callable<Integer> {
 
     private static void handleNext(CardClient client, CallRecorder recorder)
             throws InterruptedException {
-        try {
-            client.poll(POLL_WAIT).ifPresent(recorder::handle);
-        } catch (BadFrameException nonsense) {
-            recorder.handle(nonsense);
-        }
+        client.poll(POLL_WAIT).ifPresent(recorder::handle);
     }
 
     private int summary(CallRecorder recorder) {

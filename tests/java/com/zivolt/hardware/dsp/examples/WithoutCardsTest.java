@@ -1,101 +1,29 @@
 package com.zivolt.hardware.dsp.examples;
 
+import static java.nio.charset.StandardCharsets.US_ASCII;
 import static org.junit.jupiter.api.Assertions.*;
 
 import com.zivolt.hardware.dsp.client.*;
-import com.zivolt.hardware.dsp.cppint.CPPBridge;
 import java.io.IOException;
-import java.nio.*;
 import java.nio.file.*;
 import java.time.*;
 import java.util.*;
 import java.util.stream.*;
 import org.junit.jupiter.api.Test;
-import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The typed client and what the recorder keeps, over a bridge without a driver behind it. */
+/** What the recorder keeps, without cards. */
 class WithoutCardsTest {
     private static final Instant TIME = Instant.ofEpochMilli(0x17012345678L);
-    private static final HexFormat HEX = HexFormat.of();
 
     @TempDir
     Path folder;
-    private final Queue<byte[]> frames = new ArrayDeque<>();
-    private final List<String> told = new ArrayList<>();  // to the driver, or by the recorder
-    private final CardClient client = new CardClient(new CPPBridge() {
-        @Override
-        public byte[] getPacket() {
-            return frames.poll();
-        }
-
-        @Override
-        public void putPacket(byte packetType, int length, byte[] data) {
-            told.add(packetType + ":" + HEX.formatHex(data, 0, length));
-        }
-    });
-
-    @Test
-    void decodesEvents() {
-        Map.of(new CardEvent.CallStarted(TIME, 3), HEX.parseHex("01020078563412700100000103"),
-                new CardEvent.CallEnded(TIME, 15), frame(1, "000f"),
-                new CardEvent.CallerIdentified(TIME, 2, "Müll"), frame(2, "02044dfc6c6c"),
-                new CardEvent.DigitsHeard(TIME, 9, "5".repeat(50)),
-                frame(3, "0932" + "35".repeat(50)),
-                new CardEvent.CardError(TIME, 200, ""), frame(7, "c800"))
-                .forEach((event, frame) -> assertEquals(event, FrameDecoder.decode(frame)));
-        byte[] frame = audio("0808");
-        AudioBlock block = ((CardEvent.AudioRecorded) FrameDecoder.decode(frame)).blocks().get(7);
-        Arrays.fill(frame, (byte) 0);  // the event keeps its own copy
-        assertEquals(0x07, block.byteAt(299));
-        assertThrows(IndexOutOfBoundsException.class, () -> block.byteAt(300));
-    }
-
-    @Test
-    void refusesNonsenseGoesOnAndWaitsNoLongerThanAsked() throws InterruptedException {
-        frames.addAll(List.of(new byte[10], frame(255, ""), frame(3, "01"), frame(1, "ff03"),
-                frame(1, "0110"), frame(1, "010300"), frame(7, "01016162"), frame(4, "0400"),
-                Arrays.copyOf(frame(1, "0103"), 12), Arrays.copyOf(frame(1, "0103"), 14),
-                frame(2, "0133" + "35".repeat(51)), audio("0500"), audio("0809"), audio("04ff"),
-                frame(1, "0105")));
-        while (frames.size() > 1) {
-            assertThrows(BadFrameException.class, client::poll, "before the last " + frames.size());
-        }
-        assertEquals(new CardEvent.CallStarted(TIME, 5), client.poll(Duration.ofDays(1)).get());
-        assertEquals(Optional.empty(), client.poll(Duration.ofSeconds(-1)));
-        Instant start = Instant.now();
-        assertEquals(Optional.empty(), client.poll(Duration.ofMillis(50)));
-        long waited_ms = Duration.between(start, Instant.now()).toMillis();
-        assertTrue(waited_ms >= 50 && waited_ms < 5_000, "waited ms " + waited_ms);
-    }
-
-    @Test
-    void commandsAreWhatTheCardsTakeAndCannotBeBuiltWrong() {
-        LineSettings.Builder builder = LineSettings.builder();
-        LineSettings built = builder.build();
-        client.apply(builder.allLines(new LineSetting(Trigger.NEVER, Beep.OFF, 0))
-                .line(0, new LineSetting(Trigger.OFF_HOOK, Beep.LOW, 65))
-                .line(15, new LineSetting(Trigger.VOX_6, Beep.HIGH, 1)).build());
-        client.apply(built);
-        byte[] audio = new byte[1201];
-        audio[600] = 7;
-        client.play(audio);
-        client.play(new byte[0]);
-        assertEquals(List.of("6:010141" + "000000".repeat(14) + "030701",
-                "6:" + "000503".repeat(16),  // what the builder did later has not changed it
-                "5:" + "00".repeat(600), "5:07" + "00".repeat(599), "5:00"), told);
-
-        Stream.<Executable>of(() -> new LineSetting(Trigger.VOX_1, Beep.OFF, -1),
-                () -> new LineSetting(Trigger.VOX_1, Beep.OFF, 66), () -> client.monitor(16),
-                () -> client.monitor(-1), () -> builder.line(16, LineSetting.DEFAULT))
-                .forEach(wrong -> assertThrows(IllegalArgumentException.class, wrong));
-        assertThrows(NullPointerException.class, () -> builder.line(0, null));
-        assertThrows(NullPointerException.class, () -> new LineSetting(null, Beep.OFF, 3));
-    }
+    private final List<String> told = new ArrayList<>();
 
     @Test
     void recordsEachCallToItsFileAndRowOfTheLogAndTellsOfTrouble() throws IOException {
-        var audio = (CardEvent.AudioRecorded) FrameDecoder.decode(audio("0804"));
+        var audio = new CardEvent.AudioRecorded(TIME, 4, IntStream.range(0, 8).mapToObj(line ->
+                AudioBlock.of((line + " is heard. ").repeat(25).getBytes(US_ASCII))).toList());
         try (CallRecorder recorder = new CallRecorder(folder.resolve("calls"), told::add)) {
             Stream.of(audio,  // before the call
                     new CardEvent.CallerIdentified(at(0), 6, "Smith, \"Al\""),
@@ -128,16 +56,5 @@ class WithoutCardsTest {
 
     private static Instant at(long seconds) {
         return TIME.plusSeconds(seconds);
-    }
-
-    private static byte[] frame(int type, String payload) {
-        byte[] bytes = HEX.parseHex(payload);
-        return ByteBuffer.allocate(11 + bytes.length).order(ByteOrder.LITTLE_ENDIAN)
-                .put((byte) type).putShort((short) bytes.length).putLong(TIME.toEpochMilli())
-                .put(bytes).array();
-    }
-
-    private static byte[] audio(String linesAndFirst) {
-        return frame(4, linesAndFirst + "00010203040506070809101112".repeat(185).substring(0, 4800));
     }
 }
