@@ -21,7 +21,7 @@ import java.util.function.Consumer;
  * call's audio only.
  */
 final class Recorder implements Closeable {
-    private static final long WAIT_MS = 200;
+    private static final long WAIT_MS = 100;
     private static final long FORCE_NANOS = 5_000_000_000L;
     private static final long LOOK_NANOS = 1_000_000_000L;
 
@@ -41,7 +41,6 @@ final class Recorder implements Closeable {
     private boolean losing;
     private long forced;
     private long looked;
-    private long heard;
 
     /**
      * @param seen is shown how the lines stand
@@ -130,9 +129,8 @@ final class Recorder implements Closeable {
     }
 
     private void run() {
-        heard = System.nanoTime();
-        forced = heard;
-        looked = heard;
+        forced = System.nanoTime();
+        looked = forced;
         while (!ending) {
             guarded(this::turn);
         }
@@ -164,9 +162,7 @@ final class Recorder implements Closeable {
         for (CardEvent event : events) {
             keeper.handle(event);
         }
-        if (!events.isEmpty()) {
-            heard = now;
-        } else if (now - heard > LOOK_NANOS) {
+        if (events.isEmpty()) {
             keeper.timePasses(Instant.now());
         }
         keeper.look();

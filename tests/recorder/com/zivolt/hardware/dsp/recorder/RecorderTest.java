@@ -1,0 +1,4 @@
+package com.zivolt.hardware.dsp.recorder;
+
+class RecorderTest {
+}
