@@ -36,6 +36,10 @@ final class CardNews {
             trouble[changed.card()] = before == null ? changed : before;
             news.accept("CARD %d %s: %s".formatted(changed.card(), words(changed.state()),
                     Printable.escaped(changed.reason())));
+            if (changed.card() == 0 && changed.before() == CardState.STARTING) {
+                news.accept("settings reach all cards through card 0: without it no line of any card"
+                        + " has calls");
+            }
         }
     }
 

@@ -123,8 +123,9 @@ public final class LineRecorder implements Callable<Integer> {
         cardNews = new CardNews(options.expected(), console::news);
         if (options.status() != null) {
             Status status = new Status(client::cards, cardNews, recorder, console, command);
-            started.push(StatusServer.start(options.status(), status, folder.path()));
-            console.news("status at http://" + options.statusText() + "/");
+            StatusServer server = StatusServer.start(options.status(), status, folder.path());
+            started.push(server);
+            console.news("status at http://%s/".formatted(server.address()));
         }
     }
 

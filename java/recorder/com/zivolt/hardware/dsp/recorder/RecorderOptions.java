@@ -212,10 +212,6 @@ final class RecorderOptions {
         return onCallEnd;
     }
 
-    String statusText() {
-        return status;
-    }
-
     boolean onTerminal() {
         return !plain && System.console() != null;
     }

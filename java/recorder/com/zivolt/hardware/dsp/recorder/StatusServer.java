@@ -83,6 +83,12 @@ final class StatusServer implements Closeable {
         return shown;
     }
 
+    /** Where it is shown; with port 0 the machine has chosen one. */
+    String address() {
+        InetSocketAddress address = server.getAddress();
+        return address.getAddress().getHostAddress() + ":" + address.getPort();
+    }
+
     @Override
     public void close() {
         server.stop(0);
