@@ -6,7 +6,7 @@ set -euxo pipefail # what fails stands at the end of the trace
 story=$1 cardsim=$2 scenario=$3 java=$4 lib=$5
 recorder=("$java" -Xmx64m -jar "$lib/dspcard-recorder.jar")
 calls=("$java" -cp "$lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram)
-on_cards=("$cardsim" --cards 4,8 --virtual-time --speed 20)
+on_cards=("$cardsim" --cards "4,8" --virtual-time --speed 20)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -23,6 +23,7 @@ hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
 
 # start COMMAND...: in the background, until it shows its status.
 start() {
+    : >"$work/said" # what was said before
     "$@" --folder "$work/calls" --status 127.0.0.1:0 >"$work/said" 2>"$work/driver" &
     started=$!
     await 'status at'
