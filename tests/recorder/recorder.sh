@@ -50,7 +50,7 @@ stop() {
     return "$status"
 }
 
-metric() { curl -s "$url/metrics" | grep -F "dspcard_recorder_$1 " | cut -d' ' -f2; }
+metric() { curl -s "$url/metrics" | grep -F "dspcard_recorder_$1 " | grep -v '^#' | cut -d' ' -f2; }
 health() { curl -s "$url/health"; }
 
 misuse() {
