@@ -19,8 +19,8 @@ import java.util.Optional;
  */
 final class WatchedCard {
     private static final long SILENT_AFTER_MS = 3_000;
-    private static final long BOOTED_WITHIN_MS = 8_000;
-    private static final long BOOTED_AGAIN_WITHIN_MS = 10_000;
+    private static final long BOOTED_WITHIN_MS = 7_000;
+    private static final long BOOTED_AGAIN_WITHIN_MS = 8_000;
     private static final long FASTEST_CARD_MS = 205;
     private static final int REPEATS_TO_JUDGE = 20;
     private static final long LONGEST_JUDGEMENT_MS = 5_000;

@@ -8,6 +8,8 @@ import com.zivolt.hardware.dsp.testing.FakeBridge.*;
 import java.nio.*;
 import java.time.*;
 import java.util.*;
+import java.util.concurrent.*;
+import java.util.concurrent.locks.LockSupport;
 import java.util.stream.*;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
@@ -18,7 +20,7 @@ class ClientTest {
     private static final HexFormat HEX = HexFormat.of();
 
     private final FakeBridge bridge = new FakeBridge(4, 8);
-    private final CardClient client = new CardClient(bridge);
+    private final CardClient client = new CardClient(bridge, InstantSource.fixed(TIME));
 
     @Test
     void takesWhatTheDriverSendsAndTellsOfNonsenseOnce() throws InterruptedException {
@@ -96,6 +98,115 @@ class ClientTest {
                 () -> new DigitsHeard(TIME, 1, null), () -> new AudioRecorded(TIME, 0, null))
                 .forEach(wrong -> assertThrows(NullPointerException.class, wrong));
         assertEquals(6, bridge.commands().size(), "something wrong was sent");
+    }
+
+    @Test
+    void listenersHearEverythingInOrderWhateverOneOfThemDoes() throws InterruptedException {
+        BlockingQueue<CardEvent> heard = new LinkedBlockingQueue<>();
+        Set<Thread> threads = new HashSet<>();
+        List<Registration> registrations = new ArrayList<>();
+        List<String> failures = new ArrayList<>();
+        client.onListenerFailure((listener, failure) -> {
+            failures.add(failure.getMessage());
+            if (failures.size() == 1) {
+                throw new IllegalStateException("and so does the handler");
+            }
+        });
+        registrations.add(client.listen(event -> {
+            throw new AssertionError("a listener throws");
+        }));
+        registrations.add(client.listen(event -> {
+            registrations.get(1).close();
+            failures.add("hears one event");
+            Thread.currentThread().interrupt();
+        }));
+        registrations.add(client.listen(event -> {
+            threads.add(Thread.currentThread());
+            heard.add(event);
+        }));
+        List<CardEvent> events = events(1000);
+        events.forEach(bridge::report);
+        assertNull(heard.poll(50, TimeUnit.MILLISECONDS), "heard before the start");
+        client.start();
+        for (CardEvent event : events) {
+            assertEquals(event, heard.poll(20, TimeUnit.SECONDS));
+        }
+        assertThrows(IllegalStateException.class, client::poll);
+        Semaphore running = new Semaphore(0);
+        Registration slow = client.listen(event -> {
+            running.release();
+            LockSupport.parkNanos(50_000_000);
+            running.tryAcquire();
+        });
+        bridge.report(events.get(0));
+        running.acquire();
+        running.release();
+        slow.close();
+        assertEquals(0, running.availablePermits(), "closed, and still running");
+        registrations.get(2).close();
+        assertEquals(List.of("a listener throws", "hears one event", "a listener throws"),
+                failures.subList(0, 3));
+        assertEquals(1002, failures.size());
+        registrations.forEach(Registration::close);
+        assertEquals(1, threads.size());
+        threads.iterator().next().join(20_000);
+        assertFalse(threads.iterator().next().isAlive());
+    }
+
+    @Test
+    void noEventGetsLostBetweenListenersAndPollersAndClosingWaits() {
+        List<CardEvent> events = events(4_000);
+        List<CardEvent> heard = new ArrayList<>();  // unguarded: nobody may run beside another
+        events.forEach(bridge::report);
+        client.start();
+        while (heard.size() < events.size()) {
+            Registration registration = client.listen(heard::add);
+            if (heard.size() % 3 == 0) {
+                Thread.yield();
+            }
+            registration.close();
+            client.poll().ifPresent(heard::add);
+        }
+        assertEquals(events, heard);
+    }
+
+    @Test
+    void sendsAgainWhatTheCardsForgetAtANewBoot() {
+        LineSettings settings = LineSettings.builder().build();
+        client.apply(LineSettings.builder().allLines(new LineSetting(Trigger.NEVER, Beep.OFF, 0))
+                .build());
+        client.apply(settings);
+        client.enablePlayback(true);
+        client.monitor(5);
+        int before = bridge.commands().size();
+        sees("00000LLLLLL0");
+        assertEquals(before, bridge.commands().size());
+        sees("1L1");
+        assertEquals(before, bridge.commands().size(), "card 0 is not there yet");
+        sees("0");
+        client.monitor(6);  // a line of card 1, which would keep the settings from being taken
+        sees("10");
+        List<Command> again = List.of(new PlaybackSwitched(true), new Monitored(-1),
+                new SettingsApplied(settings));
+        assertEquals(again, bridge.commands().subList(before, bridge.commands().size()));
+        sees("0000");
+        assertEquals(new Monitored(6), bridge.commands().get(before + again.size()));
+        assertEquals(before + again.size() + 1, bridge.commands().size());
+    }
+
+    /** The client takes transfers of the cards 0 and 1, and lock-ups. */
+    private void sees(String events) {
+        for (char event : events.toCharArray()) {
+            bridge.report(event == 'L' ? new CardError(TIME, 3, "DSP Board Locked Up")
+                    : FrameDecoder.decode(audio(event == '0' ? "0400" : "0804")));
+            client.poll();
+        }
+        while (client.poll().isPresent()) { }
+    }
+
+    private static List<CardEvent> events(int count) {
+        return IntStream.range(0, count).<CardEvent>mapToObj(number ->
+                new DigitsHeard(TIME, number % 16, Integer.toString(number))).toList();
     }
 
     private static byte[] frame(int type, String payload) {
