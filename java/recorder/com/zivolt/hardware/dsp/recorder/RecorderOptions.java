@@ -25,19 +25,16 @@ import java.util.regex.Pattern;
 import picocli.CommandLine;
 import picocli.CommandLine.IDefaultValueProvider;
 import picocli.CommandLine.Model.ArgSpec;
-import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.PropertiesDefaultProvider;
-import picocli.CommandLine.Spec;
 import picocli.CommandLine.TypeConversionException;
 
 /** The recorder's options, from the command line and, where that has none, a file. */
 final class RecorderOptions {
     private static final Pattern SIZE = Pattern.compile("(\\d{1,9})([KMGT]?)");
 
-    @Spec(Spec.Target.MIXEE)
-    private CommandSpec spec;
+    private CommandLine line;
 
     @Option(names = "--folder", paramLabel = "DIR",
             description = "Where recordings go; made when missing. recordings-TIME if not given.")
@@ -122,9 +119,9 @@ final class RecorderOptions {
     @Option(names = "--version", versionHelp = true, description = "Show the version.")
     private boolean version;
 
-    /** A command line that knows these options, and the file that the arguments may name. */
-    static CommandLine commandLine(Object command, String[] args) {
-        CommandLine line = new CommandLine(command)
+    /** The command line of the program that has these options mixed in, and the file that the arguments may name. */
+    CommandLine commandLine(Object command, String[] args) {
+        line = new CommandLine(command)
                 .registerConverter(Trigger.class, text -> constant(Trigger.class, text))
                 .registerConverter(Beep.class, text -> constant(Beep.class, text));
         for (int i = 0; i < args.length; ++i) {
@@ -220,7 +217,7 @@ final class RecorderOptions {
         LineSettings.Builder builder = LineSettings.builder();
         try {
             builder.allLines(new LineSetting(trigger, beep, delay));
-            lines.forEach((line, text) -> builder.line(line, lineSetting(text)));
+            lines.forEach((number, text) -> builder.line(number, lineSetting(text)));
         } catch (IllegalArgumentException | TypeConversionException wrong) {
             throw wrong(wrong.getMessage());
         }
@@ -299,7 +296,7 @@ final class RecorderOptions {
     }
 
     private ParameterException wrong(String message) {
-        return new ParameterException(spec.commandLine(), message);
+        return new ParameterException(line, message);
     }
 
     private static int number(String text) {
