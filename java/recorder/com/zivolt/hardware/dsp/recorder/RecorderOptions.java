@@ -72,10 +72,10 @@ final class RecorderOptions {
             description = "Play this file, in the card's own encoding, through card 0.")
     private Path played;
 
-    @Option(names = "--expect", paramLabel = "LINES[,LINES]", split = ",",
+    @Option(names = "--expect", paramLabel = "LINES[,LINES]",
             description = "How many lines each card must have, 4, 8 or none: 4,8 for instance. What"
                     + " is found at the start if not given.")
-    private List<String> expected;
+    private String expected;
 
     @Option(names = "--exit-when-silent", paramLabel = "MINUTES",
             description = "End with status 3 when no card has delivered for so long.")
@@ -229,11 +229,11 @@ final class RecorderOptions {
         if (expected == null) {
             return null;
         }
-        if (expected.size() > 2 || !List.of("4", "8", "none").containsAll(expected)) {
-            throw wrong("--expect takes 4, 8 or none for each of two cards, not "
-                    + String.join(",", expected));
+        List<String> each = List.of(expected.split(",", -1));
+        if (each.size() > 2 || !List.of("4", "8", "none").containsAll(each)) {
+            throw wrong("--expect takes 4, 8 or none for each of two cards, not " + expected);
         }
-        return expected.stream().map(text -> text.equals("none") ? 0 : Integer.parseInt(text))
+        return each.stream().map(text -> text.equals("none") ? 0 : Integer.parseInt(text))
                 .toList();
     }
 
