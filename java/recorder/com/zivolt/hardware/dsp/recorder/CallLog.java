@@ -93,7 +93,6 @@ final class CallLog implements Closeable {
         if (failing && System.nanoTime() - tried < AGAIN_NANOS) {
             return false;
         }
-        tried = System.nanoTime();
         try {
             try {
                 write();
@@ -114,6 +113,7 @@ final class CallLog implements Closeable {
             }
             failing = true;
         }
+        tried = System.nanoTime();
         return !failing;
     }
 
@@ -190,7 +190,9 @@ final class CallLog implements Closeable {
 
     /** Does what may let the next try succeed. */
     private void mend(SQLException failure) throws SQLException, IOException {
-        if (isDamaged(failure)) {
+        if (isKind(failure, SQLiteErrorCode.SQLITE_BUSY)) {
+            throw failure;  // somebody else writes to it, and has been waited for
+        } else if (isDamaged(failure)) {
             closeQuietly();
             moveAsideAndOpen(failure);
             unfinished.forEach(waiting::putIfAbsent);

@@ -82,7 +82,7 @@ final class CallTable {
         SQLiteConfig config = new SQLiteConfig();
         config.setJournalMode(SQLiteConfig.JournalMode.WAL);
         config.setSynchronous(SQLiteConfig.SynchronousMode.FULL);
-        config.setBusyTimeout(10_000);
+        config.setBusyTimeout(1_000);  // no more, for the audio of all lines waits as well
         return connect(config, "jdbc:sqlite:" + file);
     }
 

@@ -144,6 +144,27 @@ class RecorderTest {
     }
 
     @Test
+    void whileTheLogCannotBeWrittenItsRowsWaitAndNoFileHasANameWithoutOne() throws Exception {
+        begin("locked");
+        try (Connection other = CallTable.openForWriting(path.resolve("calls.db"));
+                Statement statement = other.createStatement()) {
+            statement.execute("BEGIN IMMEDIATE");
+            play(new CallStarted(at(), 1), audio(), new CallEnded(at(), 1), audio());
+            Path part = path.resolve("20260301Z/line01-20260301T235958.000Z.raw.part");
+            awaitThat(() -> told.toString().contains("CANNOT write the call log")
+                    && Files.exists(part) && Files.size(part) == 600);
+            Thread.sleep(1500);
+            assertTrue(Files.exists(part) && ended.isEmpty() && rows(new CallFilter()).isEmpty());
+            statement.execute("ROLLBACK");
+            awaitThat(() -> ended.size() == 1);
+        }
+        close();
+        assertTrue(told.contains("the call log is written again"));
+        assertEquals(Outcome.COMPLETE, rows(new CallFilter()).get(0).outcome());
+        assertEquals(List.of(), problems(true));
+    }
+
+    @Test
     void theOldestRecordingsAreRemovedFirstAndTheirRowsSaySo() throws Exception {
         begin("kept");
         for (int call = 0; call < 5; ++call) {

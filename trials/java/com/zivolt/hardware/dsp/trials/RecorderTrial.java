@@ -59,6 +59,7 @@ public final class RecorderTrial implements Callable<Integer> {
     private final Map<String, List<Map<String, String>>> rows = new HashMap<>();
     private double[] ended;
     private double[] ending;
+    private Path own;
     private long found;
     private long transfers;
 
@@ -75,6 +76,7 @@ public final class RecorderTrial implements Callable<Integer> {
     public Integer call() throws IOException, InterruptedException {
         build = build.toAbsolutePath();
         folder = folder.toAbsolutePath();
+        own = Files.createTempDirectory("recorder-trial");
         ended = new double[runs + 1];
         ending = new double[runs + 1];
         Random random = new Random(seed);
@@ -97,7 +99,7 @@ public final class RecorderTrial implements Callable<Integer> {
     /** The time of the lines at which the recorder was gone. */
     private double record(int run, Random random, boolean kill)
             throws IOException, InterruptedException {
-        Path said = folder.resolveSibling(folder.getFileName() + ".said");
+        Path said = own.resolve("said");
         Process cards = new ProcessBuilder(build + "/bin/cardsim", "--cards", "4,8",
                 "--virtual-time", "--speed", "" + speed, "--scenario", "" + scenario(run, random),
                 "--", "java", "-Xms64m", "-Xmx64m", "-XX:+AlwaysPreTouch", "-jar", build + "/lib/dspcard-recorder.jar", "--folder",
@@ -110,7 +112,11 @@ public final class RecorderTrial implements Callable<Integer> {
         while (fill && left_ms > 1500) {
             long until = 500 + random.nextInt((int) left_ms - 1000);
             Thread.sleep(until / 2);
-            fillDisk(until / 2);
+            fillDisk();
+            if (random.nextBoolean()) {
+                Thread.sleep(until / 2);
+                Files.delete(filling());
+            }  // else it is full to the end, or to the next filling
             left_ms -= until;
         }
         watch(cards, Files.readString(said), left_ms);
@@ -123,6 +129,7 @@ public final class RecorderTrial implements Callable<Integer> {
         String text = Files.readString(said);
         findIf(cards.exitValue() != (kill ? 137 : 0), "the recorder ended with status "
                 + cards.exitValue() + ":\n" + text);
+        Files.deleteIfExists(filling());
         Matcher time = Pattern.compile("port accesses in ([0-9.]+) s").matcher(text);
         findIf(!time.find(), "no report of the cards:\n" + text);
         ending[run] = (System.nanoTime() - asked) / 1e9;
@@ -177,20 +184,22 @@ public final class RecorderTrial implements Callable<Integer> {
                 at += answered ? ring + talk + 1.5 + random.nextInt(40) / 10.0 : 65;
             }
         }
-        Path file = folder.resolveSibling(folder.getFileName() + ".toml");
-        return Files.writeString(file, events.append("]\n"));
+        return Files.writeString(own.resolve("scenario.toml"), events.append("]\n"));
     }
 
-    private void fillDisk(long hold_ms) throws IOException, InterruptedException {
-        Path filling = folder.resolveSibling("filling");
-        try (OutputStream out = Files.newOutputStream(filling)) {
+    private Path filling() {
+        return folder.resolveSibling("filling");
+    }
+
+    private void fillDisk() {
+        try (OutputStream out = Files.newOutputStream(filling(), StandardOpenOption.CREATE,
+                StandardOpenOption.APPEND)) {
             while (true) {
                 out.write(new byte[FILLING_BYTES]);
             }
         } catch (IOException full) {
-            Thread.sleep(hold_ms);
+            // as it should be
         }
-        Files.delete(filling);
     }
 
     private Process calls(String... arguments) throws IOException {
