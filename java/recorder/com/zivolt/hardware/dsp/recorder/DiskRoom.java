@@ -97,7 +97,11 @@ final class DiskRoom {
     }
 
     private long measure() throws IOException {
-        return Files.getFileStore(folder.path()).getUsableSpace();
+        long usable = folder.path().toFile().getUsableSpace();  // needs no list of mounts
+        if (usable == 0 && !Files.isDirectory(folder.path())) {
+            throw new NoSuchFileException(folder.path().toString());
+        }
+        return usable;
     }
 
     private void keepRoomForLog() throws IOException {
