@@ -92,6 +92,14 @@ std::string BufferView::text(int place, int mostBytes) const {
     return memory.substr(at + 1, static_cast<std::size_t>(length));
 }
 
+std::string printable(std::string text) {
+    const auto isPlain = [](unsigned char byte) { return byte >= 0x20 && byte < 0x7F; };
+    for (char& each : text) {
+        each = isPlain(static_cast<unsigned char>(each)) ? each : '?';
+    }
+    return text;
+}
+
 std::vector<Span> audioOf(const CardKind* kind) {
     if (kind == nullptr) {
         return {{0, kCardMemoryBytes}};

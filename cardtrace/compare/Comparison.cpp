@@ -473,7 +473,8 @@ void Comparison::compareText(const Record& record, const std::string& which,
                              const std::string& shown, const std::string& simulated) {
     if (shown != simulated) {
         differ(record, which.substr(which.rfind(' ') + 1),
-               which + " \"" + shown + "\", the simulated card has \"" + simulated + '"');
+               which + " \"" + printable(shown) + "\", the simulated card has \"" +
+                   printable(simulated) + '"');
     }
 }
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -222,6 +223,36 @@ TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
     EXPECT_THAT(
         run("setpriv --bounding-set=-sys_rawio $cardtrace record -o $t/trace -- $user A ask").out,
         ContainsRegex("A ask E(PERM|NOSYS)"));
+}
+
+TEST_F(Trace, IsShownAsFarAsItIsAskedFor) {
+    const auto show = [this](const std::string& options) {
+        std::istringstream out(run("$cardtrace show " + options + " " SAMPLE).out);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(out, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    };
+    EXPECT_THAT(
+        show("--card 1 --kind transfers --from 3 --to 4"),
+        AllOf(SizeIs(10), Each(ContainsRegex("^    3\\.[0-9]+  card 1 (hands over|gets) "))));
+    // Each record but the buffers, which complete other lines, has a line.
+    std::set<std::uint64_t> records;
+    for (const std::string& line : show("--all --json")) {
+        records.insert(json::parse(line)["record"].get<std::uint64_t>());
+    }
+    EXPECT_EQ(records.size(), 27842u - 173u);
+    std::uint64_t bytes = 0;
+    for (const std::string& line : show("--json --kind boot --card 0")) {
+        const json told = json::parse(line);
+        EXPECT_EQ(told["card"], 0);
+        EXPECT_EQ(told["kind"], "boot");
+        bytes += told["text"].get<std::string>().find(" of VECT4.BIN,") != std::string::npos
+                     ? told["times"].get<std::uint64_t>()
+                     : 0;
+    }
+    EXPECT_EQ(bytes, 2 * 128u) << "two boots";
 }
 
 TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {
