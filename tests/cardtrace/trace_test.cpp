@@ -217,6 +217,9 @@ TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
     EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0);
     EXPECT_THAT(run("$cardsim --replay $t/trace --virtual-time -- $main").err,
                 HasSubstr("0 deviations"));
+    // No way leads past the recorder either.
+    EXPECT_THAT(run("$cardsim -- $cardtrace record -o $t/trace -- " EVERY_WAY " $t " STATIC_USER),
+                FieldsAre(0, "", ContainsRegex("cardtrace: process [0-9]+ may not splice ")));
     // A program without permission still dies of the fault.
     EXPECT_EQ(run("$cardsim -- $cardtrace record -o $t/trace -- $user A data").status, 139);
     // On a machine without ports, or without the right to them, it is told the kernel's own answer.
