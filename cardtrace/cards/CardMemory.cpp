@@ -30,7 +30,7 @@ void eachPort(const CardKind& kind, Add add) {
 
 void KindsSeen::see(const Record& record) {
     const int slot = (record.port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    const bool isStatus = record.isRead() && !record.failed() &&
+    const bool isStatus = record.isRead() && !record.failed() && !record.isUnanswered() &&
                           record.port >= portMap::kFirstBase && slot < portMap::kMaxCards &&
                           record.port % portMap::kPortsOfCard == portMap::kControl;
     const std::uint32_t nobody = record.width == 1 ? 0xFF : 0xFFFF;

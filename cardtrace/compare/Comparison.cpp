@@ -171,7 +171,7 @@ ComparisonResult Comparison::run() {
             makeModel(record.time_us);
         } else if (record.kind == Kind::kBuffers) {
             compareBuffers(record);
-        } else if (record.isAccess() && !record.failed()) {
+        } else if (record.isAccess() && !record.failed() && !record.isUnanswered()) {
             ++result.accesses;
             if (record.isRead()) {
                 compareIn(record);

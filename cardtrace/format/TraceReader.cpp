@@ -158,7 +158,7 @@ void TraceReader::findSeam() {
 bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end,
                             fileLayout::BlockHeader& header, bool tells) {
     const std::uint64_t begin = offset;
-    while (true) {
+    while (offset < end) {
         const std::uint64_t found = findMagic(*source, offset, end);
         const bool isThere = found < end && readInto(*source, found, header);
         if (isThere && isSealed(header) && header.length <= fileLayout::kMaxBlockBytes &&
@@ -181,6 +181,7 @@ bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end,
         }
         offset = found + 1;
     }
+    return false;
 }
 
 bool TraceReader::openNextBlock() {

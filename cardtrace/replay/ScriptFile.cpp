@@ -65,7 +65,11 @@ ScriptFile makeScript(const std::string& tracePath) {
             made.stoppedBy = "no more than its first 2 GB can be replayed";
             break;
         }
-        append(chunk, record, ++number);
+        ++number;
+        if (record.isUnanswered()) {
+            continue;  // no cards were met
+        }
+        append(chunk, record, number);
         made.accesses += record.isAccess() ? 1 : 0;
         if (chunk.size() >= kChunk) {
             writeAll(made.file, chunk);

@@ -148,9 +148,10 @@ void Story::access(const Record& record) {
                      std::to_string(record.value)));
         return;
     }
-    if (card == -1) {
+    if (card == -1 || record.isUnanswered()) {
         say(line(record, -1, Topic::kRegisters,
-                 "port " + hexadecimal(record.port, 3) + (record.isRead() ? " -> " : " <- ") +
+                 std::string(record.isUnanswered() ? "answered by nobody: " : "") + "port " +
+                     hexadecimal(record.port, 3) + (record.isRead() ? " -> " : " <- ") +
                      hexadecimal(record.value, 2 * record.width)));
         return;
     }

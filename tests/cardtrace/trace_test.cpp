@@ -132,11 +132,15 @@ TEST_F(Trace, NamesWhereAnotherHostDoesSomethingElse) {
         {"ask run data", "ask data", "reads port 0x300, 16 bits, where the trace goes on"},
         {"ask data", "ask run", "writes 0x1A to port 0x302, 16 bits, where the trace"},
         {"ask data", "device", "reads port 0x300, 8 bits, through /dev/port, where"},
+        {"ask data run data; $user B ask data fork data",
+         "ask data run data; $user B ask data fork data",
+         "to the end, 5 of 5 accesses, 0 deviations"},
         {"ask device memory", "ask device", "to the end, 1 of 1 accesses, 0 deviations"},
     };
     for (const auto& [recorded, steps, message] : kRows) {
-        run("$cardsim --record $t/trace -- $user A " + recorded);
-        const Answer replayed = run("$cardsim --replay $t/trace -- $user A " + steps);
+        run("$cardsim --record $t/trace -- sh -c '$user A " + recorded + "'");
+        EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << recorded;
+        const Answer replayed = run("$cardsim --replay $t/trace -- sh -c '$user A " + steps + "'");
         EXPECT_THAT(replayed.err, HasSubstr(message)) << steps;
     }
     recordLockUp();
