@@ -3,6 +3,7 @@
 // the middle of one, at an access to a port, at a word of card memory, at a packet. All of it on
 // one thread and in virtual time, so that a seed gives the same run each time.
 #include <CLI/CLI.hpp>
+#include <cinttypes>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -33,7 +34,7 @@ cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {
               second = 4 * static_cast<int>(random.between(0, 2));
     auto options = cardsim::SimulatedPc::Options::with(first, second);
     options.seed = seed;
-    options.faults.resize(random.between(0, 4));
+    options.faults.resize(static_cast<std::size_t>(random.between(0, 4)));
     for (Fault& fault : options.faults) {
         fault.kind = static_cast<FaultKind>(random.between(0, std::size(kOpportunities) - 1));
         fault.kind = random.chance(kLocksUp) ? FaultKind::kCounterStuck : fault.kind;
@@ -66,7 +67,8 @@ class Schedule : public cardsim::SimulatedPc {
             BoardMgr::getInstance().readWriteDSPs();
         } catch (const cardsim::PowerOff&) {
         }
-        std::printf("seed %lu: %lu exchanges, %lu calls inside a pass, %lu faults, digest %016lx\n",
+        std::printf("seed %" PRIu64 ": %" PRIu64 " exchanges, %" PRIu64
+                    " calls inside a pass, %" PRIu64 " faults, digest %016" PRIx64 "\n",
                     seed, host.exchanges, callsInside,
                     report().cards[0].faults + report().cards[1].faults,
                     report().timeline ^ report().portAccesses);
@@ -212,8 +214,9 @@ Schedule* schedule = nullptr;
 }  // namespace
 
 void trials::deviate(const std::string& what, const std::string& due, const std::string& got) {
-    std::printf("FOUND seed %lu, pass %lu, card %d, %s: expected %s, got %s\n", schedule->seed,
-                schedule->host.passes, schedule->host.slot, what.c_str(), due.c_str(), got.c_str());
+    std::printf("FOUND seed %" PRIu64 ", pass %" PRIu64 ", card %d, %s: expected %s, got %s\n",
+                schedule->seed, schedule->host.passes, schedule->host.slot, what.c_str(),
+                due.c_str(), got.c_str());
     std::fflush(stdout);
     std::_Exit(1);
 }

@@ -1,6 +1,7 @@
 #include "launcher/Program.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
@@ -16,6 +17,8 @@
 #include <system_error>
 
 #include "config/SharedPage.h"
+#include "launcher/Rights.h"
+#include "traps/Executable.h"
 
 namespace cardsim {
 
@@ -65,6 +68,9 @@ void setEnvironment(const ProgramSettings& settings) {
         _exit(kKilled + SIGTERM);
     }
     setEnvironment(settings);
+    if (settings.withholdsHardware) {
+        giveUpHardware();
+    }
     std::vector<char*> arguments;
     for (const std::string& argument : settings.command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -76,6 +82,16 @@ void setEnvironment(const ProgramSettings& settings) {
     // When this cannot be told either, the exit status has to tell.
     [[maybe_unused]] const ssize_t told = write(failures, &error, sizeof error);
     _exit(kNotStarted);
+}
+
+// A program that the preload library cannot be put under would meet the machine itself.
+void checkProgram(const std::string& name) {
+    char path[PATH_MAX];
+    const char* const reason =
+        findInPath(name.c_str(), path, sizeof(path)) ? whyNotTrapped(path) : nullptr;
+    if (reason != nullptr) {
+        throw CannotStart{name + ": " + reason, false};
+    }
 }
 
 // What the child had to say before it became the program: nothing, or why it could not.
@@ -163,7 +179,8 @@ void reap(pid_t& child, int& status) {
 
 void setTimer(milliseconds time) {
     itimerval timer{};
-    timer.it_value = {time.count() / 1000, time.count() % 1000 * 1000};
+    timer.it_value.tv_sec = static_cast<time_t>(time.count() / 1000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000);
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
@@ -191,6 +208,7 @@ ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
 }  // namespace
 
 ProgramEnd run(const ProgramSettings& settings) {
+    checkProgram(settings.command[0]);
     const sigset_t awaited = awaitedSignals();
     sigset_t before;
     sigprocmask(SIG_BLOCK, &awaited, &before);

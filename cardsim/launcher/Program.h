@@ -18,6 +18,8 @@ struct ProgramSettings {
     std::vector<std::string> command;  // looked up in the PATH
     std::string preloadLibrary;
     std::string sharedPage;  // path by which the program's processes reach it
+    // The machine's own ports and memory stay out of reach, whatever the program tries.
+    bool withholdsHardware = true;
     // After that long its time is over; nothing: never.
     std::optional<std::chrono::milliseconds> end;
 };

@@ -17,6 +17,7 @@
 #include "launcher/CommandLine.h"
 #include "launcher/Program.h"
 #include "launcher/ReportText.h"
+#include "launcher/Rights.h"
 
 namespace cardsim {
 
@@ -35,7 +36,7 @@ constexpr int kNotFound = 127;
 // Beside the launcher, built or installed.
 std::string preloadLibrary() {
     const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    for (const char* folder : {"lib", "lib/cardsim", "lib/x86_64-linux-gnu/cardsim"}) {
+    for (const char* folder : {"lib", "lib/cardsim", "lib/" LIBRARY_ARCHITECTURE "/cardsim"}) {
         const fs::path library = prefix / folder / "libcardsim-preload.so";
         if (fs::exists(library)) {
             if (library.string().find_first_of(" :") != std::string::npos) {
@@ -159,6 +160,7 @@ int main(int argc, char** argv) {
         return exitStatus;
     }
     try {
+        refuseOpenDevices();
         return launch(*line);
     } catch (const CannotStart& error) {
         std::cerr << "cardsim: cannot start " << error.reason << '\n';

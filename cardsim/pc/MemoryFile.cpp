@@ -38,8 +38,9 @@ MemoryFile::MemoryFile(const std::string& path) : location(path) {
         close(file);
         return;
     }
-    made = memfd_create("card-memory", MFD_CLOEXEC);
-    if (made == -1 || ftruncate(made, kCardMemory + off_t{kCardMemoryLength}) != 0) {
+    made = memfd_create("card-memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (made == -1 || ftruncate(made, kCardMemory + off_t{kCardMemoryLength}) != 0 ||
+        fcntl(made, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
         fail();
     }
     location = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(made);

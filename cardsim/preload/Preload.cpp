@@ -26,6 +26,8 @@
 #include "config/SharedPage.h"
 #include "model/Traffic.h"
 #include "traps/Hardware.h"
+#include "traps/PortDevice.h"
+#include "traps/Programs.h"
 
 namespace cardsim {
 
@@ -297,6 +299,9 @@ __attribute__((constructor)) void prepare() {
     // line, as on a terminal.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     startSystemClock();
+    keepForChildren("LD_PRELOAD");
+    keepForChildren(kSharedPageVariable);
+    inheritPortDevices();
     onFirstUse(attach);
     pthread_atfork(nullptr, nullptr, loseCardsInChild);
 }

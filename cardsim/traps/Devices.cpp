@@ -1,10 +1,11 @@
 #include "traps/Devices.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -13,36 +14,83 @@
 #include "traps/Hardware.h"
 #include "traps/PortDevice.h"
 #include "traps/Real.h"
+#include "traps/Refusal.h"
 
 namespace cardsim {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 // What devices do not care about, and files do.
 constexpr int kForFilesOnly = O_TRUNC | O_NOFOLLOW;
+constexpr off64_t kCardMemory = 0xD0000;
+constexpr off64_t kEndOfCardMemory = 0xD4000;
 
 enum class Device { kOther, kPorts, kMemory };
 
-std::filesystem::path pathOf(int folder) {
+fs::path pathOf(int folder) {
     std::error_code ignored;
-    return std::filesystem::read_symlink(
+    return fs::read_symlink(
         folder == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/" + std::to_string(folder), ignored);
 }
 
-// Nearly all paths show by their last part that they are none, without a look at anything else.
-Device deviceOf(int folder, const char* path) {
-    const char* const slash = path == nullptr ? nullptr : std::strrchr(path, '/');
-    const char* const name = slash == nullptr ? path : slash + 1;
-    if (name == nullptr || (std::strcmp(name, "port") != 0 && std::strcmp(name, "mem") != 0)) {
-        return Device::kOther;
-    }
-    const bool isWhole = *path == '/';
-    const std::filesystem::path whole =
-        (isWhole ? std::filesystem::path(path) : pathOf(folder) / path).lexically_normal();
-    if (whole == "/dev/port") {
+bool isNumbered(const struct stat& status, unsigned major, unsigned minor) {
+    return S_ISCHR(status.st_mode) && status.st_rdev == makedev(major, minor);
+}
+
+// A path that leads to something: the device is known by its numbers, whatever it is called, or as
+// a descriptor that was opened before.
+Device deviceOf(const struct stat& status) {
+    if (isNumbered(status, 1, 4) || isPortDevice(status)) {
         return Device::kPorts;
     }
-    return whole == "/dev/mem" ? Device::kMemory : Device::kOther;
+    return isNumbered(status, 1, 1) ? Device::kMemory : Device::kOther;
+}
+
+bool hasNameOfDevice(const char* path) {
+    const char* const slash = std::strrchr(path, '/');
+    const char* const name = slash == nullptr ? path : slash + 1;
+    return std::strcmp(name, "port") == 0 || std::strcmp(name, "mem") == 0;
+}
+
+// A path that leads to nothing, for a PC without the devices: the device that it names, perhaps by
+// links.
+Device deviceByName(int folder, const char* path) {
+    constexpr int kMostLinks = 40;
+    fs::path whole = *path == '/' ? fs::path(path) : pathOf(folder) / path;
+    std::error_code failed;
+    for (int links = 0; links < kMostLinks && !failed; ++links) {
+        whole = whole.lexically_normal();
+        const fs::path parent = fs::canonical(whole.parent_path(), failed);
+        whole = failed ? whole : parent / whole.filename();
+        if (whole == "/dev/port") {
+            return Device::kPorts;
+        }
+        if (whole == "/dev/mem") {
+            return Device::kMemory;
+        }
+        whole = whole.parent_path() / fs::read_symlink(whole, failed);
+    }
+    return Device::kOther;
+}
+
+Device deviceOf(int folder, const char* path) {
+    struct stat status {};
+    const int savedErrno = errno;
+    if (path == nullptr) {
+        return Device::kOther;
+    }
+    Device device = Device::kOther;
+    if (fstatat(folder, path, &status, 0) == 0) {
+        device = deviceOf(status);
+    } else if (errno == ENOENT && (hasNameOfDevice(path) ||
+                                   fstatat(folder, path, &status, AT_SYMLINK_NOFOLLOW) == 0)) {
+        // Nearly all missing files show by this that they are none, without any memory allocated.
+        device = deviceByName(folder, path);
+    }
+    errno = savedErrno;
+    return device;
 }
 
 int openMemory(Hardware& hardware, int flags) {
@@ -58,7 +106,12 @@ bool openDevice(int folder, const char* path, int flags, int& fd) {
     if (hardware == nullptr) {
         return false;
     }
-    flags &= ~kForFilesOnly;
+    fd = -1;
+    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
+        errno = EEXIST;
+        return true;
+    }
+    flags &= ~(kForFilesOnly | O_CREAT);
     if (device == Device::kMemory) {
         fd = openMemory(*hardware, flags);
     } else {
@@ -71,9 +124,42 @@ bool refusesDevice(const char* path, const char* way) {
     if (deviceOf(AT_FDCWD, path) == Device::kOther || hardwareAtFirstUse() == nullptr) {
         return false;
     }
-    std::fprintf(stderr, "cardsim: process %d may not %s %s: only open is simulated\n",
-                 static_cast<int>(getpid()), way, path);
-    errno = ENODEV;
+    refuse(way, path, "only open is simulated", ENODEV);
+    return true;
+}
+
+bool isMemoryDevice(int fd) {
+    Hardware* const hardware = attachedHardware();
+    struct stat status {
+    }, memory{};
+    if (hardware == nullptr || fd < 0 || fstat(fd, &status) != 0) {
+        return false;
+    }
+    if (S_ISCHR(status.st_mode)) {
+        return isNumbered(status, 1, 1);
+    }
+    // Only files without a name, as those that stand for memory, are looked up.
+    const int savedErrno = errno;
+    const bool is = S_ISREG(status.st_mode) && status.st_nlink == 0 &&
+                    stat(hardware->memoryPath().c_str(), &memory) == 0 &&
+                    memory.st_dev == status.st_dev && memory.st_ino == status.st_ino;
+    errno = savedErrno;
+    return is;
+}
+
+bool refusesMapping(int fd, std::size_t length, off64_t offset) {
+    if (offset % sysconf(_SC_PAGESIZE) != 0) {
+        return false;  // the kernel does
+    }
+    if (offset >= kCardMemory && offset < kEndOfCardMemory &&
+        length <= static_cast<std::size_t>(kEndOfCardMemory - offset)) {
+        return false;
+    }
+    struct stat status {};
+    if (!isMemoryDevice(fd) || fstat(fd, &status) != 0 || S_ISCHR(status.st_mode)) {
+        return false;
+    }
+    refuse("map", "/dev/mem beyond 0xD0000 to 0xD3FFF", "nothing else is simulated", EPERM);
     return true;
 }
 

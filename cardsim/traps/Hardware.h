@@ -12,6 +12,21 @@
 
 namespace cardsim {
 
+// What a program asks for the ports or /dev/mem, apart from the accesses themselves.
+struct DeviceCall {
+    enum class Kind : std::uint8_t {
+        kPermission,  // for ports first to first + count - 1; how: 1 to grant, 0 to take back
+        kOpenPorts,   // how: the flags of open
+        kOpenMemory,  // the same
+        kMap,         // memory, count bytes from first; how: its protection
+        kLock,        // the same; how: fcntl's command, and the kind of lock in the upper half
+    };
+    Kind kind;
+    std::uint64_t first;
+    std::uint64_t count;
+    std::uint32_t how;
+};
+
 class Hardware {
   public:
     virtual ~Hardware() = default;
@@ -27,6 +42,19 @@ class Hardware {
     // The path of a file that stands for physical memory, to be opened as the program opens
     // /dev/mem; empty, with errno set, when it may not.
     virtual std::string memoryPath() = 0;
+    // A byte read or written through /dev/port; false with errno set when the device fails.
+    virtual bool readByte(std::uint16_t port, std::uint8_t& byte) {
+        byte = static_cast<std::uint8_t>(in(port, 1));
+        return true;
+    }
+    virtual bool writeByte(std::uint16_t port, std::uint8_t byte) {
+        out(port, 1, byte);
+        return true;
+    }
+    // Whether such a call may be tried: 0, or the errno that it fails with. Mappings and locks ask
+    // here only; then all are told what came of them: 0 or errno.
+    virtual int permits(const DeviceCall&) { return 0; }
+    virtual void noticed(const DeviceCall&, int /*error*/) {}
 
     // The thread that drives the cards wants to sleep. True: the time has passed; false: it shall
     // sleep for real. May throw: the program's sleep lets the exception through.

@@ -1,7 +1,7 @@
-// The library calls of the program that mean the hardware, taken in front of the C library's own:
-// port permission, the cards' devices, sleeps, processor time and wishes for priority. Every other
-// call, and every call while no hardware is attached, goes on to the C library untouched.
-#include <fcntl.h>
+// The library calls of the program that mean the hardware, but for those that deal with files,
+// taken in front of the C library's own: port permission, sleeps, processor time and wishes for
+// priority. Every other call, and every call while no hardware is attached, goes on to the C
+// library untouched.
 #include <pthread.h>
 #include <sched.h>
 #include <sys/io.h>
@@ -11,16 +11,13 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <mutex>
 
-#include "traps/Devices.h"
 #include "traps/Hardware.h"
-#include "traps/PortDevice.h"
 #include "traps/PortTrap.h"
 #include "traps/Real.h"
+#include "traps/Refusal.h"
 
 namespace cardsim {
 
@@ -30,31 +27,9 @@ std::atomic<Hardware*> hardwareInPlace{nullptr};
 std::atomic<void (*)()> firstUse{nullptr};
 std::atomic<std::uint64_t (*)()> systemClock{nullptr};
 
-// A sanitizer opens files where it cannot bear a look-up.
+// A sanitizer asks for the time where it cannot bear a look-up.
 [[gnu::constructor]] void lookUpEarly() {
-    REAL(openat);
-    REAL(openat64);
-    REAL(read);
-    REAL(close);
     REAL(clock_gettime);
-}
-
-// Whether accesses through that descriptor are the hardware's.
-bool isPorts(int fd) {
-    return isPortDevice(fd) && hardwareAtFirstUse() != nullptr;
-}
-
-// copy: of the descriptor, or -1 when there is none.
-int noteCopy(int fd, int copy) {
-    if (copy != -1 && copy != fd) {
-        followCopy(fd, copy);
-    }
-    return copy;
-}
-
-mode_t modeArgument(int flags, va_list arguments) {
-    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-    return creates ? static_cast<mode_t>(va_arg(arguments, int)) : mode_t{0};
 }
 
 // Whether the sleep of the calling thread has passed in the hardware's own time.
@@ -140,147 +115,19 @@ int ioperm(unsigned long from, unsigned long count, int on) noexcept {
     if (hardware == nullptr) {
         return REAL(ioperm)(from, count, on);
     }
-    if (on != 0 && hardware->grantPorts() != 0) {
-        return -1;
+    const bool granted =
+        (on == 0 || hardware->grantPorts() == 0) && setPortPermission(from, count, on != 0) == 0;
+    const int error = granted ? 0 : errno;
+    hardware->noticed({DeviceCall::Kind::kPermission, from, count, on != 0 ? 1u : 0u}, error);
+    errno = granted ? errno : error;
+    return granted ? 0 : -1;
+}
+
+int iopl(int level) noexcept {
+    if (level == 0 || hardwareAtFirstUse() == nullptr) {
+        return REAL(iopl)(level);
     }
-    return setPortPermission(from, count, on != 0);
-}
-
-// name(path, flags) and nameAt(folder, path, flags), with a mode behind when they may create a
-// file.
-#define OPEN(name, nameAt)                                              \
-    int nameAt(int folder, const char* path, int flags, ...) {          \
-        va_list arguments;                                              \
-        va_start(arguments, flags);                                     \
-        const mode_t mode = modeArgument(flags, arguments);             \
-        va_end(arguments);                                              \
-        int fd = -1;                                                    \
-        const bool isDevice = openDevice(folder, path, flags, fd);      \
-        return isDevice ? fd : REAL(nameAt)(folder, path, flags, mode); \
-    }                                                                   \
-    int name(const char* path, int flags, ...) {                        \
-        va_list arguments;                                              \
-        va_start(arguments, flags);                                     \
-        const mode_t mode = modeArgument(flags, arguments);             \
-        va_end(arguments);                                              \
-        return nameAt(AT_FDCWD, path, flags, mode);                     \
-    }
-
-OPEN(open, openat)
-OPEN(open64, openat64)
-#undef OPEN
-
-// What a program built with buffer checks calls instead.
-int __open_2(const char* path, int flags) {
-    return open(path, flags);
-}
-int __open64_2(const char* path, int flags) {
-    return open64(path, flags);
-}
-int __openat_2(int folder, const char* path, int flags) {
-    return openat(folder, path, flags);
-}
-int __openat64_2(int folder, const char* path, int flags) {
-    return openat64(folder, path, flags);
-}
-
-// Ways to open that the devices are not served by.
-#define REFUSE(result, failure, name, parameters, ...)                                 \
-    result name parameters {                                                           \
-        return refusesDevice(path, #name) ? result(failure) : REAL(name)(__VA_ARGS__); \
-    }
-
-using Stream = FILE*;
-REFUSE(Stream, nullptr, fopen, (const char* path, const char* mode), path, mode)
-REFUSE(Stream, nullptr, fopen64, (const char* path, const char* mode), path, mode)
-REFUSE(Stream, nullptr, freopen, (const char* path, const char* mode, FILE* old), path, mode, old)
-REFUSE(Stream, nullptr, freopen64, (const char* path, const char* mode, FILE* old), path, mode, old)
-REFUSE(int, -1, creat, (const char* path, mode_t mode), path, mode)
-REFUSE(int, -1, creat64, (const char* path, mode_t mode), path, mode)
-#undef REFUSE
-
-ssize_t read(int fd, void* buffer, std::size_t count) {
-    return isPorts(fd) ? readPorts(fd, buffer, count) : REAL(read)(fd, buffer, count);
-}
-
-ssize_t pread(int fd, void* buffer, std::size_t count, off_t offset) {
-    return isPorts(fd) ? readPorts(fd, buffer, count, offset)
-                       : REAL(pread)(fd, buffer, count, offset);
-}
-
-ssize_t pread64(int fd, void* buffer, std::size_t count, off64_t offset) {
-    return pread(fd, buffer, count, offset);
-}
-
-// With buffer checks: a buffer that is too short is left to the C library.
-ssize_t __read_chk(int fd, void* buffer, std::size_t count, std::size_t length) {
-    if (isPorts(fd) && count <= length) {
-        return readPorts(fd, buffer, count);
-    }
-    using ReadChecked = ssize_t(int, void*, std::size_t, std::size_t);
-    static auto* const checked = real<ReadChecked>("__read_chk");
-    return checked(fd, buffer, count, length);
-}
-
-ssize_t __pread_chk(int fd, void* buffer, std::size_t count, off_t offset, std::size_t length) {
-    if (isPorts(fd) && count <= length) {
-        return readPorts(fd, buffer, count, offset);
-    }
-    using PreadChecked = ssize_t(int, void*, std::size_t, off_t, std::size_t);
-    static auto* const checked = real<PreadChecked>("__pread_chk");
-    return checked(fd, buffer, count, offset, length);
-}
-
-ssize_t __pread64_chk(int fd, void* buffer, std::size_t count, off64_t offset, std::size_t length) {
-    return __pread_chk(fd, buffer, count, offset, length);
-}
-
-ssize_t write(int fd, const void* buffer, std::size_t count) {
-    return isPorts(fd) ? writePorts(fd, buffer, count) : REAL(write)(fd, buffer, count);
-}
-
-ssize_t pwrite(int fd, const void* buffer, std::size_t count, off_t offset) {
-    return isPorts(fd) ? writePorts(fd, buffer, count, offset)
-                       : REAL(pwrite)(fd, buffer, count, offset);
-}
-
-ssize_t pwrite64(int fd, const void* buffer, std::size_t count, off64_t offset) {
-    return pwrite(fd, buffer, count, offset);
-}
-
-int dup(int fd) noexcept {
-    return noteCopy(fd, REAL(dup)(fd));
-}
-
-int dup2(int fd, int copy) noexcept {
-    return noteCopy(fd, REAL(dup2)(fd, copy));
-}
-
-int dup3(int fd, int copy, int flags) noexcept {
-    return noteCopy(fd, REAL(dup3)(fd, copy, flags));
-}
-
-int fcntl(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    const int result = REAL(fcntl)(fd, command, argument);
-    const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
-    return copies ? noteCopy(fd, result) : result;
-}
-
-int fcntl64(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return fcntl(fd, command, argument);
-}
-
-int close(int fd) {
-    forgetPortDevice(fd);
-    return REAL(close)(fd);
+    return refuse("iopl for", "all ports", "only ioperm is simulated", EPERM);
 }
 
 int usleep(useconds_t microseconds) {

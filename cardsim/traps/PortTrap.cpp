@@ -1,7 +1,6 @@
 #include "traps/PortTrap.h"
 
 #include <signal.h>
-#include <ucontext.h>
 
 #include <atomic>
 #include <cerrno>
@@ -10,6 +9,8 @@
 
 #include "traps/Hardware.h"
 #include "traps/PortInstruction.h"
+#include "traps/Refusal.h"
+#include "traps/Registers.h"
 
 namespace cardsim {
 
@@ -41,8 +42,8 @@ bool mayAccess(unsigned long port, int bytes) {
 bool carryOut(ucontext_t& context) {
     auto& registers = context.uc_mcontext.gregs;
     PortInstruction instruction{};
-    const auto* const code = reinterpret_cast<const unsigned char*>(registers[REG_RIP]);
-    const auto port = static_cast<std::uint16_t>(registers[REG_RDX]);
+    const auto* const code = reinterpret_cast<const unsigned char*>(registers[kInstructionPointer]);
+    const auto port = static_cast<std::uint16_t>(registers[kDataRegister]);
     if (!decodePortInstruction(code, instruction) || !mayAccess(port, instruction.bytes)) {
         return false;
     }
@@ -50,7 +51,7 @@ bool carryOut(ucontext_t& context) {
     if (hardware == nullptr) {
         return false;
     }
-    const auto accumulator = static_cast<std::uint64_t>(registers[REG_RAX]);
+    const auto accumulator = static_cast<std::uint64_t>(registers[kAccumulator]);
     const std::uint64_t mask = (std::uint64_t{1} << (8 * instruction.bytes)) - 1;
     if (instruction.isOut) {
         hardware->out(port, instruction.bytes, static_cast<std::uint32_t>(accumulator & mask));
@@ -58,9 +59,9 @@ bool carryOut(ucontext_t& context) {
         const std::uint64_t value = hardware->in(port, instruction.bytes) & mask;
         // A 32-bit result clears the upper half of rax; narrower ones leave the rest alone.
         const std::uint64_t kept = instruction.bytes == 4 ? 0 : accumulator & ~mask;
-        registers[REG_RAX] = static_cast<greg_t>(kept | value);
+        registers[kAccumulator] = static_cast<greg_t>(kept | value);
     }
-    registers[REG_RIP] += instruction.length;
+    registers[kInstructionPointer] += instruction.length;
     return true;
 }
 
@@ -102,8 +103,8 @@ void installHandler() {
 int setPortPermission(unsigned long from, unsigned long count, bool on) {
     const bool startsInside = from >= kFirstPort && from < kFirstPort + kNumPorts;
     if (!startsInside || count == 0 || count > kFirstPort + kNumPorts - from) {
-        errno = EINVAL;
-        return -1;
+        return refuse("ioperm for", "ports beyond 0x300 to 0x31F", "nothing else is simulated",
+                      EINVAL);
     }
     const std::uint64_t ports = ((std::uint64_t{1} << count) - 1) << (from - kFirstPort);
     if (on) {

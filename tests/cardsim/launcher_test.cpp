@@ -104,6 +104,20 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEndsAndRefusesWrongUsage) {
     EXPECT_FALSE(fs::exists("/proc/" + std::to_string(std::stoi(contentOf(folder / "pid")))));
 }
 
+TEST_F(Launcher, LetsNoWayGoPastTheSimulatedCards) {
+    const auto [status, out, err] = cardsim("-- " EVERY_WAY " $files " STATIC_USER);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(status, 0);
+    for (const std::string refusal :
+         {"fopen /dev/port: only open", "freopen ", "fdopen ", "sendfile ", "copy_file_range ",
+          "splice ", "aio_read ", "openat2 ", "iopl for", "ioperm for", "map /dev/mem beyond",
+          "posix_spawn_file_actions_addopen ", "start " STATIC_USER ": it is linked statically",
+          "/script: it is linked statically"}) {
+        EXPECT_THAT(err, ContainsRegex("cardsim: process [0-9]+ may not .*" + refusal));
+    }
+    EXPECT_THAT(cardsim("-- " STATIC_USER), FieldsAre(126, "", HasSubstr("linked statically")));
+}
+
 TEST_F(Launcher, TellsTheSameOfTwoRunsWithOneSeedAndAllThatTheCardsSaw) {
     std::ofstream(folder / "call") << "[[event]]\nat = 20\nline = 2\ndo = \"call\"\ntalk = 5\n";
     const auto run = [&](const std::string& options) {

@@ -9,6 +9,7 @@
 #include "ScriptedCards.h"
 #include "Surroundings.h"
 #include "model/TransferLayout.h"
+#include "traps/Registers.h"
 
 namespace {
 
@@ -27,9 +28,9 @@ void openForOneStep(int signal, siginfo_t* info, void* context) {
     if (info->si_code != SEGV_ACCERR) {
         return previousAction.sa_sigaction(signal, info, context);  // a port access
     }
-    bus->emplace_back((registers[REG_ERR] & 2) != 0 ? 'W' : 'R',
-                      static_cast<char*>(info->si_addr) - memory,
-                      widthOf(reinterpret_cast<unsigned char*>(registers[REG_RIP])));
+    bus->emplace_back(
+        (registers[REG_ERR] & 2) != 0 ? 'W' : 'R', static_cast<char*>(info->si_addr) - memory,
+        widthOf(reinterpret_cast<unsigned char*>(registers[cardsim::kInstructionPointer])));
     mprotect(memory, 0x4000, PROT_READ | PROT_WRITE);
     registers[REG_EFL] |= kSingleStep;
 }

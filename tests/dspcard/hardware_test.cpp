@@ -15,12 +15,13 @@
 
 // Called at each operator new of this program, for a test that needs that moment.
 std::function<void()> whenAllocating;
-extern "C" void* __real__Znwm(std::size_t bytes);
-extern "C" void* __wrap__Znwm(std::size_t bytes) {
+void* realNew(std::size_t bytes) asm("__real_" OPERATOR_NEW);
+void* watchedNew(std::size_t bytes) asm("__wrap_" OPERATOR_NEW);
+void* watchedNew(std::size_t bytes) {
     if (whenAllocating) {
         whenAllocating();
     }
-    return __real__Znwm(bytes);
+    return realNew(bytes);
 }
 
 namespace {

@@ -60,7 +60,7 @@ declare -A arrows=(
     [cardsim/scenario]='cardsim/model'
     [cardsim/config]='cardsim/pc cardsim/model'
     [cardsim/preload]='cardsim/config cardsim/pc cardsim/model cardsim/traps'
-    [cardsim/launcher]='cardsim/config cardsim/scenario cardsim/pc cardsim/model'
+    [cardsim/launcher]='cardsim/config cardsim/scenario cardsim/pc cardsim/model cardsim/traps'
 )
 
 # Each include of a file of the house: who, and whom.

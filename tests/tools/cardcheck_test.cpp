@@ -92,7 +92,7 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
         {CARDCHECK " --file", 2, "Try: cardcheck --help"},
         {CARDSIM " -- sh -c '../bin/main >/dev/null 2>&1 & sleep 0.7; " CARDCHECK " --reset-cards;"
                  " status=$?; kill $!; exit $status'",
-         1, "in use by process "},
+         1, "SKIP  cards: not touched: another process has them"},
         {"../bin/main --help", 0, "Usage: main"},
         {"../bin/main 4", 2, "Usage: main"},
     };
