@@ -11,8 +11,9 @@ Usage: ./run.sh [record|bench] [--seconds N]
 
 Installs what is missing from Debian's packages, builds, and runs on simulated cards:
 
-  record   LineRecorder, the Java recorder, on a four- and an eight-channel card with calls, into
-           a new folder under recordings/; 20 seconds when not said otherwise (the default)
+  record   the recorder on a four- and an eight-channel card with calls, into a new folder under
+           recordings/, and then the table of calls; 20 seconds when not said otherwise (the
+           default), less after Ctrl-C
   bench    the bench program on a four-channel card; 15 seconds when not said otherwise
 
 At the end the cards report what they saw.
@@ -22,16 +23,19 @@ TEXT
 }
 
 record() {
-    local folder
-    folder=$PWD/recordings/$(date +%Y%m%d-%H%M%S)
-    tools/build.sh release cardsim firmware dspcard dspcard_examples_jar
-    printf 'dspcard: recording calls for %s s into %s\n' "$1" "$folder"
+    local folder status=0
+    folder=$PWD/recordings/$(date -u +%Y%m%dT%H%M%SZ)
+    tools/build.sh release cardsim firmware dspcard dspcard_recorder_jar
+    printf 'dspcard: recording calls for %s s, or until Ctrl-C, into %s\n' "$1" "$folder"
     cd build/firmware # the load files are looked for in the working directory
+    trap : INT        # ends the recorder; this script goes on with the table
     ../bin/cardsim --cards 4,8 --traffic --audio pleasant -- \
-        java -Djava.library.path=../lib -jar ../lib/dspcard-examples.jar \
-        --folder "$folder" --seconds "$1" || exit 1
-    printf 'dspcard: the call log, %s/calls.csv:\n' "$folder"
-    cat "$folder/calls.csv"
+        java -jar ../lib/dspcard-recorder.jar --folder "$folder" --seconds "$1" || status=1
+    trap - INT
+    printf 'dspcard: the calls, as dspcard-calls lists them:\n'
+    java -cp ../lib/dspcard-recorder.jar com.zivolt.hardware.dsp.recorder.CallsProgram \
+        --folder "$folder" || status=1
+    exit "$status"
 }
 
 bench() {

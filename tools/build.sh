@@ -12,7 +12,8 @@ packages=(
     g++ cmake ninja-build
     libcli11-dev libtomlplusplus-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev
-    openjdk-17-jdk-headless libpicocli-java junit5
+    openjdk-17-jdk-headless junit5
+    libpicocli-java libxerial-sqlite-jdbc-java libjackson2-core-java
 )
 
 fail() {

@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 tools/install-missing.sh dpkg-dev file
-tools/build.sh release cardsim cardcheck main dspcard dspcard_examples_jar firmware package_files
+tools/build.sh release cardsim cardcheck main dspcard dspcard_recorder_jar firmware package_files
 rm -rf build/package
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT

@@ -23,8 +23,8 @@ built() { sed -E "s,^(build|\.\.)/bin/,$build/bin/," <<<"$1"; }
 check_command() {
     local program words=" $*" word help
     program=$(built "$1")
-    [[ $program != java || $words != *-examples.jar\ * ]] ||
-        program="java -jar $build/lib/dspcard-examples.jar" words=${words#*-examples.jar}
+    [[ $program != java || $words != *-recorder.jar\ * ]] ||
+        program="java -jar $build/lib/dspcard-recorder.jar" words=${words#*-recorder.jar}
     [[ $program == */* ]] || return 0 # of the system
     command -v "${program%% *}" >/dev/null || wrong "no program $program"
     [[ $words == *' --'* ]] || return 0
@@ -59,9 +59,10 @@ simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
     timeout 2 "$build/bin/main" || true
     simulated --seconds 15 -- "$build/bin/main"
     simulated --cards 4,8 --fault wrong-echo/1 -- "$build/bin/cardcheck" --reset-cards
-    simulated --cards 4,8 --traffic --seconds 600 -- java "-Djava.library.path=$build/lib" \
-        -jar "$build/lib/dspcard-examples.jar" --folder "$work/recordings/1-1"
-    cat "$work"/recordings/*/calls.csv
+    simulated --cards 4,8 --traffic --seconds 600 -- java \
+        -jar "$build/lib/dspcard-recorder.jar" --folder "$work/recordings/1-1"
+    java -cp "$build/lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram \
+        --folder "$work/recordings/1-1" --limit 0
 } 2>&1 | plain | sort -u >"$work/said"
 for page in README.md docs/client.md; do
     while read -r line; do wrong "nothing prints: $line"; done < <(

@@ -22,6 +22,16 @@ public final class AudioBlock {
     }
 
     /**
+     * A block of these bytes.
+     *
+     * @param audio copied
+     * @return the block
+     */
+    public static AudioBlock of(byte[] audio) {
+        return new AudioBlock(audio.clone(), 0, audio.length);
+    }
+
+    /**
      * The size of the block.
      *
      * @return number of bytes

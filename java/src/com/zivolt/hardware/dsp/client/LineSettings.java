@@ -24,6 +24,36 @@ public final class LineSettings {
     }
 
     /**
+     * The settings of a table as the cards take it; the reverse of {@link #toBytes}.
+     *
+     * @param table 48 bytes: beep, trigger and delay of each line
+     * @return the settings
+     * @throws IllegalArgumentException when the table has another length or impossible values
+     */
+    public static LineSettings ofBytes(byte[] table) {
+        if (table.length != 3 * LINES) {
+            throw new IllegalArgumentException("Settings are a table of %d bytes, not %d"
+                    .formatted(3 * LINES, table.length));
+        }
+        Builder builder = builder();
+        for (int line = 0; line < LINES; ++line) {
+            builder.line(line, new LineSetting(
+                    constant(Trigger.values(), table[3 * line + 1], "trigger", line),
+                    constant(Beep.values(), table[3 * line], "beep", line),
+                    Byte.toUnsignedInt(table[3 * line + 2])));
+        }
+        return builder.build();
+    }
+
+    private static <E> E constant(E[] constants, byte code, String what, int line) {
+        if (code < 0 || code >= constants.length) {
+            throw new IllegalArgumentException("Line %d: there is no %s of code %d"
+                    .formatted(line, what, code));
+        }
+        return constants[code];
+    }
+
+    /**
      * The setting of one line.
      *
      * @param line 0 to 15

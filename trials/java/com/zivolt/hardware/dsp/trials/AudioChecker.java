@@ -24,6 +24,17 @@ public final class AudioChecker {
         return wordAt(block, 1) | wordAt(block, 2) << 16;
     }
 
+    /** The count that a block of this port was sent with; -1 when the card never sent it. */
+    public static int counterOf(AudioBlock block, int card, int port) {
+        int counter = wordAt(block, 1) | wordAt(block, 2) << 16;
+        for (int i = 0; i < block.length() / 2; ++i) {
+            if (wordAt(block, i) != word(card << 8 | port, counter, i)) {
+                return -1;
+            }
+        }
+        return counter;
+    }
+
     /** Checks the next transfer of any card. */
     public void check(AudioRecorded audio) {
         int card = audio.firstLine() == 0 ? 0 : 1;

@@ -1,0 +1,130 @@
+package com.zivolt.hardware.dsp.recorder;
+
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.file.Files;
+import java.nio.file.LinkOption;
+import java.nio.file.NoSuchFileException;
+import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
+import java.nio.file.attribute.BasicFileAttributes;
+import java.util.Set;
+import java.util.function.Consumer;
+
+/**
+ * How much room the disk has. Warns below the reserve. When the disk is full, audio is not written
+ * until there is room again, and the log lives on what a file of nothing has kept for it. Used by
+ * one thread.
+ */
+final class DiskRoom {
+    /** Enough for the rows of a day of busy lines. */
+    static final int LOG_ROOM = 4 << 20;
+
+    private static final String LOG_ROOM_FILE = "room-for-the-log";
+    private static final int PIECE = 1 << 16;
+
+    private final RecordingFolder folder;
+    private final long reserve;
+    private final Consumer<String> news;
+    private volatile long free;
+    private volatile boolean full;
+    private volatile boolean low;
+
+    DiskRoom(RecordingFolder folder, long reserve, Consumer<String> news) {
+        this.folder = folder;
+        this.reserve = reserve;
+        this.news = news;
+    }
+
+    /** Bytes, as of the last {@link #look}. */
+    long free() {
+        return free;
+    }
+
+    boolean isFull() {
+        return full;
+    }
+
+    /** Whether there is less room than the reserve. */
+    boolean isLow() {
+        return low;
+    }
+
+    /** To be called every second or so. */
+    void look() throws IOException {
+        free = measure();
+        if (full && free > 2L * LOG_ROOM) {
+            full = false;
+            news.accept("the disk has room again, %s: audio is recorded again"
+                    .formatted(size(free)));
+        }
+        if (!full && free > 2L * LOG_ROOM) {
+            keepRoomForLog();
+        }
+        if (low != free < reserve && (free < reserve || free > reserve + reserve / 20)) {
+            low = !low;
+            news.accept(low ? "WARNING: the disk has only %s left".formatted(size(free))
+                    : "the disk has %s again".formatted(size(free)));
+        }
+    }
+
+    /** Whether the failure means that there is no room; then it is told and remembered. */
+    boolean wasFull(IOException failure) throws IOException {
+        String reason = String.valueOf(failure.getMessage());
+        boolean noRoom = reason.contains("No space left") || reason.contains("quota exceeded")
+                || isUsedUp();
+        if (noRoom) {
+            wasFull();
+        }
+        return noRoom;
+    }
+
+    boolean isUsedUp() throws IOException {
+        return measure() < PIECE;
+    }
+
+    void wasFull() {
+        if (!full) {
+            full = true;
+            news.accept("THE DISK IS FULL: calls are logged, their audio is not recorded");
+        }
+    }
+
+    /** Frees what was kept for the log; false when that has been done already. */
+    boolean giveToLog() throws IOException {
+        return Files.deleteIfExists(folder.path().resolve(LOG_ROOM_FILE));
+    }
+
+    private long measure() throws IOException {
+        return Files.getFileStore(folder.path()).getUsableSpace();
+    }
+
+    private void keepRoomForLog() throws IOException {
+        Path file = folder.path().resolve(LOG_ROOM_FILE);
+        if (sizeOf(file) == LOG_ROOM) {
+            return;
+        }
+        folder.ownFile(LOG_ROOM_FILE);
+        try (FileChannel channel = FileChannel.open(file, Set.of(StandardOpenOption.WRITE,
+                StandardOpenOption.TRUNCATE_EXISTING, LinkOption.NOFOLLOW_LINKS))) {
+            for (int written = 0; written < LOG_ROOM; written += PIECE) {
+                channel.write(ByteBuffer.allocate(PIECE));
+            }
+        }
+    }
+
+    private static long sizeOf(Path file) throws IOException {
+        try {
+            return Files.readAttributes(file, BasicFileAttributes.class,
+                    LinkOption.NOFOLLOW_LINKS).size();
+        } catch (NoSuchFileException missing) {
+            return -1;
+        }
+    }
+
+    static String size(long bytes) {
+        return bytes < 10L << 20 ? bytes / 1024 + " KiB" : bytes < 10L << 30
+                ? (bytes >> 20) + " MiB" : (bytes >> 30) + " GiB";
+    }
+}

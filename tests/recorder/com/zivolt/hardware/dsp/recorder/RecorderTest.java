@@ -1,0 +1,316 @@
+package com.zivolt.hardware.dsp.recorder;
+
+import static java.nio.charset.StandardCharsets.ISO_8859_1;
+import static org.junit.jupiter.api.Assertions.*;
+
+import com.zivolt.hardware.dsp.client.*;
+import com.zivolt.hardware.dsp.client.CardEvent.*;
+import java.io.IOException;
+import java.io.StringWriter;
+import java.nio.file.*;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.sql.*;
+import java.time.*;
+import java.util.*;
+import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.stream.*;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+/** What the recorder keeps of calls: files and rows, whatever happens to folder and log. */
+class RecorderTest {
+    private static final Instant START = Instant.parse("2026-03-01T23:59:58Z");
+
+    @TempDir
+    Path temporary;
+    private final Queue<String> told = new ConcurrentLinkedQueue<>();
+    private final Queue<CallRow> ended = new ConcurrentLinkedQueue<>();
+    private Path path;
+    private RecordingFolder folder;
+    private DiskRoom room;
+    private CallLog log;
+    private Retention retention;
+    private Recorder recorder;
+    private int second;
+
+    @AfterEach
+    void end() throws IOException {
+        close();
+    }
+
+    @Test
+    void eachCallHasItsFileAndItsRowAndTroubleWithOneCostsNoOther() throws Exception {
+        begin("calls");
+        play(new CallStarted(at(), 1), new CallerIdentified(at(), 2, "\033[2J\"Al\",\\"), audio(),
+                new CallStarted(at(), 2), audio(), new CallEnded(at(), 1), audio(), audio());
+        awaitThat(() -> ended.size() == 1);
+        Files.move(path.resolve("20260301Z"), temporary.resolve("gone"));
+        Files.createSymbolicLink(path.resolve("20260301Z"), temporary.resolve("gone"));
+        Files.createSymbolicLink(path.resolve("20260302Z"), temporary.resolve("gone"));
+        play(new CallStarted(at(), 3), audio(), new CallEnded(at(), 3), audio());
+        awaitThat(() -> told.toString().contains("20260302Z is no folder"));
+        Files.delete(path.resolve("20260302Z"));
+        play(new CallStarted(at(), 0), audio(), new CallEnded(at(), 0), audio());
+        awaitThat(() -> Files.isDirectory(path.resolve("20260302Z")));
+        Files.delete(path.resolve("20260301Z"));
+        Files.move(temporary.resolve("gone"), path.resolve("20260301Z"));
+        close();
+
+        assertEquals(List.of("1 complete 1200 0", "2 process-end 4200 0", "3 not-written 0 600",
+                "0 complete 600 0"), rows(new CallFilter()).stream().map(row -> "%d %s %d %d"
+                .formatted(row.line(), row.outcome().code(), row.bytes(), row.unwritten())).toList());
+        CallRow first = rows(new CallFilter().line(1)).get(0);
+        assertArrayEquals((block(1, 1) + block(1, 2)).getBytes(ISO_8859_1),
+                Files.readAllBytes(path.resolve(first.file())));
+        assertEquals("20260301Z/line01-20260301T235958.000Z.raw", first.file());
+        assertEquals("rw-r-----", rightsOf(first.file()));
+        assertEquals("rwxr-x---", rightsOf("20260302Z"));
+        assertEquals("rw-r-----", rightsOf("calls.db"));
+        assertEquals(List.of(), problems(true));
+
+        assertEquals("\\x1b[2J\"Al\",\\\\", column(CallWriter.Table::new));
+        assertEquals("\"\\x1b[2J\"\"Al\"\",\\\\\"", column(CallWriter.Csv::new));
+        assertEquals("\\u001B[2J\\\"Al\\\",\\\\", column(out -> new CallWriter.Json(out, true)));
+        assertTrue(told.stream().noneMatch(line -> line.chars().anyMatch(Character::isISOControl)));
+
+        Files.writeString(path.resolve(first.file()), "x", StandardOpenOption.WRITE);
+        assertEquals(1, problems(true).size());
+        Files.writeString(path.resolve(first.file()), "x", StandardOpenOption.APPEND);
+        Files.delete(path.resolve(rows(new CallFilter().line(0)).get(0).file()));
+        Files.createFile(path.resolve("20260301Z/line05-20260301T235958.000Z.raw"));
+        assertEquals(3, problems(false).size());
+    }
+
+    @Test
+    void whatAKilledRecorderLeftIsTakenUp() throws Exception {
+        begin("killed");
+        play(new CallStarted(at(), 1), new CallStarted(at(), 2), new DigitsHeard(at(), 2, "42"),
+                new CallerIdentified(at(), 3, "A"), audio(), new CallEnded(at(), 1), audio(), audio(),
+                audio());
+        awaitThat(() -> ended.size() == 1 && recorder.seen().lines().get(2).bytes() == 2400);
+        Path image = temporary.resolve("image");
+        copy(path, image);  // as it lies on the disk when the power fails
+        String open = rows(new CallFilter().line(2)).get(0).file();
+        Files.move(image.resolve(open + ".part"), image.resolve(open));  // named, but no row yet
+        Files.writeString(image.resolve("20260301Z/line00-20260301T235959.500Z.raw.part"), "seven..");
+        close();
+        path = image;
+        begin("image");
+        close();
+        assertEquals(List.of("0 process-end 7 -", "1 complete 600 -", "2 process-end 2400 42",
+                "3 missed 0 -"), rows(new CallFilter()).stream().map(row -> "%d %s %d %s".formatted(
+                row.line(), row.outcome().code(), row.bytes(), row.digits().isEmpty() ? "-"
+                : row.digits())).sorted().toList());
+        assertEquals(List.of(), problems(true));
+        assertTrue(told.toString().contains("3 calls were cut off or missed"), told.toString());
+    }
+
+    @Test
+    void aLogThatIsNoneIsMovedAsideAndItsRowsAreMadeOfTheFiles() throws Exception {
+        begin("log");
+        play(new CallStarted(at(), 1), audio(), new CallEnded(at(), 1), audio());
+        close();
+        for (String damage : List.of("garbage", "version", "application", "table")) {
+            Path db = path.resolve("calls.db");
+            if (damage.equals("garbage")) {
+                Files.writeString(db, "no database. ".repeat(1000));
+            } else {
+                try (Connection writer = CallTable.openForWriting(db);
+                        Statement statement = writer.createStatement()) {
+                    statement.execute(Map.of("version", "PRAGMA user_version = 77", "application",
+                            "PRAGMA application_id = 7", "table", "DROP VIEW calls").get(damage));
+                }
+                assertThrows(SQLException.class, () -> CallTable.requireReadable(
+                        CallTable.openForReading(db)), damage);
+            }
+            told.clear();
+            begin("log");
+            play(new CallStarted(at(), 2), audio(), new CallEnded(at(), 2), audio());
+            close();
+            assertTrue(told.stream().anyMatch(line -> line.startsWith("CANNOT use calls.db")
+                    && line.contains("dspcard-calls recover")), damage + told);
+            assertEquals(1, rows(new CallFilter()).size(), damage);
+        }
+        Files.delete(path.resolve("calls.db"));
+        Files.createSymbolicLink(path.resolve("calls.db"), temporary.resolve("elsewhere"));
+        assertThrows(IOException.class, () -> begin("log"));
+        assertFalse(Files.exists(temporary.resolve("elsewhere")), "a link was followed");
+        folder.close();
+        Files.delete(path.resolve("calls.db"));
+        folder = RecordingFolder.open(path);
+        assertTrue(assertThrows(IOException.class, () -> RecordingFolder.open(path))
+                .getMessage().contains("process " + ProcessHandle.current().pid()));
+    }
+
+    @Test
+    void theOldestRecordingsAreRemovedFirstAndTheirRowsSaySo() throws Exception {
+        begin("kept");
+        for (int call = 0; call < 5; ++call) {
+            play(new CallStarted(at(), call % 4), audio(), new CallEnded(at(), call % 4), audio());
+        }
+        close();
+        open(Duration.between(START, Instant.now()).minusSeconds(4), 0);
+        retention.look(log, room);
+        close();
+        assertEquals(List.of(true, true, false, false, false), removed());
+        assertEquals(List.of(), problems(true));
+        open(null, Long.MAX_VALUE);
+        retention.look(log, room);
+        close();
+        assertEquals(Collections.nCopies(5, true), removed());
+        assertFalse(Files.exists(path.resolve("20260301Z")));
+        assertEquals(List.of(), problems(true));
+    }
+
+    @Test
+    void callsAreFoundByWhatIsKnownOfThem() throws Exception {
+        begin("found");
+        String[] callers = {"0191 498", "0192 498", "*[?", "0191 499"};
+        for (int line = 0; line < 4; ++line) {
+            play(new CallerIdentified(at(), line, callers[line]), new CallStarted(at(), line),
+                    new DigitsHeard(at(), line, "12" + line), audio(), new CallEnded(at(), line),
+                    audio());
+        }
+        close();
+        Map<CallFilter, String> asked = new LinkedHashMap<>();
+        asked.put(new CallFilter(), "0123");
+        asked.put(new CallFilter().caller("0191*"), "03");
+        asked.put(new CallFilter().caller("*[?"), "2");
+        asked.put(new CallFilter().caller("[*"), "");
+        asked.put(new CallFilter().digits("12*").line(3), "3");
+        asked.put(new CallFilter().mentions("498"), "01");
+        asked.put(new CallFilter().from(START.plusSeconds(2)).before(START.plusSeconds(6)), "12");
+        asked.put(new CallFilter().outcomes(List.of(Outcome.COMPLETE, Outcome.CARD)).line(1), "1");
+        asked.put(new CallFilter().outcomes(List.of(Outcome.MISSED)), "");
+        for (Map.Entry<CallFilter, String> question : asked.entrySet()) {
+            assertEquals(question.getValue(), rows(question.getKey()).stream()
+                    .map(row -> "" + row.line()).collect(Collectors.joining()));
+        }
+    }
+
+    @Test
+    void audioThatCannotBeTakenIsDroppedAndToldAndNothingElseIs() throws Exception {
+        EventQueue queue = new EventQueue();
+        for (int i = 0; i < EventQueue.MOST_AUDIO + 3; ++i) {
+            queue.put(audio());
+            queue.put(new CallStarted(START, 1));
+        }
+        assertEquals(3 * 600, queue.takeLostBytes(0));
+        assertEquals(2 * EventQueue.MOST_AUDIO + 3, queue.take(0).size());
+        queue.put(audio());
+        assertEquals(0, queue.takeLostBytes(0));
+        assertEquals(1, queue.take(1000).size());
+    }
+
+    private void begin(String name) throws IOException {
+        path = temporary.resolve(name);
+        open(null, 0);
+        new TakeUp(folder, log, told::add).run();
+        recorder = new Recorder(folder, room, log, retention, new CallsSeen(), ended::add, told::add);
+        recorder.start(() -> told.add("failed"));
+        recorder.handle(new CardStateChanged(START, 0, CardState.STARTING, CardState.RUNNING, ""));
+    }
+
+    private void open(Duration keep, long keepFree) throws IOException {
+        folder = RecordingFolder.open(path);
+        room = new DiskRoom(folder, 0, told::add);
+        room.look();
+        log = new CallLog(folder, room, told::add);
+        retention = new Retention(folder, keep, keepFree, told::add);
+    }
+
+    private void close() throws IOException {
+        if (recorder != null) {
+            recorder.close();
+        } else if (log != null) {
+            log.close();
+        }
+        if (folder != null) {
+            folder.close();
+        }
+        recorder = null;
+        log = null;
+    }
+
+    private void play(CardEvent... events) {
+        Stream.of(events).forEach(recorder::handle);
+    }
+
+    /** Times are those of the transfer that follows. */
+    private Instant at() {
+        return START.plusSeconds(second);
+    }
+
+    private AudioRecorded audio() {
+        ++second;
+        return new AudioRecorded(START.plusSeconds(second - 1), 0, IntStream.range(0, 4).mapToObj(
+                line -> AudioBlock.of(block(line, second).getBytes(ISO_8859_1))).toList());
+    }
+
+    private static String block(int line, int transfer) {
+        return "line %d %3d.".formatted(line, transfer).repeat(60).substring(0, 600);
+    }
+
+    private List<CallRow> rows(CallFilter filter) throws Exception {
+        List<CallRow> rows = new ArrayList<>();
+        try (Connection reader = CallTable.openForReading(path.resolve("calls.db"))) {
+            filter.all(reader, rows::add);
+        }
+        return rows;
+    }
+
+    private List<Boolean> removed() throws Exception {
+        return rows(new CallFilter()).stream().map(row -> row.removed() != null).toList();
+    }
+
+    private List<String> problems(boolean checksums) throws Exception {
+        List<String> problems = new ArrayList<>();
+        try (Connection reader = CallTable.openForReading(path.resolve("calls.db"))) {
+            new FolderCheck(path, reader, checksums, problems::add).run();
+        }
+        return problems;
+    }
+
+    private interface WriterMaker {
+        CallWriter make(java.io.Writer out) throws IOException;
+    }
+
+    /** What is written of the caller of line 2. */
+    private String column(WriterMaker maker) throws Exception {
+        StringWriter text = new StringWriter();
+        try (CallWriter writer = maker.make(text)) {
+            writer.write(rows(new CallFilter().line(2)).get(0));
+        }
+        String known = text.toString();
+        assertEquals(0, known.replace("\n", "").chars().filter(Character::isISOControl).count());
+        return Stream.of("\\x1b[2J\"Al\",\\\\", "\"\\x1b[2J\"\"Al\"\",\\\\\"",
+                "\\u001B[2J\\\"Al\\\",\\\\").filter(known::contains).findFirst().orElse(known);
+    }
+
+    private String rightsOf(String name) throws IOException {
+        return PosixFilePermissions.toString(Files.getPosixFilePermissions(path.resolve(name)));
+    }
+
+    private static void copy(Path from, Path to) throws IOException {
+        try (Stream<Path> files = Files.walk(from)) {
+            for (Path file : files.toList()) {
+                Files.copy(file, to.resolve(from.relativize(file).toString()));
+            }
+        }
+    }
+
+    private interface Condition {
+        boolean holds() throws Exception;
+    }
+
+    private void awaitThat(Condition condition) throws Exception {
+        for (int tenth = 0; tenth < 150; ++tenth) {
+            if (condition.holds()) {
+                return;
+            }
+            Thread.sleep(100);
+        }
+        fail("never so; told: " + told);
+    }
+}

@@ -1,0 +1,159 @@
+#!/usr/bin/env bash
+# dspcard-record and dspcard-calls from the command line on, on simulated cards. Runs where the
+# cards' load files are.
+#   recorder.sh STORY CARDSIM SCENARIO JAVA LIBRARY_FOLDER
+set -euxo pipefail # what fails stands at the end of the trace
+story=$1 cardsim=$2 scenario=$3 java=$4 lib=$5
+recorder=("$java" -Xmx64m -jar "$lib/dspcard-recorder.jar")
+calls=("$java" -cp "$lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram)
+on_cards=("$cardsim" --cards "4,8" --virtual-time --speed 20)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# expect STATUS TEXT COMMAND...: the command ends with that status and says the text.
+expect() {
+    local status=$1 text=$2 seen=0
+    shift 2
+    "$@" >"$work/output" 2>&1 || seen=$?
+    tail -n 40 "$work/output"
+    ((seen == status)) && grep -q -- "$text" "$work/output"
+}
+
+hex() { od -An -v -tx1 "$@" | tr -d ' \n'; }
+
+# start COMMAND...: in the background, until it shows its status.
+start() {
+    : >"$work/said" # what was said before
+    "$@" --folder "$work/calls" --status 127.0.0.1:0 >"$work/said" 2>"$work/driver" &
+    started=$!
+    await 'status at'
+    url=$(grep -o 'http://[^/]*' "$work/said")
+}
+
+# await TEXT: within a minute it is said.
+await() {
+    local tenth
+    for ((tenth = 0; tenth < 600; ++tenth)); do
+        ! grep -q -- "$1" "$work/said" || return 0
+        sleep 0.1
+    done
+    cat "$work/said" "$work/driver"
+    return 1
+}
+
+# stop: by SIGTERM to the recorder itself, a child of cardsim; its exit status.
+stop() {
+    local status=0
+    kill -TERM "$(pgrep -P "$started" java)"
+    wait "$started" || status=$?
+    cat "$work/said"
+    return "$status"
+}
+
+metric() { curl -s "$url/metrics" | grep -F "dspcard_recorder_$1 " | grep -v '^#' | cut -d' ' -f2; }
+health() { curl -s "$url/health"; }
+
+misuse() {
+    printf 'triger = vox-1\n' >"$work/config"
+    expect 2 "there is no option triger" "${recorder[@]}" --config "$work/config"
+    printf 'folder = %s\nline = 3=vox-2,low,5 16=never\n' "$work/none" >"$work/config"
+    expect 2 'Lines are 0 to 15, not 16' "${recorder[@]}" --config "$work/config"
+    expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
+    expect 2 '4, 8 or none' "${recorder[@]}" --expect 4,5
+    expect 2 'such as 500M' "${recorder[@]}" --reserve plenty
+    expect 2 '127.0.0.1:9273' "${recorder[@]}" --status 9273
+    expect 1 'nowhere' "${recorder[@]}" --play "$work/nowhere"
+    expect 1 "$work/missing: no such file" "$java" "-Ddspcard.library=$work/missing" -jar \
+        "$lib/dspcard-recorder.jar" --folder "$work/none"
+    expect 1 'there is no folder' "${calls[@]}" --folder "$work/none"
+    [[ ! -e $work/none ]] # nothing is made without the driver's library
+    expect 1 'no calls were recorded here' "${calls[@]}" check --folder "$work"
+    expect 2 'is no time like' "${calls[@]}" --from yesterday
+    expect 0 'dspcard [0-9.]*$' "${recorder[@]}" --version
+}
+
+# Calls, their audio on the speaker, commands at their ends; Ctrl-C in the midst of a call.
+record() {
+    local command="echo \"\$CALL_LINE \$CALL_CALLER \$CALL_DIGITS \$CALL_OUTCOME \$(wc -c <\$CALL_FILE)\" \
+        \$CALL_BYTES >>$work/ended; [ \$CALL_LINE != 7 ]"
+    start "${on_cards[@]}" --scenario "$scenario" --speaker "$work/speaker" -- "${recorder[@]}" \
+        --monitor 7 --on-call-end "$command"
+    await 'line 1: call ended'
+    "${calls[@]}" --folder "$work/calls" --outcome open --format csv --limit 0 | grep -q '^[0-9]*,11,1,'
+    curl -s "$url/calls?search=498" | grep -q '"caller":"0191 498 0123","digits":"5#"'
+    curl -s "$url/day" | grep -q '"7":\[\[.*"11":\[\['
+    [[ $(metric 'line_recording{card="1",line="11"}') == 1 ]]
+    [[ $(metric 'calls_total{outcome="complete"}') == 2 ]]
+    [[ $(health) == '{"healthy":true'* ]]
+    [[ $(curl -s -o "$work/page" -w '%{http_code} %{content_type}' "$url/") == '200 text/html'* ]]
+    [[ $(curl -s -X POST -o /dev/null -w '%{http_code}' "$url/") == 405 ]]
+    [[ $(curl -s -H 'Host: elsewhere.example' -o /dev/null -w '%{http_code}' "$url/calls") == 403 ]]
+    stop
+    grep -q 'COMMAND for the call of line 7.*ended with status 1' "$work/said"
+    printf '%s\n' '1 in 0191 498 0123 5# complete' '11 unknown   process-end' \
+        '7 out  01914980456 complete' | diff - <("${calls[@]}" --folder "$work/calls" --format csv |
+        awk -F, 'NR > 1 { print $2, $4, $5, $6, $10 }' | sort)
+    awk '$(NF - 1) != $NF || NF < 4 { exit 1 }' "$work/ended"
+    [[ $(wc -l <"$work/ended") == 3 ]]
+    expect 0 '3 recordings in the log, 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+    { set +x; } 2>/dev/null # two long lines of digits: the monitored line is heard
+    hex "$work/speaker" | grep -F "$(hex -N 300 "$work"/calls/*/line07*.raw)" >/dev/null
+}
+
+# fails CARD STATE METRIC PROBLEM STATUS OPTION...: what is told, shown and answered of a card that
+# never works as it should, or never again.
+fails() {
+    local card=$1 state=$2 metric=$3 problem=$4 status=$5 seen=0
+    shift 5
+    rm -rf "$work/calls"
+    start "${on_cards[@]}" --traffic --seed 1 "$@"
+    await "[Cc][Aa][Rr][Dd] $card $state"
+    [[ $(metric "$metric") == 0 ]]
+    [[ $(curl -s -o /dev/null -w '%{http_code}' "$url/health") == 503 ]]
+    health | grep -qF "\"$problem\""
+    wait "$started" || seen=$?
+    cat "$work/said"
+    ((seen == status))
+    [[ $(grep -c "^recorder: [^ ]* \(EXPECTED otherwise: card\|CARD\) $card $state" "$work/said") == 1 ]]
+    expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+}
+
+# calls_of CARD: how many are in the log.
+calls_of() {
+    "${calls[@]}" --folder "$work/calls" --format csv --limit 0 | cut -d, -f3 | grep -cx "$1" || true
+}
+
+# No phantom calls, and everybody can know.
+failures() {
+    local record=(-- "${recorder[@]}" --seconds 8)
+    fails 1 'not running' 'card_running{card="1"}' 'card 1: not running' 1 \
+        --fault byte-stuck@57/1 "${record[@]}"
+    (($(calls_of 0) > 0 && $(calls_of 1) == 0))
+    fails 1 'not running' 'card_running{card="1"}' 'card 1: not running' 1 \
+        --fault counter-stuck@60-66/1 --fault dead-after-boot@2/1 "${record[@]}"
+    (($(calls_of 0) > 0 && $(calls_of 1) > 0))
+    fails 0 'not running' 'healthy' 'card 0: not running' 3 --fault dead-after-boot \
+        "${record[@]}" --exit-when-silent 0.1
+    grep -q 'without it no line of any card has calls' "$work/said"
+    fails "1 has 8" 'lines, not 4' 'healthy' 'card 1 has 8 lines, not 4' 1 "${record[@]}" --expect 4,4
+}
+
+# Seven lock-ups and a new boot, on cards that forget their settings: calls by sound come again.
+reboot() {
+    local again
+    start "${on_cards[@]}" --traffic --seed 1 --fault counter-stuck@60-66/1 -- "${recorder[@]}" \
+        --trigger vox-1 --expect 4,8
+    await 'CARD 1 restarting'
+    await 'card 1 runs again, after'
+    await 'card 0 runs again, after'
+    [[ $(metric 'card_lock_ups_total{card="1"}') == 7 && $(metric 'card_boots_total{card="0"}') == 2 ]]
+    again=$(grep 'runs again' "$work/said" | tail -n 1 | cut -d' ' -f2)
+    sleep 3
+    [[ $(health) == '{"healthy":true'* ]]
+    stop
+    "${calls[@]}" --folder "$work/calls" --from "$again" --format csv | cut -d, -f3 | sort -u |
+        tr '\n' ' ' | grep -q '0 1'
+    expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+}
+
+"$story"
