@@ -44,6 +44,12 @@ bench() {
     ../bin/cardsim --cards 4 --seconds "$1" -- ../bin/main || exit 1
 }
 
+# The dynamic linker preloads nothing from such a path, and without that there are no simulated cards.
+if [[ $PWD == *[[:space:]:]* ]]; then
+    printf 'dspcard: %s has a space or a colon in its path; move the folder elsewhere\n' "$PWD" >&2
+    exit 1
+fi
+
 job=record
 seconds=
 while (($# > 0)); do

@@ -21,14 +21,30 @@ fail() {
     exit 1
 }
 
+# Of the lines of the build those that say how far it is: one that is overwritten on a terminal,
+# elsewhere one a quarter.
+show_progress() {
+    local terminal=0
+    [[ ! -t 1 ]] || terminal=1
+    awk -v terminal="$terminal" -F '[][/ ]+' '
+        /^\[[0-9]+\/[0-9]+\]/ {
+            if (terminal) printf "\rdspcard: %d of %d steps", $2, $3
+            else if (int(4 * $2 / $3) > quarter) printf "dspcard: %d of %d steps\n", $2, $3
+            quarter = int(4 * $2 / $3)
+            fflush()
+            shown = 1
+        }
+        END { if (terminal && shown) print "" }'
+}
+
 build() {
     local preset=$1 log
     shift
     log=$(mktemp)
     trap 'rm -f "$log"' RETURN
-    printf 'dspcard: building (%s)\n' "$preset"
-    if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } \
-        >"$log" 2>&1; then
+    printf 'dspcard: building (%s); a few minutes the first time\n' "$preset"
+    if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } 2>&1 |
+        tee "$log" | show_progress; then
         tail -n 60 "$log" >&2
         fail "the build failed, see above"
     fi

@@ -26,7 +26,8 @@ if ((EUID != 0)); then
         fail "run this as root or install sudo; missing packages: ${missing[*]}"
     as_root=(sudo)
 fi
-printf 'dspcard: installing %s\n' "${missing[*]}"
+printf 'dspcard: installing %d packages from Debian, once; this takes a few minutes: %s\n' \
+    "${#missing[@]}" "${missing[*]}"
 "${as_root[@]}" apt-get update -qq || fail "apt-get update failed"
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||

@@ -5,16 +5,18 @@ cd "$(dirname "$0")/.."
 # shellcheck source=tools/usage.sh
 . tools/usage.sh
 
-all=(schedules fuzz soak)
+all=(schedules fuzz soak recorder)
 
 usage() {
     cat <<TEXT
 Usage: tools/trials.sh [--preset PRESET] [--first N] [--seeds N] [TRIAL...]
 
-Builds and runs the trials named, or all of them, in some minutes: ${all[*]}.
+Builds and runs the trials named, or all of them, ${all[*]}. The first three take some
+minutes, recorder three quarters of an hour.
 The schedules run from N seeds, 1000 when not said otherwise, the first of them 1; with --preset
 asan or tsan under that sanitizer. For a trial with options of its own see
-build/bin/schedules --help, tools/fuzz.sh --help and tools/soak.sh --help.
+build/bin/schedules --help, tools/fuzz.sh --help, tools/soak.sh --help and
+tools/recorder.sh --help.
 
 Exit status: 0 nothing found, 1 something found or the build failed, 2 wrong usage.
 TEXT
@@ -37,7 +39,7 @@ while (($# > 0)); do
             [[ $1 == --first ]] && first=$2 || seeds=$2
             shift
             ;;
-        schedules | fuzz | soak) trials+=("$1") ;;
+        schedules | fuzz | soak | recorder) trials+=("$1") ;;
         *) wrong_usage "what is $1?" ;;
     esac
     shift

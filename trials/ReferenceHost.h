@@ -28,10 +28,11 @@ struct Event {
 };
 using Events = std::deque<Event>;
 
-// Names are these and a number: of the port, the byte in the memory of both cards, the type.
+// Names are these and a number: of the port, the byte in the memory of both cards, bytes, the type.
 constexpr char kRead[] = "read of port ", kRelease[] = "release by port ",
                kCopy[] = "copy from byte ", kStore[] = "store at byte ",
-               kPacket[] = "packet of type ", kSleep[] = "sleep of microseconds: ";
+               kFeed[] = "feeding of bytes: ", kPacket[] = "packet of type ",
+               kSleep[] = "sleep of microseconds: ";
 
 inline unsigned char byteOf(int value, int number = 0) {
     return static_cast<unsigned char>(value >> 8 * number);
@@ -283,6 +284,7 @@ class ReferenceHost {
     }
 
     void feed(const Bytes& audio) {
+        next(kFeed, static_cast<int>(audio.size()));
         ring.insert(ring.end(), audio.begin(), audio.end());
         ring.erase(ring.begin(), ring.end() - std::min<std::ptrdiff_t>(
                                                   static_cast<std::ptrdiff_t>(ring.size()), 600));

@@ -10,6 +10,7 @@
 
 #include "BoardMgr.h"
 #include "JavaVm.h"
+#include "MonitorBuffer.h"
 #include "ReferenceHost.h"
 #include "javaint/MessageDispatcher.h"
 #include "model/Traffic.h"
@@ -105,6 +106,10 @@ class Schedule : public cardsim::SimulatedPc {
         act();
         part(first, words - first);
         event.bytes.assign(start, start + 2 * words);
+    }
+    void feed(int bytes) {
+        note(kFeed, bytes);
+        act();
     }
     void queue(const Packet& packet) {
         note(kPacket, packet.getType())
@@ -236,6 +241,11 @@ void __wrap__Z14MemWriteBlockWPvmPKti(void* base, unsigned long offset, const st
     schedule->move(kStore, static_cast<char*>(base) + offset, words, [=](int first, int n) {
         __real__Z14MemWriteBlockWPvmPKti(base, offset + 2 * first, from + first, n);
     });
+}
+void __real__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer*, const char*, int);
+void __wrap__ZN13MonitorBuffer7addDataEPKci(MonitorBuffer* buffer, const char* audio, int size) {
+    schedule->feed(size);
+    __real__ZN13MonitorBuffer7addDataEPKci(buffer, audio, size);
 }
 void __real__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher*, Packet*);
 void __wrap__ZN17MessageDispatcher20addPacketToSendQueueEP6Packet(MessageDispatcher* dispatcher,

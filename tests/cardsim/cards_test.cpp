@@ -111,6 +111,33 @@ TEST_P(Card, AnswersAsItsStateAndItsFaultsSay) {
     }
 }
 
+TEST_P(Card, TellsHowEachLineIsAndCountsTheTransfersThatItMisses) {
+    Host host(GetParam());
+    host.boot();
+    Line& line = host.cards.card(0).line(GetParam() - 1);
+    line.apply({0, 0x0200, 60'000});
+    line.setSpeaking(true);
+    line.setOffHook(true);
+    line.setRinging(true);
+    host.follow("w w w w w");  // two buffers handed over, three missed
+    EXPECT_EQ(3u, host.report.cards[0].missed);
+    host.follow("302=1A 304=1A w w");
+    const TransferLayout& transfer = layoutOf(GetParam());
+    const int last = transfer.firstPort + (GetParam() - 1) * transfer.portWords;
+    for (const int buffer : {0, layout::kSecondBuffer}) {
+        const auto word = [&](int place) { return host.memory[std::size_t(buffer + place)]; };
+        EXPECT_EQ(buffer == 0 ? 7 : 6, word(layout::kCounter));
+        EXPECT_EQ(0xB000, word(last + layout::kLevel));
+        EXPECT_EQ(0x0080, word(last - transfer.portWords + layout::kLevel));
+        for (const int place : {layout::kOffHook, layout::kTriggered, layout::kRinging}) {
+            EXPECT_EQ(1, word(last + place));
+            EXPECT_EQ(0, word(last - transfer.portWords + place));
+        }
+    }
+    EXPECT_EQ(GetParam() == 4 ? 0 : 0xC0, host.in(0x30C) & (GetParam() == 4 ? 4 : 0xC0));
+    EXPECT_EQ(GetParam() == 4 ? 4 : 0, host.in(0x306) & (GetParam() == 4 ? 4 : 0xCC));
+}
+
 TEST_P(Card, ForgetsItsSettingsAtABootAndLeavesUndefinedBitsToChance) {
     Host host(GetParam());
     host.boot();

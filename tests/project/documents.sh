@@ -60,11 +60,12 @@ simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
     simulated --seconds 15 -- "$build/bin/main"
     simulated --cards 4,8 --fault wrong-echo/1 -- "$build/bin/cardcheck" --reset-cards
     simulated --cards 4,8 --traffic --seconds 600 -- java \
-        -jar "$build/lib/dspcard-recorder.jar" --folder "$work/recordings/1-1"
+        -jar "$build/lib/dspcard-recorder.jar" --folder "$work/recordings/1T1Z"
     java -cp "$build/lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram \
-        --folder "$work/recordings/1-1" --limit 0
+        --folder "$work/recordings/1T1Z" --limit 0
+    simulated --cards 4,8 --traffic --seconds 60 --speed 20 -- java -jar "$build/lib/dspcard-example.jar"
 } 2>&1 | plain | sort -u >"$work/said"
-for page in README.md docs/client.md; do
+for page in README.md docs/client.md docs/recorder.md; do
     while read -r line; do wrong "nothing prints: $line"; done < <(
         blocks text | grep -v '^ *\.\.\.$' | plain | sort -u | comm -23 - "$work/said")
 done

@@ -156,4 +156,74 @@ reboot() {
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
 }
 
+# The page in a browser: it shows what the lines said as text; the picture is kept beside this test.
+page() {
+    command -v chromium >/dev/null || {
+        echo 'skipped: chromium is not installed'
+        exit 77
+    }
+    local caller='<img src=x onerror=alert(1)>' browser=(chromium --headless --no-sandbox
+        --disable-gpu --user-data-dir="$work/browser" --virtual-time-budget=4000)
+    printf 'event = [{ at = 9, line = 2, do = "call", caller = "%s", ring = 1, talk = 900 }]\n' \
+        "$caller" >"$work/scenario"
+    start "${on_cards[@]}" --scenario "$work/scenario" -- "${recorder[@]}"
+    await 'line 2: call started'
+    sleep 1
+    for size in 1200,1000 390,844; do
+        "${browser[@]}" --window-size="$size" --screenshot="$lib/../status-page-${size%,*}.png" "$url/"
+    done 2>&1 | grep 'bytes written'
+    "${browser[@]}" --dump-dom "$url/" >"$work/dom" 2>/dev/null
+    stop
+    tr -d '\n' <"$work/dom" >"$work/page"
+    grep -q '>all is well<' "$work/page"
+    grep -q '<div class="tile recording"><b>line 2: recording</b><div>&lt;img src=x' "$work/page"
+    grep -q '<rect [^>]*class="talk"' "$work/page"
+    grep -q '<td>in</td><td>&lt;img src=x onerror=alert(1)&gt;</td>' "$work/page"
+    ! grep -q '<img' "$work/page"
+}
+
+# On a terminal the table is painted over nothing else's lines, and all is as before at the end.
+terminal() {
+    command -v script >/dev/null || {
+        echo 'skipped: script (Debian package bsdutils) is not installed'
+        exit 77
+    }
+    local command
+    command=$(printf '%q ' "${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" \
+        --folder "$work/calls" --seconds 6)
+    script -qec "stty rows 30 cols 100; stty -a; $command; stty -a" "$work/typescript" >/dev/null
+    { set +x; } 2>/dev/null
+    perl -0777 -ne '
+        sub check { my ($holds, $what) = @_; $holds or die "not so: $what\n" }
+        my @settings = /speed \d+ baud.*?-extproc/gs;
+        check(@settings == 2 && $settings[0] eq $settings[1], "the terminal is as before");
+        check(/\e7(?:(?!\e8).)*line  state.*?RECORDING.*?\e8/s, "a table was painted");
+        check(/.*\e\[r\e\[30;1H\r\n(.*)/s && $1 =~ /calls recorded into/, "the end is told below");
+        s/\e7.*?\e8//gs;
+        s/\e\[r\e\[30;1H(?:(?:\r\n){30}\e\[\d+;30r\e\[\d+;1H)?//g;
+        check(!/\e/, "the screen is cleared nowhere");
+        my @sent = /^Sending Packet to Java.*$/mg;
+        check(@sent > 50, "the driver says something");
+        /^Sending Packet to Java: channel=\d+ length=\d+\r?$/ or check(0, "whole: $_") for @sent;
+    ' "$work/typescript"
+}
+
+# The line of the page on daily use that makes a WAV file of what simulated cards recorded.
+wav() {
+    command -v sox >/dev/null || {
+        echo 'skipped: sox is not installed'
+        exit 77
+    }
+    local line file
+    line=$(grep '^sox ' "${0%/*}/../../docs/recorder.md")
+    start "${on_cards[@]}" --scenario "$scenario" --audio pleasant -- "${recorder[@]}"
+    await 'line 7: call ended'
+    stop
+    for file in "$work"/calls/*/line{01,07}*.raw; do
+        CALL_FILE=$file bash -c "$line"
+        "${calls[@]}" --folder "$work/calls" --format csv | grep -F "${file##*/}" | cut -d, -f9 |
+            awk -v wav="$(soxi -D "$file.wav")" '{ exit !($1 > 2 && wav - $1 < 0.5 && $1 - wav < 0.5) }'
+    done
+}
+
 "$story"

@@ -7,7 +7,9 @@ import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.sql.Connection;
 import java.sql.PreparedStatement;
+import java.sql.ResultSet;
 import java.sql.SQLException;
+import java.sql.Statement;
 import java.time.Instant;
 import java.util.ArrayList;
 import java.util.LinkedHashMap;
@@ -167,16 +169,22 @@ final class CallLog implements Closeable {
     }
 
     private void write() throws SQLException {
-        log.setAutoCommit(false);
+        execute("BEGIN IMMEDIATE");
         try (PreparedStatement put = log.prepareStatement(CallTable.PUT)) {
             for (CallRow row : waiting.values()) {
                 CallTable.bind(put, row);
                 put.executeUpdate();
             }
-            log.commit();
+            execute("COMMIT");
         } catch (SQLException failure) {
             rollBack();
             throw failure;
+        }
+    }
+
+    private void execute(String command) throws SQLException {
+        try (Statement statement = log.createStatement()) {
+            statement.execute(command);
         }
     }
 
@@ -234,8 +242,8 @@ final class CallLog implements Closeable {
     private List<CallRow> rows(String query) throws IOException {
         List<CallRow> rows = new ArrayList<>();
         ask(() -> {
-            try (var statement = log.createStatement();
-                    var result = statement.executeQuery(query)) {
+            try (Statement statement = log.createStatement();
+                    ResultSet result = statement.executeQuery(query)) {
                 while (result.next()) {
                     rows.add(CallTable.row(result));
                 }
@@ -246,9 +254,9 @@ final class CallLog implements Closeable {
 
     private void rollBack() {
         try {
-            log.rollback();
-        } catch (SQLException gone) {
-            // the transaction has ended with the failure that is told
+            execute("ROLLBACK");
+        } catch (SQLException over) {
+            // a full disk has ended the transaction already
         }
     }
 

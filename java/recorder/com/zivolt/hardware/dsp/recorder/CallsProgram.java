@@ -19,11 +19,9 @@ import java.util.TreeSet;
 import java.util.concurrent.Callable;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
-import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.ScopeType;
-import picocli.CommandLine.Spec;
 
 /** Reads what was recorded: finds calls, checks the recordings, makes lost rows again. */
 @Command(name = "dspcard-calls", sortOptions = false, usageHelpWidth = 100,
@@ -38,8 +36,7 @@ public final class CallsProgram implements Callable<Integer> {
 
     enum Format { TABLE, CSV, JSON }
 
-    @Spec
-    private CommandSpec spec;
+    private final CommandLine line = new CommandLine(this);
 
     @Option(names = "--folder", paramLabel = "DIR", defaultValue = ".", scope = ScopeType.INHERIT,
             description = "Where the recordings are; the working directory if not given.")
@@ -54,7 +51,7 @@ public final class CallsProgram implements Callable<Integer> {
     private String before;
 
     @Option(names = "--line", paramLabel = "LINE", description = "Only calls of this line.")
-    private Integer line;
+    private Integer lineNumber;
 
     @Option(names = "--caller", paramLabel = "TEXT",
             description = "Only calls of this caller; * stands for anything.")
@@ -98,7 +95,7 @@ public final class CallsProgram implements Callable<Integer> {
      */
     public static void main(String[] args) {
         Locale.setDefault(Locale.ROOT);
-        System.exit(new CommandLine(new CallsProgram())
+        System.exit(new CallsProgram().line
                 .setCaseInsensitiveEnumValuesAllowed(true)
                 .setExecutionExceptionHandler(CallsProgram::explain)
                 .execute(args));
@@ -221,8 +218,8 @@ public final class CallsProgram implements Callable<Integer> {
         if (before != null) {
             filter.before(Utc.parse(before));
         }
-        if (line != null) {
-            filter.line(line);
+        if (lineNumber != null) {
+            filter.line(lineNumber);
         }
         if (caller != null) {
             filter.caller(caller);
@@ -250,7 +247,7 @@ public final class CallsProgram implements Callable<Integer> {
         try {
             return value.call();
         } catch (Exception wrong) {
-            throw new ParameterException(spec.commandLine(), wrong.getMessage(), wrong);
+            throw new ParameterException(line, wrong.getMessage(), wrong);
         }
     }
 

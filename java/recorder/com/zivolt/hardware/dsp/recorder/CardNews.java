@@ -36,7 +36,8 @@ final class CardNews {
             trouble[changed.card()] = before == null ? changed : before;
             news.accept("CARD %d %s: %s".formatted(changed.card(), words(changed.state()),
                     Printable.escaped(changed.reason())));
-            if (changed.card() == 0 && changed.before() == CardState.STARTING) {
+            if (changed.card() == 0 && changed.before() == CardState.STARTING
+                    && changed.state() == CardState.NOT_RUNNING) {
                 news.accept("settings reach all cards through card 0: without it no line of any card"
                         + " has calls");
             }
@@ -73,7 +74,7 @@ final class CardNews {
                 .map(card -> "card %d: %s".formatted(card.card(), words(card.state())))
                 .forEach(problems::add);
         if (cards.isEmpty()) {
-            problems.add("no cards have been found yet");
+            problems.add("no card is there");
         }
         return problems;
     }

@@ -88,7 +88,7 @@ final class Console implements Closeable {
             waiting.add("recorder: %d lines were dropped here, since the console took none%n"
                     .formatted(lost));
         }
-        print(String.join("", waiting) + (table == null ? "" : table.paint()));
+        print(table == null ? String.join("", waiting) : table.paint(waiting));
     }
 
     private void print(String text) {

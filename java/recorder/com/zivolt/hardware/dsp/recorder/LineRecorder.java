@@ -42,7 +42,7 @@ public final class LineRecorder implements Callable<Integer> {
     private static final long END_WITHIN_S = 40;
 
     @Mixin
-    private RecorderOptions options;
+    private final RecorderOptions options = new RecorderOptions();
 
     private final CountDownLatch finished = new CountDownLatch(1);
     private final Deque<Closeable> started = new ArrayDeque<>();
@@ -63,7 +63,8 @@ public final class LineRecorder implements Callable<Integer> {
      */
     public static void main(String[] args) {
         Locale.setDefault(Locale.ROOT);
-        System.exit(RecorderOptions.commandLine(new LineRecorder(), args)
+        LineRecorder recorder = new LineRecorder();
+        System.exit(recorder.options.commandLine(recorder, args)
                 .setExecutionExceptionHandler(LineRecorder::explain)
                 .execute(args));
     }

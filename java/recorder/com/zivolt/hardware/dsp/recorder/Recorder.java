@@ -6,6 +6,7 @@ import java.io.Closeable;
 import java.io.IOException;
 import java.nio.file.FileSystemException;
 import java.time.Instant;
+import java.util.ArrayList;
 import java.util.EnumMap;
 import java.util.Iterator;
 import java.util.List;
@@ -37,8 +38,10 @@ final class Recorder implements Closeable {
     private final Map<Outcome, AtomicLong> outcomes = new EnumMap<>(Outcome.class);
     private final AtomicLong failures = new AtomicLong();
     private final CallsSeen seen;
+    private final List<CallRow> logged = new ArrayList<>();
     private volatile boolean ending;
     private boolean losing;
+    private String trouble = "";
     private long forced;
     private long looked;
 
@@ -150,8 +153,12 @@ final class Recorder implements Closeable {
     private void guarded(Step step) {
         try {
             step.run();
+            trouble = "";
         } catch (IOException | InterruptedException | RuntimeException failure) {
-            fail("go on as usual", failure);
+            if (!trouble.equals(reason(failure))) {
+                fail("go on as usual", failure);
+            }
+            trouble = reason(failure);
         }
     }
 
@@ -206,7 +213,7 @@ final class Recorder implements Closeable {
                 log.put(call.rowSoFar());
             }
         }
-        boolean logged = log.commit();
+        boolean inLog = log.commit();
         for (Call call : keeper.calls()) {
             writeAudio(call);
             if (call.spool() != null && call.checksum() == null) {
@@ -218,7 +225,7 @@ final class Recorder implements Closeable {
                 }
             }
         }
-        if (logged) {
+        if (inLog) {
             finishCalls();
         }
     }
@@ -254,6 +261,7 @@ final class Recorder implements Closeable {
             CallRow row = call.lastRow();
             keeper.calls().remove(call);
             log.put(row);
+            logged.add(row);
             outcomes.get(row.outcome()).incrementAndGet();
             seen.over(row);
             if (row.outcome() != Outcome.MISSED) {
@@ -263,7 +271,8 @@ final class Recorder implements Closeable {
         }
         folder.force();
         if (log.commit()) {
-            over.forEach(call -> callEnded.accept(call.lastRow()));
+            logged.forEach(callEnded);
+            logged.clear();
         }
     }
 

@@ -25,19 +25,16 @@ import java.util.regex.Pattern;
 import picocli.CommandLine;
 import picocli.CommandLine.IDefaultValueProvider;
 import picocli.CommandLine.Model.ArgSpec;
-import picocli.CommandLine.Model.CommandSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.PropertiesDefaultProvider;
-import picocli.CommandLine.Spec;
 import picocli.CommandLine.TypeConversionException;
 
 /** The recorder's options, from the command line and, where that has none, a file. */
 final class RecorderOptions {
     private static final Pattern SIZE = Pattern.compile("(\\d{1,9})([KMGT]?)");
 
-    @Spec(Spec.Target.MIXEE)
-    private CommandSpec spec;
+    private CommandLine line;
 
     @Option(names = "--folder", paramLabel = "DIR",
             description = "Where recordings go; made when missing. recordings-TIME if not given.")
@@ -75,10 +72,10 @@ final class RecorderOptions {
             description = "Play this file, in the card's own encoding, through card 0.")
     private Path played;
 
-    @Option(names = "--expect", paramLabel = "LINES[,LINES]", split = ",",
+    @Option(names = "--expect", paramLabel = "LINES[,LINES]",
             description = "How many lines each card must have, 4, 8 or none: 4,8 for instance. What"
                     + " is found at the start if not given.")
-    private List<String> expected;
+    private String expected;
 
     @Option(names = "--exit-when-silent", paramLabel = "MINUTES",
             description = "End with status 3 when no card has delivered for so long.")
@@ -122,9 +119,9 @@ final class RecorderOptions {
     @Option(names = "--version", versionHelp = true, description = "Show the version.")
     private boolean version;
 
-    /** A command line that knows these options, and the file that the arguments may name. */
-    static CommandLine commandLine(Object command, String[] args) {
-        CommandLine line = new CommandLine(command)
+    /** The command line of the program that has these options mixed in, and the file that the arguments may name. */
+    CommandLine commandLine(Object command, String[] args) {
+        line = new CommandLine(command)
                 .registerConverter(Trigger.class, text -> constant(Trigger.class, text))
                 .registerConverter(Beep.class, text -> constant(Beep.class, text));
         for (int i = 0; i < args.length; ++i) {
@@ -220,7 +217,7 @@ final class RecorderOptions {
         LineSettings.Builder builder = LineSettings.builder();
         try {
             builder.allLines(new LineSetting(trigger, beep, delay));
-            lines.forEach((line, text) -> builder.line(line, lineSetting(text)));
+            lines.forEach((number, text) -> builder.line(number, lineSetting(text)));
         } catch (IllegalArgumentException | TypeConversionException wrong) {
             throw wrong(wrong.getMessage());
         }
@@ -232,11 +229,11 @@ final class RecorderOptions {
         if (expected == null) {
             return null;
         }
-        if (expected.size() > 2 || !List.of("4", "8", "none").containsAll(expected)) {
-            throw wrong("--expect takes 4, 8 or none for each of two cards, not "
-                    + String.join(",", expected));
+        List<String> each = List.of(expected.split(",", -1));
+        if (each.size() > 2 || !List.of("4", "8", "none").containsAll(each)) {
+            throw wrong("--expect takes 4, 8 or none for each of two cards, not " + expected);
         }
-        return expected.stream().map(text -> text.equals("none") ? 0 : Integer.parseInt(text))
+        return each.stream().map(text -> text.equals("none") ? 0 : Integer.parseInt(text))
                 .toList();
     }
 
@@ -299,7 +296,7 @@ final class RecorderOptions {
     }
 
     private ParameterException wrong(String message) {
-        return new ParameterException(spec.commandLine(), message);
+        return new ParameterException(line, message);
     }
 
     private static int number(String text) {

@@ -65,7 +65,10 @@ final class RecordingFolder implements Closeable {
      * @throws IOException when it cannot be used; when another recorder has it, that says which
      */
     static RecordingFolder open(Path path) throws IOException {
-        if (!Files.isDirectory(path)) {
+        if (Files.exists(path) && !Files.isDirectory(path)) {
+            throw new IOException(path + " is no folder");
+        }
+        if (!Files.exists(path)) {
             if (path.toAbsolutePath().getParent() != null) {
                 Files.createDirectories(path.toAbsolutePath().getParent());
             }

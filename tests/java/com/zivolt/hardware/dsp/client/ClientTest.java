@@ -23,6 +23,14 @@ class ClientTest {
     private final CardClient client = new CardClient(bridge, InstantSource.fixed(TIME));
 
     @Test
+    void aMissingLibraryIsExplainedEveryTime() {
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            String message = assertThrows(UnsatisfiedLinkError.class, CardClient::new).getMessage();
+            assertTrue(message.contains("  /none: no such file"), message);
+        }
+    }
+
+    @Test
     void takesWhatTheDriverSendsAndTellsOfNonsenseOnce() throws InterruptedException {
         Map<CardEvent, byte[]> frames = Map.of(
                 new CallStarted(TIME, 3), HEX.parseHex("01020078563412700100000103"),
@@ -132,17 +140,17 @@ class ClientTest {
             assertEquals(event, heard.poll(20, TimeUnit.SECONDS));
         }
         assertThrows(IllegalStateException.class, client::poll);
-        Semaphore running = new Semaphore(0);
+        CountDownLatch begun = new CountDownLatch(1);
+        CountDownLatch ended = new CountDownLatch(1);
         Registration slow = client.listen(event -> {
-            running.release();
+            begun.countDown();
             LockSupport.parkNanos(50_000_000);
-            running.tryAcquire();
+            ended.countDown();
         });
         bridge.report(events.get(0));
-        running.acquire();
-        running.release();
+        begun.await();
         slow.close();
-        assertEquals(0, running.availablePermits(), "closed, and still running");
+        assertEquals(0, ended.getCount(), "closed, and still running");
         registrations.get(2).close();
         assertEquals(List.of("a listener throws", "hears one event", "a listener throws"),
                 failures.subList(0, 3));

@@ -2,7 +2,9 @@ package com.zivolt.hardware.dsp.trials;
 
 import com.zivolt.hardware.dsp.client.AudioBlock;
 import java.io.IOException;
+import java.io.InputStream;
 import java.io.OutputStream;
+import java.net.URL;
 import java.nio.file.*;
 import java.util.*;
 import java.util.concurrent.Callable;
@@ -26,9 +28,11 @@ public final class RecorderTrial implements Callable<Integer> {
     private static final int LINES = 12;
     private static final double PERIOD_S = 0.45;
     private static final double SLACK_S = 0.5;
+    private static final long MOST_GROWTH_KB = 24 * 1024;
     private static final int FILLING_BYTES = 1 << 20;
 
-    @Option(names = "--runs", description = "How many times it is killed; ${DEFAULT-VALUE}.")
+    @Option(names = "--runs", description = "How many times it is killed; ${DEFAULT-VALUE}. With 0"
+            + " it records once, for the whole time, and its memory is watched.")
     private int runs = 5;
 
     @Option(names = "--seconds", description = "How long a run may take; ${DEFAULT-VALUE}.")
@@ -96,20 +100,20 @@ public final class RecorderTrial implements Callable<Integer> {
         Path said = folder.resolveSibling(folder.getFileName() + ".said");
         Process cards = new ProcessBuilder(build + "/bin/cardsim", "--cards", "4,8",
                 "--virtual-time", "--speed", "" + speed, "--scenario", "" + scenario(run, random),
-                "--", "java", "-Xmx64m", "-jar", build + "/lib/dspcard-recorder.jar", "--folder",
-                "" + folder, "--reserve", "1M").directory(build.resolve("firmware").toFile())
+                "--", "java", "-Xms64m", "-Xmx64m", "-XX:+AlwaysPreTouch", "-jar", build + "/lib/dspcard-recorder.jar", "--folder",
+                "" + folder, "--reserve", "1M", "--status", "127.0.0.1:0").directory(build.resolve("firmware").toFile())
                 .redirectErrorStream(true).redirectOutput(said.toFile()).start();
         while (cards.isAlive() && !Files.readString(said).contains("card 1 runs")) {
             Thread.sleep(20);
         }
-        long left_ms = 1000 + random.nextInt(seconds * 1000 - 999);
+        long left_ms = runs == 0 ? seconds * 1000L : 1000 + random.nextInt(seconds * 1000 - 999);
         while (fill && left_ms > 1500) {
             long until = 500 + random.nextInt((int) left_ms - 1000);
             Thread.sleep(until / 2);
             fillDisk(until / 2);
             left_ms -= until;
         }
-        Thread.sleep(left_ms);
+        watch(cards, Files.readString(said), left_ms);
         long asked = System.nanoTime();
         for (ProcessHandle recorder : cards.children().toList()) {
             boolean sent = kill ? recorder.destroyForcibly() : recorder.destroy();
@@ -123,6 +127,36 @@ public final class RecorderTrial implements Callable<Integer> {
         findIf(!time.find(), "no report of the cards:\n" + text);
         ending[run] = (System.nanoTime() - asked) / 1e9;
         return Double.parseDouble(time.group(1));
+    }
+
+    /** Asks for the status every second, as its page does, and for the memory that it takes. */
+    private void watch(Process cards, String said, long left_ms)
+            throws IOException, InterruptedException {
+        Matcher address = Pattern.compile("http://[0-9.:]+/").matcher(said);
+        findIf(!address.find(), "no status is shown");
+        long warm_kB = 0;
+        long last_kB = 0;
+        for (long left = left_ms; left > 1000; left -= 1000) {
+            Thread.sleep(1000);
+            for (String what : List.of("state", "metrics", "calls", "day")) {
+                try (InputStream in = new URL(address.group() + what).openStream()) {
+                    findIf(in.readAllBytes().length < 10, "no " + what);
+                }
+            }
+            last_kB = residentMemory(cards.children().findFirst().orElseThrow().pid());
+            warm_kB = left > left_ms * 4 / 5 ? last_kB : warm_kB;
+        }
+        Thread.sleep(left_ms % 1000);
+        if (runs == 0) {
+            System.out.printf("recorder trial: %d kB resident after the first fifth, %d kB at the"
+                    + " end%n", warm_kB, last_kB);
+            findIf(last_kB - warm_kB > MOST_GROWTH_KB, "the process grows");
+        }
+    }
+
+    private static long residentMemory(long process) throws IOException {  // in pages of 4 kB
+        return 4 * Long.parseLong(Files.readString(Path.of("/proc/" + process + "/statm"))
+                .split(" ")[1]);
     }
 
     private Path scenario(int run, Random random) throws IOException {

@@ -1,17 +1,18 @@
 package com.zivolt.hardware.dsp.trials;
 
 import com.zivolt.hardware.dsp.client.*;
-import java.io.IOException;
+import java.io.*;
 import java.nio.file.*;
-import java.time.Duration;
-import java.util.concurrent.Callable;
+import java.time.Instant;
+import java.util.*;
+import java.util.concurrent.*;
 import java.util.stream.IntStream;
 import picocli.CommandLine;
 import picocli.CommandLine.*;
 
 /** Uses simulated cards with calls as an application does, for as long as one likes. */
 @Command(name = "Soak", mixinStandardHelpOptions = true, description = {
-    "Uses two simulated cards with verifiable audio and calls as an application does, and checks",
+    "Listens to two simulated cards with verifiable audio and calls, and checks",
     "every byte of every line, that nothing is lost, and that the process does not grow."},
         exitCodeListHeading = "%nExit status:%n",
         exitCodeList = {"0:nothing found", "1:something found", "2:wrong usage"})
@@ -31,8 +32,15 @@ public final class Soak implements Callable<Integer> {
             description = "The same in days of a four- and an eight-channel card.")
     private long days;
 
+    private static final long SILENCE_S = 30;
+
     private final AudioChecker checker = new AudioChecker();
+    private final CountDownLatch finished = new CountDownLatch(1);
+    private final Set<Integer> talking = new HashSet<>();
+    private Instant latest = Instant.MIN;
+    private volatile long taken;
     private long events;
+    private long runningCards;
     private long warm_kB;
     private long last_kB;
     private long found;
@@ -43,28 +51,49 @@ public final class Soak implements Callable<Integer> {
     }
 
     @Override
-    public Integer call() throws IOException, InterruptedException {
+    public Integer call() throws InterruptedException {
         transfers = Math.max(days > 0 ? days * TRANSFERS_PER_DAY : transfers, SAMPLES);
         CardClient client = new CardClient();
+        client.onListenerFailure((listener, failure) -> findIf(true, failure));
         client.apply(settings(0));
+        Registration registration = client.listen(event -> hear(client, event));
         client.start();
         client.startRecording();
-        CardEvent event;
+        long before;
         do {
-            event = client.poll(Duration.ofSeconds(30)).orElse(null);
-            if (event instanceof CardEvent.AudioRecorded audio) {
-                checker.check(audio);
-                atTransfer(client, checker.transfers());
-            } else if (event != null) {
-                ++events;
-                findIf(event instanceof CardEvent.CardError, event);
-            }
-        } while (event != null && checker.transfers() < transfers);
-        findIf(event == null, "the cards have fallen silent");
+            before = taken;
+        } while (!finished.await(SILENCE_S, TimeUnit.SECONDS) && taken != before);
+        findIf(finished.getCount() != 0, "the cards have fallen silent");
+        registration.close();
         return judge();
     }
 
-    private void atTransfer(CardClient client, long number) throws IOException {
+    private void hear(CardClient client, CardEvent event) {
+        if (taken == transfers) {
+            return;
+        }
+        findIf(event.time().isBefore(latest), event);
+        latest = event.time();
+        if (event instanceof CardEvent.AudioRecorded audio) {
+            checker.check(audio);
+            taken = checker.transfers();
+            atTransfer(client, taken);
+        } else if (event instanceof CardEvent.CardStateChanged change) {
+            findIf(change.state() != CardState.RUNNING, change);
+            ++runningCards;
+        } else {
+            ++events;
+            findIf(event instanceof CardEvent.CardError
+                    || event instanceof CardEvent.CallStarted call && !talking.add(call.line())
+                    || event instanceof CardEvent.CallEnded end && !talking.remove(end.line()),
+                    event);
+        }
+        if (taken == transfers) {
+            finished.countDown();
+        }
+    }
+
+    private void atTransfer(CardClient client, long number) {
         if (number % TRANSFERS_PER_COMMAND == 0) {
             client.apply(settings(number / TRANSFERS_PER_COMMAND));
         }
@@ -85,8 +114,12 @@ public final class Soak implements Callable<Integer> {
         return table.build();
     }
 
-    private static long residentMemory() throws IOException {  // told in pages of 4 kB
-        return 4 * Long.parseLong(Files.readString(Path.of("/proc/self/statm")).split(" ")[1]);
+    private static long residentMemory() {  // told in pages of 4 kB
+        try {
+            return 4 * Long.parseLong(Files.readString(Path.of("/proc/self/statm")).split(" ")[1]);
+        } catch (IOException failure) {
+            throw new UncheckedIOException(failure);
+        }
     }
 
     private void findIf(boolean isSo, Object what) {
@@ -98,6 +131,7 @@ public final class Soak implements Callable<Integer> {
 
     private int judge() {
         findIf(!checker.allWell(2), checker);
+        findIf(runningCards != 2, "other cards than two that always run: " + runningCards);
         findIf(events == 0, "no calls: were the cards started with some?");
         findIf(last_kB - warm_kB > MOST_GROWTH_KB, "the process grows");
         System.out.println(("soak: %s, %d events, %d kB resident after the first fifth, %d kB at"
