@@ -28,6 +28,7 @@ const Row kRows[] = {
     {"exchange, 4 channels", "exchange_4_floor", "exchange_4_driver", "cpu_time", 1.25},
     {"exchange, 8 channels", "exchange_8_floor", "exchange_8_driver", "cpu_time", 1.25},
     {"getPacket, audio", "getPacket_floor", "getPacket_driver", "cpu_time", 1.15},
+    {"a second of a listener : of polling", "listener_floor", "listener_driver", "cpu_time", 1.0},
     {"backlog, a packet, 10,000 : 1,000", "drain/1000", "drain/10000", "packet_ns", 1.5},
     {"backlog, a packet, 100,000 : 1,000", "drain/1000", "drain/100000", "packet_ns", 1.5},
     {"backlog, a packet, 1,000,000 : 1,000", "drain/1000", "drain/1000000", "packet_ns", 1.5},

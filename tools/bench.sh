@@ -83,10 +83,10 @@ poll_delay() {
         >>"$results/poll_delay"
 }
 
-repetitions=9 seconds=0.1 batches=40000 polled=180
+repetitions=9 seconds=0.1 batches=40000 listened=60 polled=180
 while (($# > 0)); do
     case $1 in
-        --quick) repetitions=5 seconds=0.05 batches=10000 polled=5 ;;
+        --quick) repetitions=5 seconds=0.05 batches=10000 listened=10 polled=5 ;;
         --help) show_help ;;
         *) wrong_usage "what is $1?" ;;
     esac
@@ -103,9 +103,17 @@ mkdir -p "$results"
 bench exchange_4 exchange_bench 4
 bench exchange_8 exchange_bench 8
 bench backlog backlog_bench
-run getPacket java -XX:+UseSerialGC -Xmx256m -Djava.library.path="$build/lib/bench" \
-    -cp "$build/lib/dspcard-bench.jar:$build/lib/dspcard.jar" \
-    com.zivolt.hardware.dsp.bench.GetPacketBench "$results/getPacket.json" "$batches"
+# java_bench NAME CLASS ARGUMENT...: the same of a Java program.
+java_bench() {
+    local name=$1 class=$2
+    shift 2
+    run "$name" java -XX:+UseSerialGC -Xmx256m \
+        "-Ddspcard.library=$build/lib/bench/libdspcard.so" \
+        -cp "$build/lib/dspcard-bench.jar:$build/lib/dspcard.jar" \
+        "com.zivolt.hardware.dsp.bench.$class" "$results/$name.json" "$@"
+}
+java_bench getPacket GetPacketBench "$batches"
+java_bench listener ListenerBench "$listened"
 
 without=(prlimit --rtprio=0)
 ((EUID != 0)) || without=(setpriv '--bounding-set=-sys_nice,-ipc_lock' "${without[@]}")

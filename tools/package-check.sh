@@ -121,6 +121,7 @@ cp "${package[0]}" "$root/tmp/dspcard.deb"
 # The dependencies first and the package by itself: then the list of files shows what it leaves.
 inside "apt: what the package depends on" "$root" apt-get satisfy -y --no-install-recommends \
     "$(dpkg-deb --field "${package[0]}" Depends)"
+install "apt: a compiler, for the client's page" openjdk-17-jdk-headless
 list_files >"$work/before"
 install "apt: the package" /tmp/dspcard.deb
 expect "the package's dependencies" '^0 upgraded, 1 newly installed, 0 to remove'
@@ -130,6 +131,9 @@ as_user "cardcheck on simulated cards" 'cardsim --cards 4,8 -- cardcheck --reset
 expect "cardcheck" '^cardcheck: .* 0 failed'
 as_user "the bench program" 'cardsim --virtual-time --seconds 60 -- dspcard-bench'
 expect "the bench program" 'Transfer Count = 100'
+as_user "the commands of the client's page" "$(sed -n '/^With the package/,/^Either/p' docs/client.md |
+    grep -vE '^(```|sudo|[WE]|$)')"
+expect "the client's page" '^line [0-9]*: call since'
 as_user "Java finds the library by itself" 'cardsim --virtual-time -- java \
     -jar /usr/share/java/dspcard-recorder.jar --folder /tmp/found --seconds 2'
 as_user "recording calls for 15 s" 'cardsim --cards 4,8 --traffic --seed 1 -- \

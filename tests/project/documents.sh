@@ -63,7 +63,7 @@ simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
         -jar "$build/lib/dspcard-recorder.jar" --folder "$work/recordings/1T1Z"
     java -cp "$build/lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram \
         --folder "$work/recordings/1T1Z" --limit 0
-    simulated --cards 4,8 --traffic --seconds 60 --speed 20 -- java -jar "$build/lib/dspcard-example.jar"
+    simulated --cards 4,8 --traffic --speed 10 --seconds 60 -- java -jar "$build/lib/dspcard-example.jar"
 } 2>&1 | plain | sort -u >"$work/said"
 for page in README.md docs/client.md docs/recorder.md; do
     while read -r line; do wrong "nothing prints: $line"; done < <(

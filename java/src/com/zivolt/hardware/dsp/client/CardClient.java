@@ -221,8 +221,8 @@ public final class CardClient {
      * included, only when what it took before has been played.
      *
      * @param audio any number of bytes in the card's own encoding; copied
-     * @throws IllegalStateException when this client has not enabled playback: the audio would wait,
-     *     and everything that is sent later behind it
+     * @throws IllegalStateException when this client has not enabled playback: the audio would
+     *     wait, and everything that is sent later behind it
      */
     public void play(byte[] audio) {
         sentAgain.play(Objects.requireNonNull(audio, "audio"));

@@ -13,7 +13,7 @@ public enum CardState {
      * seventh such transfer over all cards the driver boots all of them again.
      */
     LOCKED_UP,
-    /** The driver boots all cards again; nothing has come from this one yet that shows it running. */
+    /** The driver boots all cards again; nothing that shows it running has come from this one. */
     RESTARTING,
     /**
      * It has delivered nothing since it was booted, or the same transfer whenever it was asked, so

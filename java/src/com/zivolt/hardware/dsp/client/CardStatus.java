@@ -1,6 +1,7 @@
 package com.zivolt.hardware.dsp.client;
 
 import java.time.Instant;
+import java.util.Objects;
 import java.util.Optional;
 
 /**
@@ -19,4 +20,28 @@ import java.util.Optional;
  */
 public record CardStatus(int card, int firstLine, int lines, CardState state,
         Optional<Instant> lastAudio, long transfers, long missed, long lockUps, long restarts) {
+    /**
+     * Checks the values.
+     *
+     * @param card 0 or 1
+     * @param firstLine 0 to 12
+     * @param lines 4 or 8
+     * @param state not null
+     * @param lastAudio not null
+     * @param transfers from 0
+     * @param missed from 0
+     * @param lockUps from 0
+     * @param restarts from 0
+     */
+    public CardStatus {
+        Objects.requireNonNull(state, "state");
+        Objects.requireNonNull(lastAudio, "lastAudio");
+        if (card < 0 || card > 1 || lines != 4 && lines != 8 || LineSettings.checkedLine(firstLine)
+                + lines > LineSettings.LINES || Math.min(Math.min(transfers, missed),
+                Math.min(lockUps, restarts)) < 0) {
+            throw new IllegalArgumentException("No card stands so: card %d, %d lines from %d on,"
+                    .formatted(card, lines, firstLine) + " %d transfers, %d missed, %d lock-ups,"
+                    .formatted(transfers, missed, lockUps) + " " + restarts + " restarts");
+        }
+    }
 }

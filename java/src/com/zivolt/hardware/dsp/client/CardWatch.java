@@ -58,7 +58,8 @@ final class CardWatch {
             firstLine += linesOfCards[card];
         }
         if (cards.isEmpty()) {
-            changes.add(new CardStateChanged(now, 0, CardState.STARTING, CardState.ABSENT, trouble));
+            changes.add(new CardStateChanged(now, 0, CardState.STARTING, CardState.ABSENT,
+                    trouble));
         }
     }
 

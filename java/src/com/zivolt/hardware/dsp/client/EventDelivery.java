@@ -3,6 +3,7 @@ package com.zivolt.hardware.dsp.client;
 import java.util.List;
 import java.util.Objects;
 import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.function.BiConsumer;
 
@@ -11,7 +12,8 @@ import java.util.function.BiConsumer;
  * listeners and the cards have been started. May be used by any thread.
  */
 final class EventDelivery {
-    private static final long POLL_INTERVAL_MS = 10;
+    /** The driver itself looks at the cards ten times a second. */
+    private static final long POLL_INTERVAL_NS = 20_000_000;
 
     private final EventReader reader;
     private final List<Listening> listeners = new CopyOnWriteArrayList<>();
@@ -78,14 +80,10 @@ final class EventDelivery {
         return thread != null;
     }
 
-    private synchronized void pause() {
-        try {
-            if (!listeners.isEmpty()) {
-                wait(POLL_INTERVAL_MS);
-            }
-        } catch (InterruptedException ofSomeListener) {
-            return;  // means nothing to the others
-        }
+    /** Ends early when a listener leaves. */
+    private static void pause() {
+        LockSupport.parkNanos(POLL_INTERVAL_NS);
+        Thread.interrupted();  // a listener's doing, which means nothing to the others
     }
 
     /** Whether anybody was there to hear it. */
@@ -148,7 +146,7 @@ final class EventDelivery {
 
     private synchronized void leave(Listening listening) {
         listeners.remove(listening);
-        notifyAll();
+        LockSupport.unpark(thread);
     }
 
     /** Of the thread that ends with the last listener: nobody must poll beside it. */

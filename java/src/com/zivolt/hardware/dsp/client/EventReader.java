@@ -57,6 +57,7 @@ final class EventReader {
         byte[] frame = bridge.getPacket();
         if (frame == null) {
             watch.look(before);
+            sentAgain.observeNone();
             askForCards(before, false);
         } else {
             CardEvent event = decoded(frame, before);

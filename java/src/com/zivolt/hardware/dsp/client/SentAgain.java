@@ -23,6 +23,7 @@ final class SentAgain {
     private boolean playback;
     private long bootsSeen;
     private int exchangesUntilMonitoring;
+    private boolean upToDate;
 
     SentAgain(CardBridge bridge) {
         this.bridge = bridge;
@@ -76,10 +77,15 @@ final class SentAgain {
         if (boots != bootsSeen) {
             bootsSeen = boots;
             sendAgain();
-        } else if (exchangesUntilMonitoring > 0 && --exchangesUntilMonitoring == 0
+        } else if (exchangesUntilMonitoring > 0 && upToDate && --exchangesUntilMonitoring == 0
                 && monitored != NO_LINE) {
             bridge.setMonitoring(monitored);
         }
+    }
+
+    /** No event waits: those that come now happen after what was sent. */
+    synchronized void observeNone() {
+        upToDate = true;
     }
 
     /** A monitored line of card 1 would keep card 0 from taking the settings. */
@@ -89,10 +95,11 @@ final class SentAgain {
         }
         if (monitored != NO_LINE) {
             bridge.setMonitoring(NO_LINE);
-            exchangesUntilMonitoring = EXCHANGES_TO_TAKE_SETTINGS;
         }
         if (settings != null) {
             send(settings);
         }
+        exchangesUntilMonitoring = EXCHANGES_TO_TAKE_SETTINGS;
+        upToDate = false;
     }
 }

@@ -10,12 +10,12 @@ import java.util.Optional;
  * One card, and what shows how it is; see {@link CardWatch}. Times in milliseconds are of smooth
  * time.
  *
- * <p>A card whose boot failed may seem to deliver: the busy bit of its boot looks like a buffer that
- * is handed over, whenever the driver looks, and the buffer never changes. So a card is only taken
- * for a running one when a transfer differs from the one before, or when the same one comes again
- * and again but more slowly than the driver looks: then the lines are as quiet as that. The driver
- * looks ten times a second, and serves the other card at five of these at most; no card fills a
- * buffer in less than {@link #FASTEST_CARD_MS}.
+ * <p>A card whose boot failed may seem to deliver: the busy bit of its boot looks like a buffer
+ * that is handed over, whenever the driver looks, and the buffer never changes. So a card is only
+ * taken for a running one when a transfer differs from the one before, or when the same one comes
+ * again and again but more slowly than the driver looks: then the lines are as quiet as that. The
+ * driver looks ten times a second, and serves the other card at five of these at most; no card
+ * fills a buffer in less than {@link #FASTEST_CARD_MS}.
  */
 final class WatchedCard {
     private static final long SILENT_AFTER_MS = 3_000;

@@ -67,7 +67,8 @@ final class NativeLibrary {
         if (jar != null) {
             files.add(jar.resolveSibling(NAME));
         }
-        for (String folder : System.getProperty("java.library.path", "").split(File.pathSeparator)) {
+        String folders = System.getProperty("java.library.path", "");
+        for (String folder : folders.split(File.pathSeparator)) {
             if (!folder.isEmpty()) {
                 files.add(Path.of(folder, NAME).toAbsolutePath());
             }

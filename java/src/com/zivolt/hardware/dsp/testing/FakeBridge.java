@@ -16,8 +16,8 @@ import java.util.List;
 import java.util.Queue;
 
 /**
- * Stands in for the driver in tests of an application: the test says what the cards report, and sees
- * what the application sent. Needs neither cards nor the driver's library. May be used by any
+ * Stands in for the driver in tests of an application: the test says what the cards report, and
+ * sees what the application sent. Needs neither cards nor the driver's library. May be used by any
  * thread.
  *
  * <pre>{@code

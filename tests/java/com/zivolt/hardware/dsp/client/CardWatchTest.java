@@ -11,8 +11,8 @@ import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.CsvSource;
 
 /**
- * What the watch makes of sequences of events. A story is told in steps: A0 another transfer of card
- * 0, a0 the same one again, L a lock-up, M a missed transfer, X no memory, +N milliseconds with a
+ * What the watch makes of sequences of events. A story is told in steps: A0 another transfer of
+ * card 0, a0 the same one again, L a lock-up, M a missed transfer, X no memory, +N milliseconds with a
  * look every 100, !N milliseconds with one look at their end, N[...] that so often. What it tells
  * begins with the seconds since the start. There is a second card if the story tells of it.
  */
@@ -90,7 +90,8 @@ class CardWatchTest {
     private void tell(String story) {
         Matcher loop = LOOP.matcher(story);
         while (loop.find()) {
-            story = loop.replaceFirst((loop.group(2) + " ").repeat(Integer.parseInt(loop.group(1))));
+            int times = Integer.parseInt(loop.group(1));
+            story = loop.replaceFirst((loop.group(2) + " ").repeat(times));
             loop = LOOP.matcher(story);
         }
         for (String step : story.trim().split(" +")) {
