@@ -325,14 +325,14 @@ ssize_t splice(int from, off64_t* first, int to, off64_t* last, std::size_t coun
 FILE* fdopen(int fd, const char* mode) noexcept {
     return refusesPorts("fdopen", fd) ? nullptr : REAL(fdopen)(fd, mode);
 }
-#define ASYNCHRONOUS(name, control)                                             \
-    int name(control* block) noexcept {                                         \
+#define ASYNCHRONOUS(name, parameters)                                          \
+    int name parameters noexcept {                                              \
         return refusesPorts(#name, block->aio_fildes) ? -1 : REAL(name)(block); \
     }
-ASYNCHRONOUS(aio_read, aiocb)
-ASYNCHRONOUS(aio_write, aiocb)
-ASYNCHRONOUS(aio_read64, aiocb64)
-ASYNCHRONOUS(aio_write64, aiocb64)
+ASYNCHRONOUS(aio_read, (aiocb * block))
+ASYNCHRONOUS(aio_write, (aiocb * block))
+ASYNCHRONOUS(aio_read64, (aiocb64 * block))
+ASYNCHRONOUS(aio_write64, (aiocb64 * block))
 #undef ASYNCHRONOUS
 
 #define SEEK(name, place)                                                  \

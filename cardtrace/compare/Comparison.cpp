@@ -221,7 +221,7 @@ const Record* Comparison::ahead(std::size_t index) {
 // The next buffers of the card, from a record to come on, at which that buffer is released; null
 // when there are none. from becomes the record behind.
 const Record* Comparison::nextBuffers(int slot, int buffer, std::size_t& from) {
-    for (; const Record* const record = ahead(from); ++from) {
+    for (const Record* record = ahead(from); record != nullptr; record = ahead(++from)) {
         if (record->kind != Kind::kBuffers || record->port != slot) {
             continue;
         }

@@ -200,7 +200,7 @@ void ReplayedCards::showBuffer(const ScriptRecord& read) {
 const ScriptRecord* ReplayedCards::buffersOfRelease(const ScriptRecord* from, int slot,
                                                     int buffer) const {
     const ScriptRecord* buffers = nullptr;
-    const std::uint16_t base =
+    const auto base =
         static_cast<std::uint16_t>(portMap::kFirstBase + slot * portMap::kPortsOfCard);
     const int port = base + (buffer == 0 ? portMap::kControl : portMap::kBuffer1);
     for (const ScriptRecord* next = script.after(from); next != nullptr;

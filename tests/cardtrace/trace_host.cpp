@@ -40,10 +40,13 @@ int main(int, char** argv) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::thread([signals] { printPackets(signals); }).detach();
 
-    unsigned char settings[48] = {static_cast<unsigned char>(std::atoi(argv[1]))};
-    for (int i = 1; i < 48; ++i) {
-        settings[i] = static_cast<unsigned char>(i % 3);
+    // Lines are triggered in every way: never, by the hook, and by voice, for two seconds.
+    unsigned char settings[48] = {};
+    for (int line = 0; line < 16; ++line) {
+        settings[3 * line + 1] = static_cast<unsigned char>(line % 4);
+        settings[3 * line + 2] = 2;
     }
+    settings[0] = static_cast<unsigned char>(std::atoi(argv[1]));
     dispatcher.addPacketToReceiveQueue(PACKET_LINE_SETTINGS, sizeof(settings), settings);
     for (int i = 0; i < 12; ++i) {
         unsigned char audio[600];
