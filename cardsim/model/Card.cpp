@@ -266,6 +266,9 @@ void Card::turn(std::uint64_t time) {
 }
 
 void Card::takeTurn() {
+    if (strikes(FaultKind::kSilent)) {
+        return;
+    }
     Buffer& buffer = buffers[nextBuffer];
     nextBuffer ^= 1;
     if (buffer.handedOver) {

@@ -181,10 +181,6 @@ final class Call {
     }
 
     /** Whether its file is closed and has its name. */
-    boolean isNamed() {
-        return named;
-    }
-
     void named(boolean isSo) {
         named = isSo;
         if (!isSo && bytes() > 0) {

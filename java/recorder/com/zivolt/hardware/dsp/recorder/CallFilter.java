@@ -56,8 +56,8 @@ final class CallFilter {
                 .map(outcome -> '"' + outcome.code() + '"').toList().toString());
     }
 
-    CallFilter over(boolean over) {
-        return where("outcome " + (over ? "NOT " : "") + "IN ('open', 'ringing')");
+    CallFilter over() {
+        return where("outcome NOT IN ('open', 'ringing')");
     }
 
     CallFilter idAbove(long id) {
@@ -83,6 +83,22 @@ final class CallFilter {
         try (PreparedStatement query = log.prepareStatement("SELECT * FROM call" + conditions
                 + " ORDER BY start_ms, id LIMIT ?")) {
             hand(query, Integer.MAX_VALUE, taker);
+        }
+    }
+
+    /** Hands over all, the first that was logged first; for few that are asked for by number. */
+    void byNumber(Connection log, Taker taker) throws IOException, SQLException {
+        try (PreparedStatement query = log.prepareStatement("SELECT * FROM call" + conditions
+                + " ORDER BY id LIMIT ?")) {
+            hand(query, Integer.MAX_VALUE, taker);
+        }
+    }
+
+    /** Hands over all calls that go on; without the index a year's rows would be read for that. */
+    static void goingOn(Connection log, Taker taker) throws IOException, SQLException {
+        try (PreparedStatement query = log.prepareStatement("SELECT * FROM call INDEXED BY"
+                + " call_unfinished WHERE outcome IN ('open', 'ringing') ORDER BY id LIMIT ?")) {
+            new CallFilter().hand(query, Integer.MAX_VALUE, taker);
         }
     }
 

@@ -120,7 +120,7 @@ final class CallLog implements Closeable {
     /** Rows of calls that are not over. */
     List<CallRow> unfinished() throws IOException {
         List<CallRow> rows = new ArrayList<>();
-        ask(() -> new CallFilter().over(false).all(log, rows::add));
+        ask(() -> CallFilter.goingOn(log, rows::add));
         return rows;
     }
 

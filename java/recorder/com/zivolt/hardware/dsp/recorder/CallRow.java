@@ -7,6 +7,7 @@ import java.time.Instant;
  * A row of the call log. Texts are as they came over the line.
  *
  * @param id grows with every call
+ * @param card -1 when it is not known
  * @param start when the call began; when the caller was identified as long as nobody has answered
  * @param end as known so far while the call goes on
  * @param duration as if the clock had never been set, so not always end minus start
@@ -38,7 +39,7 @@ record CallRow(long id, int line, int card, Direction direction, String caller, 
     /** What can be said of a call of which there is nothing but the file. */
     static CallRow ofFile(long id, RecordingFolder.NameFacts facts, Instant end, Outcome outcome) {
         Instant last = end.isBefore(facts.start()) ? facts.start() : end;
-        return new CallRow(id, facts.line(), 0, Direction.UNKNOWN, "", "", facts.start(), last,
+        return new CallRow(id, facts.line(), -1, Direction.UNKNOWN, "", "", facts.start(), last,
                 Duration.between(facts.start(), last), outcome, 0, Duration.ZERO, 0, 0, null, null,
                 null);
     }

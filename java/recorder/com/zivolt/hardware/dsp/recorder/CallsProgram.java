@@ -10,7 +10,6 @@ import java.nio.file.Path;
 import java.sql.Connection;
 import java.sql.SQLException;
 import java.time.Duration;
-import java.time.Instant;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Locale;
@@ -166,8 +165,8 @@ public final class CallsProgram implements Callable<Integer> {
         Set<Long> goingOn = new TreeSet<>();
         try (Connection log = open()) {
             last = CallTable.number(log, "SELECT max(id) FROM call");
-            new CallFilter().over(false).all(log, row -> goingOn.add(row.id()));
-            CallFilter filter = follow ? filter().over(true) : filter();
+            CallFilter.goingOn(log, row -> goingOn.add(row.id()));
+            CallFilter filter = follow ? filter().over() : filter();
             if (limit > 0) {
                 int[] found = {0};
                 filter.search(log, limit, row -> {
@@ -193,8 +192,8 @@ public final class CallsProgram implements Callable<Integer> {
             throws IOException, SQLException {
         try (Connection log = open()) {
             List<CallRow> changed = new ArrayList<>();
-            new CallFilter().ids(goingOn).all(log, changed::add);
-            new CallFilter().idAbove(last).all(log, changed::add);
+            new CallFilter().ids(goingOn).byNumber(log, changed::add);
+            new CallFilter().idAbove(last).byNumber(log, changed::add);
             List<Long> ended = new ArrayList<>();
             long highest = last;
             for (CallRow row : changed) {
@@ -205,7 +204,7 @@ public final class CallsProgram implements Callable<Integer> {
                 }
             }
             goingOn.removeAll(ended);
-            filter().ids(ended).all(log, writer::write);
+            filter().ids(ended).byNumber(log, writer::write);
             return highest;
         }
     }

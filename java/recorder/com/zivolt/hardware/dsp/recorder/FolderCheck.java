@@ -87,7 +87,7 @@ final class FolderCheck {
 
     private boolean isStillSo(CallRow row) throws IOException, SQLException {
         List<CallRow> now = new ArrayList<>();
-        new CallFilter().ids(List.of(row.id())).all(log, now::add);
+        new CallFilter().ids(List.of(row.id())).byNumber(log, now::add);
         return now.contains(row);
     }
 

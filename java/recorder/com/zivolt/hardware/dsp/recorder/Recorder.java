@@ -22,6 +22,7 @@ import java.util.function.Consumer;
  * call's audio only.
  */
 final class Recorder implements Closeable {
+    private static final int MOST_WAITING = 1_000;
     private static final long WAIT_MS = 100;
     private static final long FORCE_NANOS = 5_000_000_000L;
     private static final long LOOK_NANOS = 1_000_000_000L;
@@ -42,6 +43,7 @@ final class Recorder implements Closeable {
     private volatile boolean ending;
     private boolean losing;
     private String trouble = "";
+    private boolean troubled;
     private long forced;
     private long looked;
 
@@ -136,6 +138,8 @@ final class Recorder implements Closeable {
         looked = forced;
         while (!ending) {
             guarded(this::turn);
+            trouble = troubled ? trouble : "";
+            troubled = false;
         }
         guarded(this::turn);
         guarded(() -> {
@@ -149,16 +153,16 @@ final class Recorder implements Closeable {
         void run() throws IOException, InterruptedException;
     }
 
-    /** Nothing that goes wrong ends the recording of what comes next. */
+    /** Nothing that goes wrong ends the recording of what comes next; told once as long as it stays. */
     private void guarded(Step step) {
         try {
             step.run();
-            trouble = "";
         } catch (IOException | InterruptedException | RuntimeException failure) {
             if (!trouble.equals(reason(failure))) {
                 fail("go on as usual", failure);
             }
             trouble = reason(failure);
+            troubled = true;
         }
     }
 
@@ -167,7 +171,7 @@ final class Recorder implements Closeable {
         long now = System.nanoTime();
         tellLost();
         for (CardEvent event : events) {
-            keeper.handle(event);
+            guarded(() -> keeper.handle(event));
         }
         if (events.isEmpty()) {
             keeper.timePasses(Instant.now());
@@ -261,7 +265,9 @@ final class Recorder implements Closeable {
             CallRow row = call.lastRow();
             keeper.calls().remove(call);
             log.put(row);
-            logged.add(row);
+            if (logged.size() < MOST_WAITING) {
+                logged.add(row);
+            }
             outcomes.get(row.outcome()).incrementAndGet();
             seen.over(row);
             if (row.outcome() != Outcome.MISSED) {
@@ -285,17 +291,19 @@ final class Recorder implements Closeable {
         try {
             step.run();
             return true;
-        } catch (IOException failure) {
-            boolean noRoom = false;
-            try {
-                noRoom = room.wasFull(failure);
-            } catch (IOException unknown) {
-                // the folder itself is gone; the failure says so
-            }
-            if (!noRoom && call.failsFirst()) {
+        } catch (IOException | RuntimeException failure) {
+            if (!isForLackOfRoom(failure) && call.failsFirst()) {
                 fail(what + " " + call.file(), failure);
             }
             return false;
+        }
+    }
+
+    private boolean isForLackOfRoom(Exception failure) {
+        try {
+            return failure instanceof IOException writing && room.wasFull(writing);
+        } catch (IOException unknown) {
+            return false;  // the folder itself is gone; the failure says so
         }
     }
 

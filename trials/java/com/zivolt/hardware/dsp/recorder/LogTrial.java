@@ -50,6 +50,12 @@ public final class LogTrial implements Callable<Integer> {
                 }
             }
             log.commit();
+            long[] starts = new long[SEARCHES];
+            for (int i = 0; i < SEARCHES; ++i) {
+                long start = System.nanoTime();
+                new TakeUp(recordings, log, System.out::println).run();
+                starts[i] = System.nanoTime() - start;
+            }
             long[] searches = new long[SEARCHES];
             try (Connection reader = CallTable.openForReading(folder.resolve(CallTable.FILE))) {
                 for (int i = 0; i < SEARCHES; ++i) {
@@ -64,6 +70,7 @@ public final class LogTrial implements Callable<Integer> {
                 single[i] = System.nanoTime() - start;
             }
             log.close();
+            tell("taking up at the start", starts);
             tell("a caller's calls of a day", searches);
             tell("one row, forced to the disk", single);
             tell("4 KiB, forced to the disk", forcedWrites(recordings));
