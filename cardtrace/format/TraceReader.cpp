@@ -86,7 +86,8 @@ std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_
     std::string chunk;
     for (std::size_t length = 256; offset + sizeof(magic) <= end; length *= 4) {
         chunk.resize(std::min(length, fileLayout::kBlockBytes));  // mostly it is right here
-        const auto wanted = std::min<std::uint64_t>(chunk.size(), end - offset);
+        const auto wanted =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
         const std::size_t got = source.read(offset, chunk.data(), wanted);
         const std::size_t found =
             std::string_view(chunk.data(), got).find(std::string_view(magic, sizeof(magic)));

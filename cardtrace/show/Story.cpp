@@ -14,7 +14,6 @@ namespace cardtrace {
 
 namespace {
 
-namespace layout = cardsim::layout;
 namespace portMap = cardsim::portMap;
 
 constexpr std::size_t kMostWaiting = 4096;
