@@ -41,7 +41,7 @@ for fuzzer in "${fuzzers[@]}"; do
     corpus=$build/corpus/$fuzzer
     log=$build/$fuzzer.log
     mkdir -p "$corpus"
-    if ! "$build/bin/${fuzzer}Fuzzer" -max_total_time="$seconds" -max_len=8192 -timeout=20 \
+    if ! "$build/bin/${fuzzer}Fuzzer" -max_total_time="$seconds" -max_len=20000 -timeout=20 \
         -print_final_stats=1 -artifact_prefix="$build/found/$fuzzer-" \
         "$corpus" "$PWD/fuzz/seeds/$fuzzer" >"$log" 2>&1; then
         found=$((found + 1))

@@ -92,8 +92,8 @@ void Recording::writeUntilStopped() {
         if (isLast) {
             return;
         }
-        if (Clock::now() - synced >= kSyncInterval && failure.empty()) {
-            writer.sync();
+        if (Clock::now() - synced >= kSyncInterval) {
+            keepOrGiveUp([this] { writer.sync(); });
             synced = Clock::now();
         }
         if (!foundSome) {
@@ -102,23 +102,41 @@ void Recording::writeUntilStopped() {
     }
 }
 
-// Goes on taking records when they cannot be written any more: the program must not wait for that.
 bool Recording::writeWhatThereIs() {
     bool found = false;
     Record record;
+    while (takeNext(record)) {
+        found = true;
+        keepOrGiveUp([this, &record] {
+            discretion.apply(record);
+            lastTime = record.time_us;
+            writer.add(record);
+        });
+    }
+    return found;
+}
+
+bool Recording::takeNext(Record& record) {
+    bool taken = false;
     try {
-        while (ring->take(record)) {
-            found = true;
-            if (failure.empty()) {
-                discretion.apply(record);
-                lastTime = record.time_us;
-                writer.add(record);
-            }
-        }
+        taken = ring->take(record);
     } catch (const std::exception& error) {
         failure = error.what();
     }
-    return found;
+    return taken;
+}
+
+// Records are taken even when they cannot be written any more: the program must not wait for that.
+template <class Keep>
+void Recording::keepOrGiveUp(Keep keep) {
+    if (!failure.empty()) {
+        return;
+    }
+    try {
+        keep();
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
 }
 
 }  // namespace cardtrace

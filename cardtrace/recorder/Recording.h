@@ -43,6 +43,9 @@ class Recording {
   private:
     void writeUntilStopped();
     bool writeWhatThereIs();
+    bool takeNext(Record& record);
+    template <class Keep>
+    void keepOrGiveUp(Keep keep);
 
     const int file;
     RecordRing* ring = nullptr;

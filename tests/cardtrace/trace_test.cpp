@@ -278,6 +278,7 @@ TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {
         {"$cardtrace compare $t/data", 3, "is no trace"},
         {"$cardsim --replay $t/data -- true", 1, "is no trace"},
         {"$cardsim --replay $t/data --cards 4 -- true", 2, "--cards excludes --replay"},
+        {"$cardsim --record /dev/full -- true", 1, "cannot write /dev/full: No space left"},
         {"$cardsim --without-audio -- true", 2, "--without-audio requires --record"},
     };
     for (const auto& [command, status, message] : kRows) {
