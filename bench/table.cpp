@@ -23,7 +23,7 @@ struct Row {
     double mostRatio;
 };
 
-// A name with a colon compares two figures of the driver.
+// A name with a colon compares two figures of the driver, or of the traps.
 const Row kRows[] = {
     {"exchange, 4 channels", "exchange_4_floor", "exchange_4_driver", "cpu_time", 1.25},
     {"exchange, 8 channels", "exchange_8_floor", "exchange_8_driver", "cpu_time", 1.25},
@@ -32,6 +32,8 @@ const Row kRows[] = {
     {"backlog, a packet, 10,000 : 1,000", "drain/1000", "drain/10000", "packet_ns", 1.5},
     {"backlog, a packet, 100,000 : 1,000", "drain/1000", "drain/100000", "packet_ns", 1.5},
     {"backlog, a packet, 1,000,000 : 1,000", "drain/1000", "drain/1000000", "packet_ns", 1.5},
+    {"port access, recorded : trapped", "access/plain", "access/recorded", "cpu_time", 2},
+    {"release, recorded : trapped", "release/plain", "release/recorded", "cpu_time", 6},
 };
 
 // Samples by benchmark and field.

@@ -103,6 +103,7 @@ mkdir -p "$results"
 bench exchange_4 exchange_bench 4
 bench exchange_8 exchange_bench 8
 bench backlog backlog_bench
+bench record record_bench
 # java_bench NAME CLASS ARGUMENT...: the same of a Java program.
 java_bench() {
     local name=$1 class=$2

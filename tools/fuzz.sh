@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Lets the fuzzers loose on load files, on the client's bytes and on transfer buffers.
+# Lets the fuzzers loose on load files, on the client's bytes, on transfer buffers and on traces.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=tools/usage.sh
@@ -31,7 +31,7 @@ while (($# > 0)); do
     shift
 done
 
-fuzzers=(loadFile putPacket transferBuffer)
+fuzzers=(loadFile putPacket transferBuffer trace)
 tools/build.sh fuzz "${fuzzers[@]/%/Fuzzer}"
 build=$PWD/build/fuzz
 mkdir -p "$build/found"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Proves the Debian package where nothing of this machine helps it. See --help.
+# Proves the Debian packages where nothing of this machine helps them. See --help.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # shellcheck source=tools/usage.sh
@@ -7,25 +7,36 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: tools/package-check.sh
+Usage: tools/package-check.sh [--quick] [ARCHITECTURE...]
 
-Builds the Debian package, makes a clean Debian 12 root, installs the package there with apt,
-records calls on simulated cards from it, removes it, and checks that nothing of it is left.
-Takes some minutes, a network and 1 GB under TMPDIR (/tmp); run it as root.
+For each architecture, amd64 and i386 when none is named: makes clean Debian 12 roots, in the first
+builds everything, runs all tests and builds the packages, twice, which must come out the same; looks
+at them with lintian and hardening-check; in the second installs them, has cardcheck tell of missing
+rights, records on simulated cards as the service's user, upgrades, removes, purges, and compares what
+is left. Looks at the service with systemd-analyze, and at the licence with reuse.
+Takes about 15 minutes an architecture, a network, and 4 GB under TMPDIR (/tmp); run it as root.
 
+  --quick         without the tests and the second build
   DEBIAN_MIRROR   where Debian comes from; debootstrap's own choice when not set
 
 Exit status: 0 all of it went well, 1 something did not (the message says what), 2 wrong usage.
 TEXT
 }
 
-case ${1-} in
-    '') ;;
-    --help) show_help ;;
-    *) wrong_usage "what is $1?" ;;
-esac
+quick=0
+architectures=()
+for argument in "$@"; do
+    case $argument in
+        --quick) quick=1 ;;
+        amd64 | i386) architectures+=("$argument") ;;
+        --help) show_help ;;
+        *) wrong_usage "what is $argument?" ;;
+    esac
+done
+((${#architectures[@]} > 0)) || architectures=(amd64 i386)
 
 mirror=(${DEBIAN_MIRROR:+"$DEBIAN_MIRROR"})
+unit=dspcard-record.service
 work=
 child=
 
@@ -36,7 +47,7 @@ fail() {
 
 say() { printf 'package-check: %4d s  %s\n' "$SECONDS" "$1"; }
 
-# Ends what runs in the root and takes the mounts away first: they must not be deleted through.
+# Ends what runs in the roots and takes the mounts away first: they must not be deleted through.
 clean_up() {
     trap '' INT TERM HUP
     if [[ -n $child ]]; then
@@ -73,77 +84,205 @@ run() {
 inside() {
     local what=$1
     shift
-    run "$what" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C DEBIAN_FRONTEND=noninteractive \
-        ${http_proxy:+http_proxy="$http_proxy"} chroot "$@"
+    run "$what" "$personality" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C HOME=/root \
+        DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} chroot "$root" "$@"
 }
-
-install() { inside "$1" "$root" apt-get install -y --no-install-recommends "${@:2}"; }
-as_user() { inside "$1" --userspec=nobody:nogroup "$root" sh -c "cd /usr/share/dspcard/firmware && $2"; }
+shell() { inside "$1" sh -c "$2"; }
+install() { inside "$1" apt-get install -y --no-install-recommends "${@:2}"; }
 
 # expect WHAT TEXT: the last command said that.
-expect() { grep -q -- "$2" "$work/log" || fail "$1: not a word of '$2'"; }
+expect() { grep -qE -- "$2" "$work/log" || fail "$1: not a word of '$2'"; }
 
 # Every path of the root but the records and stores of dpkg and apt.
 list_files() {
-    (cd "$root" && find . -xdev \( -path ./proc -o -path ./dev -o -path ./tmp -o -path ./var/lib/dpkg \
-        -o -path ./var/lib/apt -o -path ./var/cache -o -path ./var/log \) -prune -o -print) | sort
+    (cd "$root" && find . -xdev \( -path ./proc -o -path ./dev -o -path ./tmp -o -path ./root \
+        -o -path ./var/lib/dpkg -o -path ./var/lib/apt -o -path ./var/cache -o -path ./var/log \) \
+        -prune -o -print) | sort
 }
 
-check_calls() {
-    as_user "checking what was recorded" 'dspcard-calls check --folder /tmp/calls'
-    expect "the recordings" '^[1-9][0-9]* recordings in the log, 0 things wrong'
-    say "  $(tail -n 1 "$work/log")"
+# make_root NAME: a clean Debian 12, in $root.
+make_root() {
+    root=$work/$architecture-$1
+    if [[ -d $work/$architecture-clean ]]; then
+        cp -a "$work/$architecture-clean" "$root"
+    else
+        run "making a clean Debian 12, $architecture" debootstrap --variant=minbase \
+            --arch="$architecture" bookworm "$work/$architecture-clean" "${mirror[@]}"
+        cp -a "$work/$architecture-clean" "$root"
+    fi
+    mount -t proc proc "$root/proc"
 }
 
-check_man_pages() {
+build_packages() {
+    make_root build
+    git clone -q . "$root/src"
+    install "git, for the sources" git ca-certificates
+    shell "Git may look at the sources" 'git config --system --add safe.directory "*"'
+    if ((quick == 0)); then
+        shell "./test.sh: builds, and passes all tests" 'cd /src && ./test.sh'
+        expect "tests" '^dspcard: all tests passed'
+        say "  $(grep -E 'tests passed' "$work/log" | head -n 1)"
+    fi
+    shell "building the packages" 'cd /src && tools/package.sh /packages'
+    if ((quick == 0)); then
+        shell "building them again, elsewhere and in another zone" \
+            'umask 077 && cp -a /src /elsewhere && cd /elsewhere && TZ=Asia/Tokyo tools/package.sh /again'
+        (cd "$root" && sha256sum packages/*.deb) | sed 's/^/  /'
+        diff <(cd "$root/packages" && sha256sum -- *.deb) <(cd "$root/again" && sha256sum -- *.deb) ||
+            fail "two builds differ"
+    fi
+    packages=$work/$architecture-packages
+    mkdir "$packages"
+    cp "$root"/packages/*.deb "$packages"
+    cp "$root"/packages/*.changes "$root"/packages/*.buildinfo "$packages" || true
+    umount "$root/proc"
+    rm -rf --one-file-system "$root"
+}
+
+look_at_packages() {
     local program
-    for program in "$root"/usr/bin/cardsim "$root"/usr/bin/cardcheck "$root"/usr/bin/dspcard-*; do
-        zgrep -q '^\.SH EXIT STATUS' "$root/usr/share/man/man1/${program##*/}.1.gz" ||
-            fail "no man page with the exit status of ${program##*/}"
+    run "lintian" lintian --allow-root -EvIL +pedantic --fail-on error,warning,info,pedantic \
+        "$packages"/*.deb
+    say "  lintian: $(grep -cE '^[EWIP]:' "$work/log") tags, $(grep -c '^O:' "$work/log") overridden"
+    mkdir "$packages/unpacked"
+    for program in "$packages"/*.deb; do
+        dpkg-deb -x "$program" "$packages/unpacked"
     done
+    while read -r program; do
+        # Debian 12's own start-up files are not marked as protected, so no program can be: what is
+        # looked for is the code.
+        run "hardening-check ${program#"$packages/unpacked"}" hardening-check --nocfprotection \
+            "$program"
+        [[ $architecture == i386 ]] || objdump -d "$program" >"$work/code"
+        [[ $architecture == i386 ]] || grep -q endbr64 "$work/code" ||
+            fail "no control-flow protection in $program"
+    done < <(find "$packages/unpacked" -type f -exec file {} + | sed -n 's/: *ELF .*//p')
+    ! grep -rnE '(^|[^a-z])build/(bin|lib|firmware)' "$packages"/unpacked/usr/share/doc ||
+        fail "an installed page names paths of a checkout"
+}
+
+look_at_service() {
+    local folder=$packages/unpacked
+    mkdir -p "$work/units"
+    sed "s#ExecStart=/usr#ExecStart=$folder/usr#" "$folder/lib/systemd/system/$unit" >"$work/units/$unit"
+    run "systemd-analyze verify" systemd-analyze verify --man=no "$work/units/$unit"
+    ! grep -v '^$' "$work/log" || fail "systemd-analyze has something to say"
+    run "systemd-analyze security, at most 3.0" systemd-analyze security --offline=true \
+        --threshold=30 "$work/units/$unit"
+    say "  $(grep 'Overall exposure' "$work/log" | sed 's/^[^O]*//')"
+}
+
+# As the unit has it, but with what is named left out: each missing right shows by itself.
+service_with() { # CAPABILITIES GROUPS COMMAND
+    printf "cd /etc/dspcard/firmware && setpriv --reuid dspcard --regid dspcard %s \
+        --inh-caps=-all%s --ambient-caps=-all%s --bounding-set=-all%s --no-new-privs %s" \
+        "$2" "$1" "$1" "$1" "$3"
+}
+
+check_rights() {
+    local all=--init-groups
+    # As on a PC with cards: the devices as udev leaves them. There is nothing behind them here, so
+    # a device that may be opened says so, and port permission cannot be tried.
+    shell "the devices, as the udev rule has them" 'grep -q "GROUP=\"dspcard\", MODE=\"0660\"" \
+        /lib/udev/rules.d/60-dspcard.rules && rm -f /dev/port /dev/mem &&
+        mknod /dev/port c 1 4 && mknod /dev/mem c 1 1 &&
+        chown root:dspcard /dev/port /dev/mem && chmod 0660 /dev/port /dev/mem'
+    shell "cardcheck with the rights of the service" \
+        "$(service_with ,+sys_rawio "$all" 'cardcheck -v || true')"
+    expect "cardcheck" '^PASS  privilege: user [0-9]+ with CAP_SYS_RAWIO'
+    expect "the devices may be opened" '^(PASS  /dev/mem|FAIL  /dev/mem: the kernel has nothing behind)'
+    expect "the devices may be opened" '^(PASS  /dev/port|FAIL  /dev/port: the kernel has nothing behind)'
+    shell "without the capability" "$(service_with '' "$all" 'cardcheck || true')"
+    expect "cardcheck" '^FAIL  privilege: user [0-9]+ without CAP_SYS_RAWIO'
+    shell "without the group of the devices" 'chown root:kmem /dev/port /dev/mem; chmod 0640 /dev/port /dev/mem;
+        '"$(service_with ,+sys_rawio "$all" 'cardcheck || true')"
+    expect "cardcheck" '^FAIL  /dev/mem: user [0-9]+ may not read and write it: it is root:kmem 0640'
+    expect "cardcheck" '^FAIL  /dev/port: user [0-9]+ may not read and write it: it is root:kmem 0640'
+    shell "as nobody" "setpriv --reuid nobody --regid nogroup --clear-groups cardcheck || true"
+    expect "cardcheck" '^FAIL  privilege: user 65534 without CAP_SYS_RAWIO'
+}
+
+record_as_service() {
+    shell "the settings for this check" 'printf "status=127.0.0.1:9273\nseconds=15\n" >>/etc/dspcard/recorder.conf
+        cp /usr/share/dspcard/firmware/* /etc/dspcard/firmware
+        install -d -o dspcard -g dspcard -m 0750 /var/lib/dspcard'
+    shell "recording calls for 15 s, as the service's user" "umask 027; $(service_with ,+sys_rawio \
+        --init-groups "cardsim --cards 4,8 --traffic --seed 1 -- dspcard-record --config /etc/dspcard/recorder.conf")"
+    shell "every call has its file, and every file its call" \
+        'dspcard-calls check --folder /var/lib/dspcard/recordings && dspcard-calls list --folder /var/lib/dspcard/recordings'
+    say "  $(grep -c complete "$work/log") complete calls"
+    expect "calls" complete
+}
+
+# upgrade_to VERSION: the same packages, newer.
+upgrade_to() {
+    local package name
+    mkdir "$root/newer"
+    for package in "$packages"/*.deb; do
+        name=$(basename "$package")
+        dpkg-deb -R "$package" "$work/newer"
+        sed -i -E "s/\(= [^)]*\)/(= $1)/; s/^Version: .*/Version: $1/" "$work/newer/DEBIAN/control"
+        dpkg-deb --root-owner-group -b "$work/newer" "$root/newer/$name" >/dev/null
+        rm -rf "$work/newer"
+    done
+    shell "upgrading to $1" 'apt-get install -y --no-install-recommends /newer/*.deb </dev/null'
+    rm -rf "$root/newer"
+}
+
+check_installed() {
+    make_root target
+    cp "$packages"/*.deb "$root/tmp"
+    list_files >"$work/clean"
+    install "installing what the packages depend on, and a compiler for the client's page" \
+        openjdk-17-jdk-headless libpicocli-java libxerial-sqlite-jdbc-java libjackson2-core-java \
+        libzstd1 util-linux systemd
+    list_files >"$work/before"
+    # shellcheck disable=SC2016 # for the shell inside
+    shell "installing the packages" 'apt-get install -y --no-install-recommends /tmp/*.deb'
+    expect "a user of its own" 'dspcard'
+    for page in "$root"/usr/bin/{card,dspcard-}*; do
+        zgrep -q '^\.SH EXIT STATUS' "$root/usr/share/man/man1/${page##*/}.1.gz" ||
+            fail "no man page with the exit status of ${page##*/}"
+    done
+    [[ -L $root/etc/systemd/system/multi-user.target.wants/$unit ]] || fail "the service is not enabled"
+    check_rights
+    shell "cardcheck on simulated cards" \
+        'cd /usr/share/dspcard/firmware && cardsim --cards 4,8 -- cardcheck --reset-cards'
+    expect "cardcheck" '^cardcheck: .* 0 failed'
+    shell "the bench program" \
+        'cd /usr/share/dspcard/firmware && cardsim --virtual-time --seconds 60 -- dspcard-bench'
+    expect "the bench program" 'Transfer Count = 100'
+    shell "the commands of the client's page" "$(sed -n '/^With the packages/,/^Either/p' docs/client.md |
+        grep -vE '^(```|sudo|[WE]|$)')"
+    expect "the client's page" '^line [0-9]*: call since'
+    record_as_service
+    (cd "$root/var/lib/dspcard" && find . -type f | sort) >"$work/recorded"
+    upgrade_to 99.0
+    grep -q '^seconds=15$' "$root/etc/dspcard/recorder.conf" || fail "the upgrade changed the settings"
+    inside "removing" apt-get remove -y dspcard dspcard-sim libdspcard-java libdspcard-java-doc
+    [[ -f $root/etc/dspcard/recorder.conf ]] || fail "removed, and the settings are gone"
+    inside "purging" apt-get purge -y dspcard dspcard-sim libdspcard-java libdspcard-java-doc
+    diff "$work/recorded" <(cd "$root/var/lib/dspcard" && find . -type f | sort) >&2 ||
+        fail "purged, and the recordings are not what they were"
+    list_files | grep -vE '^\./(var/lib/dspcard|etc/dspcard/firmware|etc/dspcard$|etc/(passwd|group|shadow|gshadow)-?$|etc/\.pwd\.lock)' >"$work/after"
+    grep -vE '^\./etc/((passwd|group|shadow|gshadow)-?|\.pwd\.lock)$' "$work/before" >"$work/before.kept"
+    diff "$work/before.kept" "$work/after" >&2 || fail "purged, and the files are not what they were"
+    umount "$root/proc"
+    rm -rf --one-file-system "$root"
 }
 
 ((EUID == 0)) || fail "debootstrap and chroot need root"
-tools/install-missing.sh debootstrap
+tools/install-missing.sh debootstrap binutils lintian devscripts systemd file reuse util-linux
 work=$(mktemp -d "${TMPDIR:-/tmp}/package-check.XXXXXX")
 chmod 755 "$work"
-root=$work/root
 
-run "building the package" tools/package.sh
-package=(build/package/*.deb)
-if command -v lintian >/dev/null; then
-    run "lintian" lintian --allow-root --fail-on error,warning "${package[0]}"
-fi
-run "making a clean Debian 12" debootstrap --variant=minbase bookworm "$root" "${mirror[@]}"
-mount -t proc proc "$root/proc"
-cp "${package[0]}" "$root/tmp/dspcard.deb"
-
-# The dependencies first and the package by itself: then the list of files shows what it leaves.
-inside "apt: what the package depends on" "$root" apt-get satisfy -y --no-install-recommends \
-    "$(dpkg-deb --field "${package[0]}" Depends)"
-install "apt: a compiler, for the client's page" openjdk-17-jdk-headless
-list_files >"$work/before"
-install "apt: the package" /tmp/dspcard.deb
-expect "the package's dependencies" '^0 upgraded, 1 newly installed, 0 to remove'
-check_man_pages
-
-as_user "cardcheck on simulated cards" 'cardsim --cards 4,8 -- cardcheck --reset-cards'
-expect "cardcheck" '^cardcheck: .* 0 failed'
-as_user "the bench program" 'cardsim --virtual-time --seconds 60 -- dspcard-bench'
-expect "the bench program" 'Transfer Count = 100'
-as_user "the commands of the client's page" "$(sed -n '/^With the package/,/^Either/p' docs/client.md |
-    grep -vE '^(```|sudo|[WE]|$)')"
-expect "the client's page" '^line [0-9]*: call since'
-as_user "Java finds the library by itself" 'cardsim --virtual-time -- java \
-    -jar /usr/share/java/dspcard-recorder.jar --folder /tmp/found --seconds 2'
-as_user "recording calls for 15 s" 'cardsim --cards 4,8 --traffic --seed 1 -- \
-    dspcard-record --folder /tmp/calls --seconds 15'
-check_calls
-
-inside "apt: removing the package" "$root" apt-get purge -y dspcard
-list_files >"$work/after"
-diff "$work/before" "$work/after" >&2 || fail "removed, and the files are not what they were"
-# shellcheck disable=SC2016 # for the shell inside
-inside "dpkg has forgotten the package" "$root" sh -c '! dpkg-query -W dspcard'
-
-say "all well: ${package[0]} installs, records calls, and leaves nothing behind"
+run "reuse lint" reuse lint
+for architecture in "${architectures[@]}"; do
+    personality=$([[ $architecture == i386 ]] && echo linux32 || echo linux64)
+    say "$architecture"
+    build_packages
+    look_at_packages
+    look_at_service
+    check_installed
+done
+say "all well: the packages build, install, record, and leave nothing behind but what was recorded"

@@ -1,20 +1,54 @@
 #!/usr/bin/env bash
-# Builds the Debian package, build/package/dspcard_VERSION_ARCHITECTURE.deb.
-#
-#   tools/package.sh
-#
-# Exit status: 0 built (the last line names the file), 1 something failed (the message says what).
+# Builds the Debian packages. See --help.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=tools/usage.sh
+. tools/usage.sh
 
-tools/install-missing.sh dpkg-dev file
-tools/build.sh release cardsim cardcheck main dspcard dspcard_recorder_jar firmware package_files
-rm -rf build/package
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-if ! cpack --config build/CPackConfig.cmake >"$log" 2>&1; then
-    tail -n 40 "$log" >&2
-    printf 'dspcard: the package could not be built, see above\n' >&2
+usage() {
+    cat <<'TEXT'
+Usage: tools/package.sh [FOLDER]
+
+Builds the Debian packages of what is committed into FOLDER, build/package when none is given, for
+the architecture of this machine; installs what that takes. Two builds of one commit are the same,
+bit for bit. Runs no tests: ./test.sh does.
+
+Exit status: 0 built (the last lines name the files), 1 something failed (the message says what),
+2 wrong usage.
+TEXT
+}
+
+case ${1-} in
+    --help) show_help ;;
+    -*) wrong_usage "what is $1?" ;;
+esac
+(($# <= 1)) || wrong_usage 'one folder at most'
+
+fail() {
+    printf 'dspcard: %s\n' "$1" >&2
     exit 1
-fi
-printf 'dspcard: built %s\n' build/package/*.deb
+}
+
+as_root=()
+((EUID == 0)) || as_root=(sudo)
+folder=$(realpath -m "${1:-build/package}")
+tools/install-missing.sh dpkg-dev debhelper fakeroot git
+rm -rf "$folder"
+mkdir -p "$folder/dspcard"
+git archive HEAD | tar -x -C "$folder/dspcard"
+cd "$folder/dspcard"
+log=$folder/build.log
+dpkg-checkbuilddeps 2>/dev/null ||
+    "${as_root[@]}" apt-get build-dep -y -qq --no-install-recommends . >"$log" 2>&1 ||
+    fail "what the build needs cannot be installed, see $log"
+
+printf 'dspcard: building the packages\n'
+DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -b -us -uc >"$log" 2>&1 || {
+    tail -n 40 "$log" >&2
+    fail "the packages could not be built, see above"
+}
+cd ..
+rm -rf dspcard
+mkdir debug
+mv -- *-dbgsym_*.deb debug
+printf 'dspcard: built %s\n' "$folder"/*.deb

@@ -26,7 +26,8 @@ constexpr double kBetweenPasses = 0.15, kInPass = 0.02, kInBoot = 0.0003;  // a 
 constexpr double kStaysAway = 0.003, kLocksUp = 0.2, kTalksNonsense = 0.2;
 constexpr int kResetSettle_us = 100, kPoll_us = 100'000, kAfterBoot_us = 1'000'000;  // sleeps
 // Of each kind of fault, up to how late one strikes.
-constexpr std::uint64_t kOpportunities[] = {15'000, 6, 3'000, 3'000, 3, 100, 100, 100, 100, 100};
+constexpr std::uint64_t kOpportunities[] = {15'000, 6,   3'000, 3'000, 3,  100,
+                                            100,    100, 100,   100,   100};
 static_assert(std::size(kOpportunities) == std::size(cardsim::kFaultDescriptions));
 
 cardsim::SimulatedPc::Options planOf(std::uint64_t seed) {

@@ -8,14 +8,19 @@
 #include <cstdint>
 
 #include "model/Report.h"
+#include "replay/Deviation.h"
 
 namespace cardsim {
 
 constexpr const char* kSharedPageVariable = "CARDSIM_SHARED_PAGE";
 
+// How a replay has ended: with the program, with the trace, or since the program did something
+// else.
+enum class ReplayEnd { kWithProgram, kWithTrace, kDeviation };
+
 struct SharedPage {
     // Written by the launcher before the program starts: both were built from the same sources.
-    static constexpr std::uint32_t kMagic = 0xCA4D0002 + sizeof(MachineReport);
+    static constexpr std::uint32_t kMagic = 0xCA4D0003 + sizeof(MachineReport);
     std::uint32_t magic;
     std::uint32_t configurationLength;  // the configuration's text stands behind the page
     int launcher;                       // process; hears by SIGUSR1 that the run is over
@@ -23,6 +28,9 @@ struct SharedPage {
     // Written by the preload library.
     MachineReport report;                         // by the process that has the cards
     std::atomic<std::uint64_t> strangerAccesses;  // by processes that had not
+    std::uint64_t accessesReplayed;
+    std::atomic<ReplayEnd> replayEnd;
+    cardtrace::Deviation deviation;  // when that is how the replay ended
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "recorder/RecordingOptions.h"
 #include "scenario/FaultSyntax.h"
 #include "scenario/ScenarioFile.h"
 
@@ -60,7 +61,8 @@ std::string helpAtEnd() {
            "the simulated cards are in build/firmware, or /usr/share/dspcard/firmware.\n"
            "\n"
            "Exit status: that of PROGRAM, 128 + N when signal N killed it, 0 when --seconds ended\n"
-           "it; 2 wrong usage, 126 PROGRAM cannot be run, 127 PROGRAM not found.\n";
+           "it; 2 wrong usage, 125 it did something else than the replayed trace, 126 PROGRAM\n"
+           "cannot be run, 127 PROGRAM not found.\n";
 }
 
 // The kinds of cards as --cards names them.
@@ -127,6 +129,22 @@ void declareOptions(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("FILE");
     app.add_option("--report", line.reportFile, "write the report at the end as JSON as well")
         ->type_name("FILE");
+    cardtrace::declareOptions(
+        app, line.recording,
+        app.add_option("--record", line.recording.path,
+                       "keep what PROGRAM and the cards say to each other, see cardtrace(1)")
+            ->type_name("FILE"));
+    auto* const replay =
+        app.add_option("--replay", line.replayed,
+                       "let PROGRAM meet the cards of a trace again, in their time\n"
+                       "or in virtual time; it ends where it does something else\n"
+                       "than the recorded program did")
+            ->check(CLI::ExistingFile.description(""))
+            ->type_name("FILE");
+    for (const char* name : {"--cards", "--seed", "--period-ms", "--audio", "--traffic",
+                             "--scenario", "--fault", "--speaker", "--report", "--record"}) {
+        replay->excludes(name);
+    }
     app.set_help_flag("-h,--help", "show this");
     app.set_version_flag("--version", "cardsim " CARDSIM_VERSION, "show the version");
     app.formatter(std::make_shared<HelpFormat>());

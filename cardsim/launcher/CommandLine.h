@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config/Configuration.h"
+#include "recorder/Recording.h"
 
 namespace cardsim {
 
@@ -14,6 +15,8 @@ struct CommandLine {
     // After that long the program is ended; nothing: never.
     std::optional<std::uint64_t> end_ms;
     std::string reportFile;  // empty: none
+    cardtrace::Recording::Options recording;
+    std::string replayed;  // the trace whose cards the program meets again; empty: none
     std::vector<std::string> program;
 };
 

@@ -16,7 +16,6 @@
 #include <sstream>
 #include <system_error>
 
-#include "config/SharedPage.h"
 #include "launcher/Rights.h"
 #include "traps/Executable.h"
 
@@ -52,7 +51,9 @@ void prepend(const char* variable, const std::string& value, const char* separat
 
 void setEnvironment(const ProgramSettings& settings) {
     prepend("LD_PRELOAD", settings.preloadLibrary, ":");
-    setenv(kSharedPageVariable, settings.sharedPage.c_str(), 1);
+    for (const auto& [name, value] : settings.variables) {
+        setenv(name.c_str(), value.c_str(), 1);
+    }
     // Programs built with sanitizers: the one for addresses insists on being first in line; the one
     // for threads takes the cards' work for that of a signal that may come at any time, but it
     // comes at the program's port instructions alone. What the user has set comes later and wins.
@@ -217,6 +218,7 @@ ProgramEnd run(const ProgramSettings& settings) {
     const pid_t child = start(settings, before);
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
+    settings.onStarted();
     return waitFor(child, settings);
 }
 

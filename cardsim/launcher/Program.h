@@ -2,8 +2,10 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace cardsim {
@@ -17,11 +19,14 @@ struct CannotStart {
 struct ProgramSettings {
     std::vector<std::string> command;  // looked up in the PATH
     std::string preloadLibrary;
-    std::string sharedPage;  // path by which the program's processes reach it
+    // Name and value of what the preload library finds in the environment.
+    std::vector<std::pair<std::string, std::string>> variables;
     // The machine's own ports and memory stay out of reach, whatever the program tries.
     bool withholdsHardware = true;
     // After that long its time is over; nothing: never.
     std::optional<std::chrono::milliseconds> end;
+    // Called once the program runs; the launcher is free to start threads from then on.
+    std::function<void()> onStarted = [] {};
 };
 
 struct ProgramEnd {

@@ -8,14 +8,17 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
 #include "config/SharedPage.h"
 #include "launcher/CommandLine.h"
 #include "launcher/Program.h"
+#include "launcher/Replay.h"
 #include "launcher/ReportText.h"
 #include "launcher/Rights.h"
 
@@ -122,6 +125,15 @@ void writeReport(const CommandLine& line, const SharedPage& page) {
     }
 }
 
+// What scenarios say about callers and digits stays away when the trace shall not tell it.
+std::string aboutRecording(const CommandLine& line) {
+    const std::string configuration =
+        line.recording.withoutNumbers ? "null" : descriptionOf(line.configuration);
+    return R"({"recorder": "cardsim )" CARDSIM_VERSION R"(", "cards": "simulated", )"
+           R"("configuration": )" +
+           configuration + "}";
+}
+
 // A program that was ended because its time was over did well, unless it ended in another way than
 // it was told to.
 int exitStatusOf(int program, bool timeIsOver) {
@@ -129,23 +141,54 @@ int exitStatusOf(int program, bool timeIsOver) {
     return timeIsOver && didAsTold ? 0 : program;
 }
 
-int launch(CommandLine& line) {
-    const SimulatedPc::Options& pc = line.configuration.pc;
-    const MemoryFile memory;
-    line.configuration.memoryFile = memory.path();
+// Runs the program until it ends, with all that it needs to find the cards.
+ProgramEnd runProgram(const CommandLine& line, const SharedFile& shared,
+                      const std::function<void()>& onStarted) {
     ProgramSettings settings;
     settings.command = line.program;
     settings.preloadLibrary = preloadLibrary();
-    if (line.end_ms && !pc.virtualTime) {
+    settings.variables = {{kSharedPageVariable, shared.path()}};
+    settings.onStarted = onStarted;
+    if (line.end_ms && (!line.configuration.pc.virtualTime || !line.replayed.empty())) {
         settings.end = std::chrono::milliseconds(*line.end_ms);
     }
-    const SharedFile shared(line.configuration);
-    settings.sharedPage = shared.path();
+    return run(settings);
+}
 
-    std::cerr << banner(pc);
-    const ProgramEnd end = run(settings);
+int replay(CommandLine& line) {
+    Replay replayed(line.replayed);
+    line.configuration.scriptFile = replayed.path();
+    const SharedFile shared(line.configuration);
+    std::cerr << replayed.banner(line.configuration.pc.virtualTime);
+    const ProgramEnd end = runProgram(line, shared, [] {});
+    return replayed.tellEnd(shared.page(), exitStatusOf(end.exitStatus, end.wasEnded));
+}
+
+int simulate(CommandLine& line) {
+    std::optional<cardtrace::Recording> recording;
+    if (!line.recording.path.empty()) {
+        recording.emplace(line.recording, aboutRecording(line));
+        line.configuration.ringFile = recording->ringPath();
+    }
+    const SharedFile shared(line.configuration);
+    std::cerr << banner(line.configuration.pc);
+    const ProgramEnd end = runProgram(line, shared, [&recording] {
+        if (recording) {
+            recording->start();
+        }
+    });
     writeReport(line, shared.page());
-    return exitStatusOf(end.exitStatus, end.wasEnded);
+    const int exitStatus = exitStatusOf(end.exitStatus, end.wasEnded);
+    if (recording) {
+        recording->finish(exitStatus);
+    }
+    return exitStatus;
+}
+
+int launch(CommandLine& line) {
+    const MemoryFile memory;
+    line.configuration.memoryFile = memory.path();
+    return line.replayed.empty() ? simulate(line) : replay(line);
 }
 
 }  // namespace

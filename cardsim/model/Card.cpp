@@ -63,6 +63,7 @@ Card::Card(int slotNumber, const CardOptions& options, volatile std::uint16_t* m
       transfer(kind.transfer),
       period_us(options.period_us == 0 ? kind.period_us : options.period_us),
       audio(options.audio),
+      turnsByHand(options.turnsByHand),
       report(machineReport.cards[slotNumber]),
       timeline(machineReport.timeline),
       plannedFaults(options.faults, slotNumber, options.seed),
@@ -237,7 +238,8 @@ std::uint16_t Card::readLineStatus(int word) {
         const unsigned hook = each.isOffHook() ? bits.offHook : bits.onHook;
         const unsigned trigger = each.isTriggered() ? bits.triggered : 0u;
         status |= (hook | trigger) << (i * bits.bitsOfLine);
-        undefined &= ~((bits.onHook | bits.offHook | bits.triggered) << (i * bits.bitsOfLine));
+        const unsigned meant = unsigned{bits.onHook} | bits.offHook | bits.triggered;
+        undefined &= ~(meant << (i * bits.bitsOfLine));
     }
     return static_cast<std::uint16_t>(status | noise(undefined));
 }
@@ -248,7 +250,7 @@ std::uint16_t Card::noise(unsigned bits) {
 }
 
 void Card::advance(std::uint64_t until) {
-    while (state == State::kRunning && !dead && nextTurn <= until) {
+    while (state == State::kRunning && !dead && !turnsByHand && nextTurn <= until) {
         now = nextTurn;
         nextTurn += period_us;
         takeTurn();
@@ -256,7 +258,17 @@ void Card::advance(std::uint64_t until) {
     now = std::max(now, until);
 }
 
+void Card::turn(std::uint64_t time) {
+    advance(time);
+    if (state == State::kRunning && !dead) {
+        takeTurn();
+    }
+}
+
 void Card::takeTurn() {
+    if (strikes(FaultKind::kSilent)) {
+        return;
+    }
     Buffer& buffer = buffers[nextBuffer];
     nextBuffer ^= 1;
     if (buffer.handedOver) {

@@ -28,6 +28,8 @@ struct CardOptions {
     AudioSource audio = AudioSource::kPattern;
     std::vector<Fault> faults;
     std::uint64_t seed = 0;
+    // The DSP takes a turn only when told to, see Card::turn.
+    bool turnsByHand = false;
 };
 
 class Card {
@@ -46,6 +48,8 @@ class Card {
     void out(std::uint16_t offset, std::uint16_t value, std::uint64_t now);
     // Does what the DSP does until then.
     void advance(std::uint64_t until);
+    // The DSP's turn comes at that time, if it runs; for cards whose turns are given by hand.
+    void turn(std::uint64_t time);
 
     int channels() const { return kind.channels; }
     Line& line(int port) { return lines[static_cast<std::size_t>(port)]; }
@@ -98,6 +102,7 @@ class Card {
     const TransferLayout& transfer;
     const std::uint32_t period_us;
     const AudioSource audio;
+    const bool turnsByHand;
     CardReport& report;
     std::uint64_t& timeline;
     Faults plannedFaults;

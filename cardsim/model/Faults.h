@@ -20,6 +20,7 @@ enum class FaultKind {
     kTakenBack,
     kBothBuffers,
     kNonsense,
+    kSilent,
 };
 
 // What there is to say about each kind: in the help, in refusals, and, checked by the tests, in the
@@ -51,6 +52,8 @@ inline constexpr FaultDescription kFaultDescriptions[] = {
      "every buffer handed over while the other one is free", "both bits are set at once"},
     {FaultKind::kNonsense, "nonsense", "every buffer handed over",
      "a field of some line of it holds anything"},
+    {FaultKind::kSilent, "silent", "every turn of the card to hand over a buffer",
+     "it does not, and its counter stands"},
 };
 
 constexpr int kNumFaultKinds = std::size(kFaultDescriptions);

@@ -93,20 +93,22 @@ bool SimulatedPc::sleep(std::uint64_t microseconds) {
     if (elapsed >= end) {
         switchOff();
     }
-    waitForMachine();
+    waitForMachine(microseconds);
     return true;
 }
 
-// Until so much of the machine's time has passed as the speed asks for.
-void SimulatedPc::waitForMachine() const {
+// Until as much of the machine's time has passed as the speed asks for. Time that a busy machine
+// has lost is not made up for: the program would see the cards run faster.
+void SimulatedPc::waitForMachine(std::uint64_t slept_us) {
     if (speed == 0) {
         return;
     }
-    const std::uint64_t due = elapsed / speed;
-    const std::uint64_t passed = machineTime() - started;
-    if (due > passed) {
-        poll(nullptr, 0, static_cast<int>((due - passed) / 1000));  // no sleep of the program's
+    const std::uint64_t due = paced_us + slept_us / speed;
+    const std::uint64_t now_us = machineTime();
+    if (due > now_us) {
+        poll(nullptr, 0, static_cast<int>((due - now_us) / 1000));  // no sleep of the program's
     }
+    paced_us = std::max(due, now_us);
 }
 
 bool SimulatedPc::processorTime(std::clock_t& ticks) {

@@ -83,7 +83,7 @@ class SimulatedPc : public Hardware {
 
   private:
     std::uint64_t timeOfAccess();
-    void waitForMachine() const;
+    void waitForMachine(std::uint64_t slept_us);
 
     const bool virtualTime;
     const std::uint32_t speed;
@@ -95,6 +95,7 @@ class SimulatedPc : public Hardware {
     std::recursive_mutex lock;  // a planned action may use the cards
     Cards slots;
     std::atomic<std::uint64_t> elapsed{0};  // microseconds of virtual time
+    std::uint64_t paced_us = started;       // of the machine's time, until where the speed was kept
     std::atomic<std::uint64_t> end{~std::uint64_t{0}};
 };
 

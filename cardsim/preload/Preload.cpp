@@ -25,6 +25,8 @@
 #include "config/Configuration.h"
 #include "config/SharedPage.h"
 #include "model/Traffic.h"
+#include "recorder/RecordingHardware.h"
+#include "replay/ReplayedCards.h"
 #include "traps/Hardware.h"
 #include "traps/PortDevice.h"
 #include "traps/Programs.h"
@@ -107,6 +109,17 @@ class Speaker {
     const int fd;
 };
 
+// Has the program ended and lets nothing happen to the cards from here on: the thread never
+// returns.
+[[noreturn]] void endRun(const SharedPage& page) {
+    if (kill(page.launcher, SIGUSR1) != 0) {
+        kill(getpid(), SIGKILL);
+    }
+    while (true) {
+        poll(nullptr, 0, -1);
+    }
+}
+
 class PreloadedPc : public SimulatedPc {
   public:
     PreloadedPc(const Configuration& configuration, const MemoryFile& cardMemory,
@@ -134,16 +147,7 @@ class PreloadedPc : public SimulatedPc {
         return options;
     }
 
-    // Has the program ended and lets nothing happen to the cards from here on: the thread never
-    // returns.
-    void switchOff() override {
-        if (kill(page.launcher, SIGUSR1) != 0) {
-            kill(getpid(), SIGKILL);
-        }
-        while (true) {
-            poll(nullptr, 0, -1);
-        }
-    }
+    void switchOff() override { endRun(page); }
 
     SharedPage& page;
 };
@@ -174,6 +178,24 @@ class OutOfReach : public Hardware {
     }
 };
 
+// The hardware, or what records it in turn when the run is recorded.
+Hardware& recorded(Hardware& hardware, const Configuration& configuration, const MemoryFile& memory,
+                   SharedPage& page, bool hasCards) {
+    if (configuration.ringFile.empty()) {
+        return hardware;
+    }
+    static auto& ring = cardtrace::RecordRing::at(configuration.ringFile);
+    const auto time = [&page] {
+        return static_cast<const volatile std::uint64_t&>(page.report.elapsed_us);
+    };
+    auto& recorder = *new cardtrace::RecordingHardware(
+        hardware, ring, {time, [&memory] { return memory.words(); }});
+    if (hasCards) {
+        recorder.recordOwner(static_cast<std::uint32_t>(getpid()));
+    }
+    return recorder;
+}
+
 // What a process has until it touches a port, and for as long as another one has the cards.
 class WaitingPc : public Hardware {
   public:
@@ -202,23 +224,25 @@ class WaitingPc : public Hardware {
     // An access: by what it acts on the cards, or null when another process has them.
     Hardware* cardsOrNone() {
         const std::lock_guard<std::mutex> guard(lock);
-        if (attachedHardware() == this) {
+        if (successor == nullptr) {
             tryForCards();
         }
-        return attachedHardware() == this ? nullptr : attachedHardware();
+        return successor;
     }
 
     void tryForCards() {
         try {
             const pid_t owner = lockCards(path.c_str());
             if (owner == getpid()) {
-                new PreloadedPc(configuration, memory, page);  // attaches itself
+                successor = new PreloadedPc(configuration, memory, page);
+                attachHardware(&recorded(*successor, configuration, memory, page, true));
                 return;
             }
             ++page.strangerAccesses;
             tellOnce(owner);
         } catch (const std::exception& error) {
-            attachHardware(new OutOfReach(error.what()));
+            successor = new OutOfReach(error.what());
+            attachHardware(successor);
         }
     }
 
@@ -236,7 +260,64 @@ class WaitingPc : public Hardware {
     SharedPage& page;
     const std::string path;
     std::mutex lock;
+    Hardware* successor = nullptr;  // what serves the process once it has touched a port
     bool told = false;
+};
+
+// A trace met again; by the first process that touches a port.
+class PreloadedReplay : public cardtrace::ReplayedCards {
+  public:
+    PreloadedReplay(const Configuration& configuration, const MemoryFile& memory,
+                    SharedPage& sharedPage, const char* pathOfPage)
+        : ReplayedCards(mapScript(configuration.scriptFile),
+                        surroundings(configuration, memory, sharedPage)),
+          path(pathOfPage) {}
+
+  private:
+    static cardtrace::Script mapScript(const std::string& path) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat status {};
+        if (fd == -1 || fstat(fd, &status) != 0) {
+            fail(path);
+        }
+        const auto length = static_cast<std::size_t>(status.st_size);
+        void* const address = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
+        close(fd);
+        if (address == MAP_FAILED) {
+            fail(path);
+        }
+        return {address, length};
+    }
+
+    static Surroundings surroundings(const Configuration& configuration, const MemoryFile& memory,
+                                     SharedPage& page) {
+        Surroundings made;
+        made.memory = memory.words();
+        made.memoryPath = memory.path();
+        made.virtualTime = configuration.pc.virtualTime;
+        made.elapsed_us = &page.report.elapsed_us;
+        made.accesses = &page.accessesReplayed;
+        made.onDeviation = [&page](const cardtrace::Deviation& deviation) {
+            page.deviation = deviation;
+            page.replayEnd = ReplayEnd::kDeviation;
+            endRun(page);
+        };
+        made.onEnd = [&page] {
+            page.replayEnd = ReplayEnd::kWithTrace;
+            endRun(page);
+        };
+        return made;
+    }
+
+    bool hasCards() override {
+        if (owner != getpid()) {
+            owner = lockCards(path.c_str());
+        }
+        return owner == getpid();
+    }
+
+    const std::string path;
+    pid_t owner = 0;
 };
 
 Hardware* makeHardware() {
@@ -252,7 +333,15 @@ Hardware* makeHardware() {
         static const MemoryFile memory(configuration.memoryFile);
         // All that there ever were, of a parent too: threads may use them until the process ends.
         static auto& waiting = *new std::vector<Hardware*>;
-        return waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
+        if (!configuration.scriptFile.empty()) {
+            return waiting.emplace_back(new PreloadedReplay(configuration, memory, page, path));
+        }
+        Hardware& pc = *waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
+        Hardware& recorder = recorded(pc, configuration, memory, page, false);
+        if (&recorder != &pc) {
+            waiting.push_back(&recorder);
+        }
+        return &recorder;
     } catch (const std::exception& error) {
         return new OutOfReach(error.what());
     }
@@ -292,6 +381,7 @@ void attach() {
 void loseCardsInChild() {
     attachHardware(nullptr);
     onFirstUse(attach);
+    cardtrace::forgetThreadNumber();
 }
 
 __attribute__((constructor)) void prepare() {

@@ -5,6 +5,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -93,9 +94,30 @@ Device deviceOf(int folder, const char* path) {
     return device;
 }
 
+// The number of the file that the program got for /dev/mem last; files without a name are all on
+// one file system.
+std::atomic<ino_t> memoryFile{0};
+
 int openMemory(Hardware& hardware, int flags) {
     const std::string path = hardware.memoryPath();
-    return path.empty() ? -1 : REAL(open)(path.c_str(), flags);
+    const int fd = path.empty() ? -1 : REAL(open)(path.c_str(), flags);
+    struct stat status {};
+    if (fd != -1 && fstat(fd, &status) == 0) {
+        memoryFile = status.st_ino;
+    }
+    return fd;
+}
+
+int openDevice(Hardware& hardware, Device device, int flags) {
+    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    flags &= ~(kForFilesOnly | O_CREAT);
+    if (device == Device::kMemory) {
+        return openMemory(hardware, flags);
+    }
+    return hardware.openPorts() == 0 ? openPortDevice(flags) : -1;
 }
 
 }  // namespace
@@ -106,17 +128,12 @@ bool openDevice(int folder, const char* path, int flags, int& fd) {
     if (hardware == nullptr) {
         return false;
     }
-    fd = -1;
-    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
-        errno = EEXIST;
-        return true;
-    }
-    flags &= ~(kForFilesOnly | O_CREAT);
-    if (device == Device::kMemory) {
-        fd = openMemory(*hardware, flags);
-    } else {
-        fd = hardware->openPorts() == 0 ? openPortDevice(flags) : -1;
-    }
+    fd = openDevice(*hardware, device, flags);
+    const int error = fd == -1 ? errno : 0;
+    const auto kind =
+        device == Device::kMemory ? DeviceCall::Kind::kOpenMemory : DeviceCall::Kind::kOpenPorts;
+    hardware->noticed({kind, 0, 0, static_cast<std::uint32_t>(flags)}, error);
+    errno = fd == -1 ? error : errno;
     return true;
 }
 
@@ -124,7 +141,7 @@ bool refusesDevice(const char* path, const char* way) {
     if (deviceOf(AT_FDCWD, path) == Device::kOther || hardwareAtFirstUse() == nullptr) {
         return false;
     }
-    refuse(way, path, "only open is simulated", ENODEV);
+    refuse(way, path, "only open is served", ENODEV);
     return true;
 }
 
@@ -138,13 +155,16 @@ bool isMemoryDevice(int fd) {
     if (S_ISCHR(status.st_mode)) {
         return isNumbered(status, 1, 1);
     }
-    // Only files without a name, as those that stand for memory, are looked up.
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 0) {
+        return false;  // only files without a name stand for memory
+    }
+    ino_t known = memoryFile;
     const int savedErrno = errno;
-    const bool is = S_ISREG(status.st_mode) && status.st_nlink == 0 &&
-                    stat(hardware->memoryPath().c_str(), &memory) == 0 &&
-                    memory.st_dev == status.st_dev && memory.st_ino == status.st_ino;
+    if (known == 0 && stat(hardware->memoryPath().c_str(), &memory) == 0) {
+        known = memory.st_ino;  // the descriptor may be a parent's
+    }
     errno = savedErrno;
-    return is;
+    return known == status.st_ino;
 }
 
 bool refusesMapping(int fd, std::size_t length, off64_t offset) {
@@ -159,7 +179,7 @@ bool refusesMapping(int fd, std::size_t length, off64_t offset) {
     if (!isMemoryDevice(fd) || fstat(fd, &status) != 0 || S_ISCHR(status.st_mode)) {
         return false;
     }
-    refuse("map", "/dev/mem beyond 0xD0000 to 0xD3FFF", "nothing else is simulated", EPERM);
+    refuse("map", "/dev/mem beyond 0xD0000 to 0xD3FFF", "nothing else is served", EPERM);
     return true;
 }
 

@@ -17,11 +17,13 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <type_traits>
 
 #include "traps/Devices.h"
 #include "traps/Hardware.h"
 #include "traps/PortDevice.h"
+#include "traps/PortTrap.h"
 #include "traps/Real.h"
 #include "traps/Refusal.h"
 
@@ -60,6 +62,19 @@ int noteCopy(int fd, int copy) {
         return -1;
     }
     return copy;
+}
+
+// Hardware that keeps a record wants to know which firmware a card gets.
+void tellOfFile(const char* path) {
+    Hardware* const hardware = attachedHardware();
+    const bool isOrdinary = path != nullptr && std::strncmp(path, "/proc/", 6) != 0 &&
+                            std::strncmp(path, "/sys/", 5) != 0 &&
+                            std::strncmp(path, "/dev/", 5) != 0;
+    if (hardware != nullptr && isOrdinary && drivesCards()) {
+        const int savedErrno = errno;
+        hardware->noticedFile(path);
+        errno = savedErrno;
+    }
 }
 
 mode_t modeArgument(int flags, va_list arguments) {
@@ -155,22 +170,25 @@ extern "C" {
 
 // name(path, flags) and nameAt(folder, path, flags), with a mode behind when they may create a
 // file.
-#define OPEN(name, nameAt)                                              \
-    int nameAt(int folder, const char* path, int flags, ...) {          \
-        va_list arguments;                                              \
-        va_start(arguments, flags);                                     \
-        const mode_t mode = modeArgument(flags, arguments);             \
-        va_end(arguments);                                              \
-        int fd = -1;                                                    \
-        const bool isDevice = openDevice(folder, path, flags, fd);      \
-        return isDevice ? fd : REAL(nameAt)(folder, path, flags, mode); \
-    }                                                                   \
-    int name(const char* path, int flags, ...) {                        \
-        va_list arguments;                                              \
-        va_start(arguments, flags);                                     \
-        const mode_t mode = modeArgument(flags, arguments);             \
-        va_end(arguments);                                              \
-        return nameAt(AT_FDCWD, path, flags, mode);                     \
+#define OPEN(name, nameAt)                                     \
+    int nameAt(int folder, const char* path, int flags, ...) { \
+        va_list arguments;                                     \
+        va_start(arguments, flags);                            \
+        const mode_t mode = modeArgument(flags, arguments);    \
+        va_end(arguments);                                     \
+        int fd = -1;                                           \
+        if (openDevice(folder, path, flags, fd)) {             \
+            return fd;                                         \
+        }                                                      \
+        tellOfFile(path);                                      \
+        return REAL(nameAt)(folder, path, flags, mode);        \
+    }                                                          \
+    int name(const char* path, int flags, ...) {               \
+        va_list arguments;                                     \
+        va_start(arguments, flags);                            \
+        const mode_t mode = modeArgument(flags, arguments);    \
+        va_end(arguments);                                     \
+        return nameAt(AT_FDCWD, path, flags, mode);            \
     }
 
 OPEN(open, openat)
@@ -199,9 +217,13 @@ int creat64(const char* path, mode_t mode) {
 }
 
 // Ways to open that the devices are not served by.
-#define REFUSE(result, failure, name, parameters, ...)                                 \
-    result name parameters {                                                           \
-        return refusesDevice(path, #name) ? result(failure) : REAL(name)(__VA_ARGS__); \
+#define REFUSE(result, failure, name, parameters, ...) \
+    result name parameters {                           \
+        if (refusesDevice(path, #name)) {              \
+            return result(failure);                    \
+        }                                              \
+        tellOfFile(path);                              \
+        return REAL(name)(__VA_ARGS__);                \
     }
 
 using Stream = FILE*;
@@ -303,14 +325,14 @@ ssize_t splice(int from, off64_t* first, int to, off64_t* last, std::size_t coun
 FILE* fdopen(int fd, const char* mode) noexcept {
     return refusesPorts("fdopen", fd) ? nullptr : REAL(fdopen)(fd, mode);
 }
-#define ASYNCHRONOUS(name, control)                                             \
-    int name(control* block) noexcept {                                         \
+#define ASYNCHRONOUS(name, parameters)                                          \
+    int name parameters noexcept {                                              \
         return refusesPorts(#name, block->aio_fildes) ? -1 : REAL(name)(block); \
     }
-ASYNCHRONOUS(aio_read, aiocb)
-ASYNCHRONOUS(aio_write, aiocb)
-ASYNCHRONOUS(aio_read64, aiocb64)
-ASYNCHRONOUS(aio_write64, aiocb64)
+ASYNCHRONOUS(aio_read, (aiocb * block))
+ASYNCHRONOUS(aio_write, (aiocb * block))
+ASYNCHRONOUS(aio_read64, (aiocb64 * block))
+ASYNCHRONOUS(aio_write64, (aiocb64 * block))
 #undef ASYNCHRONOUS
 
 #define SEEK(name, place)                                                  \

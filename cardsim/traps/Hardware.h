@@ -55,6 +55,8 @@ class Hardware {
     // here only; then all are told what came of them: 0 or errno.
     virtual int permits(const DeviceCall&) { return 0; }
     virtual void noticed(const DeviceCall&, int /*error*/) {}
+    // The thread that drives the cards opens a file, such as one with firmware; name: its path.
+    virtual void noticedFile(const char* /*name*/) {}
 
     // The thread that drives the cards wants to sleep. True: the time has passed; false: it shall
     // sleep for real. May throw: the program's sleep lets the exception through.

@@ -127,7 +127,7 @@ int iopl(int level) noexcept {
     if (level == 0 || hardwareAtFirstUse() == nullptr) {
         return REAL(iopl)(level);
     }
-    return refuse("iopl for", "all ports", "only ioperm is simulated", EPERM);
+    return refuse("iopl for", "all ports", "only ioperm is served", EPERM);
 }
 
 int usleep(useconds_t microseconds) {

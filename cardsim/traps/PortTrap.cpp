@@ -21,6 +21,9 @@ constexpr unsigned long kNumPorts = 32;
 
 // One bit a port. Initial-exec: the handler must not allocate.
 thread_local std::uint32_t permittedPorts __attribute__((tls_model("initial-exec"))) = 0;
+// The thread is at an access already: a fault now is the hardware's own, which may be another
+// machine's that is simulated in turn.
+thread_local bool isCarryingOut __attribute__((tls_model("initial-exec"))) = false;
 
 std::atomic<const void*> drivingThread{nullptr};
 struct sigaction previousAction;
@@ -80,9 +83,14 @@ void handOn(int signal, siginfo_t* info, void* context) {
 
 void onFault(int signal, siginfo_t* info, void* context) {
     const int savedErrno = errno;
-    if (info->si_code == SI_KERNEL && carryOut(*static_cast<ucontext_t*>(context))) {
-        errno = savedErrno;
-        return;
+    if (info->si_code == SI_KERNEL && !isCarryingOut) {
+        isCarryingOut = true;
+        const bool done = carryOut(*static_cast<ucontext_t*>(context));
+        isCarryingOut = false;
+        if (done) {
+            errno = savedErrno;
+            return;
+        }
     }
     handOn(signal, info, context);
 }
@@ -92,7 +100,7 @@ void installHandler() {
     std::call_once(installed, [] {
         struct sigaction action {};
         action.sa_sigaction = onFault;
-        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART | SA_NODEFER;
         sigemptyset(&action.sa_mask);
         sigaction(SIGSEGV, &action, &previousAction);
     });
@@ -103,7 +111,7 @@ void installHandler() {
 int setPortPermission(unsigned long from, unsigned long count, bool on) {
     const bool startsInside = from >= kFirstPort && from < kFirstPort + kNumPorts;
     if (!startsInside || count == 0 || count > kFirstPort + kNumPorts - from) {
-        return refuse("ioperm for", "ports beyond 0x300 to 0x31F", "nothing else is simulated",
+        return refuse("ioperm for", "ports beyond 0x300 to 0x31F", "nothing else is served",
                       EINVAL);
     }
     const std::uint64_t ports = ((std::uint64_t{1} << count) - 1) << (from - kFirstPort);

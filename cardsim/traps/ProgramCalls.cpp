@@ -197,7 +197,7 @@ LIST(execle, execve, va_arg(arguments, char**))
 
 int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attributes, char* const argv[],
-                char* const environment[]) noexcept {
+                char* const environment[]) {
     return refusesProgram(path)
                ? EACCES
                : REAL(posix_spawn)(child, path, actions, attributes, argv, KEPT(environment));
@@ -205,7 +205,7 @@ int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t
 
 int posix_spawnp(pid_t* child, const char* file, const posix_spawn_file_actions_t* actions,
                  const posix_spawnattr_t* attributes, char* const argv[],
-                 char* const environment[]) noexcept {
+                 char* const environment[]) {
     return refusesProgramInPath(file)
                ? EACCES
                : REAL(posix_spawnp)(child, file, actions, attributes, argv, KEPT(environment));

@@ -100,6 +100,7 @@ TEST_P(Card, AnswersAsItsStateAndItsFaultsSay) {
         {"byte-refused@1", "boot 302=1A 302 boot", "0 0 22 ", 1},
         {"byte-stuck@22", "boot 302=1A 302 boot", "21 1 22 ", 1},
         {"taken-back@1", "boot w 302 302 302=1A w w 302 304", "22 1 0 1 1 ", 1},
+        {"silent@2-3", "boot w 302 302=1A w w 304 w 304", "22 1 0 1 ", 2},
         // When the second buffer comes, the first is not free yet: no opportunity.
         {"both-buffers@2", "boot w w 302=1A 304=1A w 302 304 302=1A 304=1A w 302 304",
          "22 1 1 1 0 ", 1},

@@ -145,7 +145,7 @@ TEST_F(Traps, OpenTheDevicesAsTheFlagsSayAndInNoOtherWay) {
         EXPECT_EQ(nullptr, freopen(path.c_str(), "r", fopen("/dev/null", "r")));
         EXPECT_FALSE(std::ifstream("/dev/../dev/./" + name).is_open());
         EXPECT_THAT(internal::GetCapturedStderr(),
-                    HasSubstr(" may not fopen " + path + ": only open is simulated\n"));
+                    HasSubstr(" may not fopen " + path + ": only open is served\n"));
     }
 }
 

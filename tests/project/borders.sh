@@ -39,7 +39,7 @@ room_of() {
         dspcard/BoardMgr.*) room=manager ;;
         dspcard/javaint/JavaBridge.cpp | dspcard/javaint/DSPRunner.* | dspcard/Precedence.* | \
             dspcard/boardMgrTest.cpp) room=entrances ;;
-        cardsim/* | tools/cardcheck/*) room=${1%/*} ;;
+        cardsim/* | cardtrace/* | tools/cardcheck/*) room=${1%/*} ;;
         *) room=${1%%/*} ;;
     esac
 }
@@ -58,18 +58,26 @@ declare -A arrows=(
     [cardsim/traps]=''
     [cardsim/pc]='cardsim/model cardsim/traps'
     [cardsim/scenario]='cardsim/model'
-    [cardsim/config]='cardsim/pc cardsim/model'
-    [cardsim/preload]='cardsim/config cardsim/pc cardsim/model cardsim/traps'
-    [cardsim/launcher]='cardsim/config cardsim/scenario cardsim/pc cardsim/model cardsim/traps'
+    [cardsim/config]='cardsim/pc cardsim/model cardtrace/replay'
+    [cardsim/preload]='cardsim/config cardsim/pc cardsim/model cardsim/traps cardtrace/recorder cardtrace/replay'
+    [cardsim/launcher]='cardsim/config cardsim/scenario cardsim/pc cardsim/model cardsim/traps cardtrace/recorder cardtrace/replay cardtrace/show cardtrace/format'
+    [cardtrace/format]=''
+    [cardtrace/ring]='cardtrace/format'
+    [cardtrace/cards]='cardtrace/format cardsim/model'
+    [cardtrace/recorder]='cardtrace/cards cardtrace/ring cardtrace/format cardsim/traps cardsim/model'
+    [cardtrace/replay]='cardtrace/cards cardtrace/format cardsim/traps cardsim/model'
+    [cardtrace/show]='cardtrace/cards cardtrace/format cardsim/model'
+    [cardtrace/compare]='cardtrace/cards cardtrace/format cardsim/config cardsim/model'
+    [cardtrace/command]='cardtrace/show cardtrace/compare cardtrace/recorder cardtrace/format cardsim/launcher'
 )
 
 # Each include of a file of the house: who, and whom.
 includes() {
     local file included folder
     grep -rnoE '^#include ["<][^">]+' --include='*.h' --include='*.cpp' \
-        dspcard ptypes cardsim tools/cardcheck | sed -E 's/:[0-9]+:#include ["<]/ /' |
+        dspcard ptypes cardsim cardtrace tools/cardcheck | sed -E 's/:[0-9]+:#include ["<]/ /' |
         while read -r file included; do
-            for folder in "${file%/*}" dspcard cardsim ptypes/include; do
+            for folder in "${file%/*}" dspcard cardsim cardtrace ptypes/include; do
                 target=$folder/$included
                 while [[ $target =~ ^(.*/)?[^/]+/\.\./(.*)$ ]]; do
                     target=${BASH_REMATCH[1]}${BASH_REMATCH[2]}
@@ -98,6 +106,11 @@ forbid 'port permission, /dev/mem or mmap outside DirectIO' '\bioperm\b|\biopl\b
     --but DirectIO.cpp -- dspcard ptypes
 forbid '/dev/port outside DSPDetect' '/dev/port' --but DSPDetect.cpp -- dspcard ptypes
 forbid 'card memory is accessed outside MemIO' '\bvolatile\b' --but MemIO.cpp -- dspcard ptypes
+
+forbid 'the trace format knows more than files' '\b(dlsym|sigaction|ucontext_t|cardsim)\b' -- \
+    cardtrace/format
+forbid 'real ports are touched outside RealMachine' '\b(inw|outw|inb|outb|inl|outl|ioperm|iopl)\b' \
+    --but RealMachine.cpp -- cardtrace
 
 ((failed == 0)) && echo 'all borders hold'
 exit $failed

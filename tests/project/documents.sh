@@ -5,7 +5,7 @@
 # shellcheck disable=SC2016 # backticks in quotes are Markdown here
 set -euo pipefail
 cd "$1"
-build=$2 failed=0
+source=$PWD build=$2 failed=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -64,8 +64,14 @@ simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
     java -cp "$build/lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram \
         --folder "$work/recordings/1T1Z" --limit 0
     simulated --cards 4,8 --traffic --speed 10 --seconds 60 -- java -jar "$build/lib/dspcard-example.jar"
+    trace=$source/docs/sample.trace
+    "$build/bin/cardtrace" show "$trace"
+    "$build/bin/cardtrace" show --summary "$trace"
+    "$build/bin/cardtrace" compare "$trace"
+    "$build/bin/cardtrace" compare --as-real "$trace" || true
+    "$build/bin/cardsim" --replay "$trace" --virtual-time -- "$build/bin/main"
 } 2>&1 | plain | sort -u >"$work/said"
-for page in README.md docs/client.md docs/recorder.md; do
+for page in README.md docs/client.md docs/recorder.md docs/traces.md; do
     while read -r line; do wrong "nothing prints: $line"; done < <(
         blocks text | grep -v '^ *\.\.\.$' | plain | sort -u | comm -23 - "$work/said")
 done

@@ -20,7 +20,7 @@ TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
         {EPERM, EPERM, {0, true, "none"}, 3, "although root has CAP_SYS_RAWIO", "as root"},
         {EPERM, EPERM, {0, false, "none"}, 4, "root without CAP_SYS_RAWIO", "as root"},
         {EPERM, EACCES, {1000, false, "none"}, 4, "run it as root", "locked"},
-        {0, EACCES, {1000, true, "none"}, 2, "Permission denied for user 1000", "locked"},
+        {0, EACCES, {1000, true, "none"}, 2, "1000 may not read and write it: it is ", "locked"},
         {0, 0, {1000, false, "integrity"}, 0, "integrity, but the ports are granted", "FAIL"},
     };
     for (const auto& [portsErrno, deviceErrno, rights, failures, cause, neverSaid] : machines) {

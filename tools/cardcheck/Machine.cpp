@@ -1,12 +1,16 @@
 #include "Machine.h"
 
+#include <grp.h>
 #include <linux/capability.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 
 #include "CardMemory.h"
 #include "CardPorts.h"
@@ -61,18 +65,37 @@ Refusal refusalBy(const Rights& rights, int error) {
     if (error == EPERM && rights.isLockedDown()) {
         return lockedDown(rights);
     }
-    if (error == EACCES && !rights.isRoot()) {
-        return {std::string(std::strerror(error)) + " for " + user(rights),
-                "run it as root, or let the user read and write the device"};
-    }
     return {std::string(std::strerror(error)) + ", although " + user(rights) +
                 " has CAP_SYS_RAWIO: a container, a security module or the kernel's own rules",
             "run it outside of containers; the last lines of dmesg may name what refuses"};
 }
 
-Refusal refusalOfDevice(const Rights& rights, int error, const std::string& missingFix) {
+// As in "root:kmem 0640"; numbers where there is no name.
+std::string ownersAndMode(const char* device) {
+    struct stat status {};
+    if (stat(device, &status) != 0) {
+        return "of unknown owners";
+    }
+    const passwd* const owner = getpwuid(status.st_uid);
+    const group* const owners = getgrgid(status.st_gid);
+    std::ostringstream text;
+    text << (owner != nullptr ? owner->pw_name : std::to_string(status.st_uid)) << ':'
+         << (owners != nullptr ? owners->gr_name : std::to_string(status.st_gid)) << " 0"
+         << std::oct << (status.st_mode & 0777);
+    return text.str();
+}
+
+Refusal refusalOfDevice(const Rights& rights, int error, const char* device,
+                        const std::string& missingFix) {
     if (error == ENOENT || error == ENXIO || error == ENODEV) {
         return {error == ENOENT ? "there is none" : "the kernel has nothing behind it", missingFix};
+    }
+    if (error == EACCES) {  // before the kernel looks at capabilities
+        return {user(rights) + " may not read and write it: it is " + ownersAndMode(device),
+                "run it as root, or let a group of the user's read and write it: chgrp dspcard " +
+                    std::string(device) + " && chmod 0660 " + device +
+                    ", as the package's rule for udev does (60-dspcard.rules); CAP_SYS_RAWIO alone "
+                    "is not enough, nor is group kmem, which may only read"};
     }
     return refusalBy(rights, error);
 }
@@ -130,7 +153,7 @@ bool checkPortDevice(Report& report, const Rights& rights) {
         return true;
     }
     const Refusal refusal =
-        refusalOfDevice(rights, errno,
+        refusalOfDevice(rights, errno, kName,
                         "mknod -m 600 /dev/port c 1 4; if that does not help, start a kernel with "
                         "CONFIG_DEVPORT=y");
     report.fail(kName, refusal.cause, refusal.fix);
@@ -144,7 +167,7 @@ void* checkMemory(Report& report, const Rights& rights, DirectIO& hardware) {
     const int error = hardware.getFailureErrno();
     if (hardware.getFailure() == DirectIO::Failure::kMemoryDevice) {
         const Refusal refusal =
-            refusalOfDevice(rights, error,
+            refusalOfDevice(rights, error, kDevice,
                             "mknod -m 600 /dev/mem c 1 1; if that does not help, start a kernel "
                             "with CONFIG_DEVMEM=y");
         report.fail(kDevice, refusal.cause, refusal.fix);

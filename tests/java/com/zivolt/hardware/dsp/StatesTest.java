@@ -15,6 +15,7 @@ import org.junit.jupiter.api.Test;
  */
 class StatesTest {
     private static final Duration TOLD_WITHIN = Duration.ofSeconds(10);
+    private static final Duration SILENCE_TOLD_WITHIN = Duration.ofSeconds(5);
 
     private final BlockingQueue<CardEvent> events = new LinkedBlockingQueue<>();
     private final List<String> expected = List.of(System.getProperty("card0"),
@@ -39,6 +40,10 @@ class StatesTest {
                 tell(change.card(), change.state().name());
                 assertTrue(change.state() != CardState.NOT_RUNNING
                         || event.time().isBefore(start.plus(TOLD_WITHIN)), event.toString());
+                if (change.state() == CardState.SILENT) {
+                    Instant last = client.cards().get(change.card()).lastAudio().orElseThrow();
+                    assertTrue(event.time().isBefore(last.plus(SILENCE_TOLD_WITHIN)), event + " " + last);
+                }
                 if (change.card() == 0 && change.before() == CardState.STARTING) {
                     client.monitor(5);  // which keeps card 0 from taking settings
                 }

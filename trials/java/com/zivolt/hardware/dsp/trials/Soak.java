@@ -21,7 +21,8 @@ public final class Soak implements Callable<Integer> {
     private static final long TRANSFERS_PER_DAY = 576_000;
     private static final long TRANSFERS_PER_COMMAND = 400;
     private static final int SAMPLES = 20;
-    // What the heap, the VM and a short backlog may still take after the first fifth.
+    // What the heap and the VM may still take after the first fifth, a backlog besides: when this
+    // machine keeps the listener waiting, that comes once and as a whole; a leak does not.
     private static final long MOST_GROWTH_KB = 24 * 1024;
 
     @Option(names = "--transfers", paramLabel = "N",
@@ -43,6 +44,7 @@ public final class Soak implements Callable<Integer> {
     private long runningCards;
     private long warm_kB;
     private long last_kB;
+    private long backlog_kB;
     private long found;
 
     /** Runs the soak and ends the process with its exit status. */
@@ -98,8 +100,13 @@ public final class Soak implements Callable<Integer> {
             client.apply(settings(number / TRANSFERS_PER_COMMAND));
         }
         if (number % (transfers / SAMPLES) == 0) {
-            last_kB = residentMemory();
-            warm_kB = number <= transfers / 5 ? last_kB : warm_kB;
+            long now_kB = residentMemory();
+            if (number <= transfers / 5) {
+                warm_kB = now_kB;
+            } else {
+                backlog_kB = Math.max(backlog_kB, now_kB - last_kB);
+            }
+            last_kB = now_kB;
             System.out.println("soak: %d transfers, %d events, %d kB resident".formatted(
                     number, events, last_kB));
         }
@@ -133,7 +140,7 @@ public final class Soak implements Callable<Integer> {
         findIf(!checker.allWell(2), checker);
         findIf(runningCards != 2, "other cards than two that always run: " + runningCards);
         findIf(events == 0, "no calls: were the cards started with some?");
-        findIf(last_kB - warm_kB > MOST_GROWTH_KB, "the process grows");
+        findIf(last_kB - backlog_kB - warm_kB > MOST_GROWTH_KB, "the process grows");
         System.out.println(("soak: %s, %d events, %d kB resident after the first fifth, %d kB at"
                 + " the end, %d found").formatted(checker, events, warm_kB, last_kB, found));
         return found == 0 ? 0 : 1;

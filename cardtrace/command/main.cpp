@@ -1,0 +1,194 @@
+// cardtrace: records what a program and its cards say to each other, and tells it.
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "command/CommandLine.h"
+#include "compare/Comparison.h"
+#include "format/TraceReader.h"
+#include "launcher/Program.h"
+#include "recorder/RingVariable.h"
+#include "show/Story.h"
+#include "show/Summary.h"
+
+namespace cardtrace {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kDamaged = 1;
+constexpr int kFailed = 1;
+constexpr int kDiffers = 1;
+constexpr int kNoTrace = 3;
+constexpr int kIncomplete = 4;
+constexpr int kCannotRun = 126;
+constexpr int kNotFound = 127;
+
+// Beside the program, built or installed.
+std::string preloadLibrary() {
+    const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
+    for (const char* folder : {"lib", "lib/cardsim", "lib/" LIBRARY_ARCHITECTURE "/cardsim"}) {
+        const fs::path library = prefix / folder / "libcardtrace-preload.so";
+        if (fs::exists(library)) {
+            return library;
+        }
+    }
+    throw std::runtime_error("libcardtrace-preload.so is not in " + (prefix / "lib").string());
+}
+
+int record(const CommandLine& line) {
+    Recording recording(line.recording,
+                        R"({"recorder": "cardtrace )" CARDTRACE_VERSION R"(", "cards": "real"})");
+    cardsim::ProgramSettings settings;
+    settings.command = line.program;
+    settings.preloadLibrary = preloadLibrary();
+    settings.variables = {{kRingVariable, recording.ringPath()}};
+    settings.withholdsHardware = false;
+    settings.onStarted = [&recording] { recording.start(); };
+    const cardsim::ProgramEnd end = cardsim::run(settings);
+    recording.finish(end.exitStatus);
+    return end.exitStatus;
+}
+
+void printText(const Line& line) {
+    std::printf("%12.6f  %s\n", static_cast<double>(line.time_us) / 1e6, textOf(line).c_str());
+}
+
+void printJson(const Line& line) {
+    using Json = nlohmann::ordered_json;
+    const Json object = {{"record", line.record},
+                         {"microseconds", line.time_us},
+                         {"card", line.card == -1 ? Json() : Json(line.card)},
+                         {"kind", kTopicNames[static_cast<int>(line.topic)]},
+                         {"times", line.times},
+                         {"text", textOf(line)}};
+    std::cout << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+// What of the file could not be read, as lines; whether there was any.
+bool tellTroubles(const std::string& file, const TraceReader& reader) {
+    for (const std::string& trouble : reader.troubles()) {
+        std::cerr << "cardtrace: " << file << ": " << trouble << '\n';
+    }
+    return !reader.troubles().empty();
+}
+
+int show(const CommandLine& line) {
+    TraceReader reader(line.file);
+    const Story::Teller print = line.json ? printJson : printText;
+    Story story(line.story, line.summary ? [](const Line&) {} : print);
+    for (Record each; reader.next(each);) {
+        story.tell(each);
+    }
+    story.end();
+    if (line.summary) {
+        std::cout << (line.json ? summaryJson(reader.about(), story.facts())
+                                : summaryText(reader.about(), story.facts()));
+    }
+    std::cout.flush();
+    return tellTroubles(line.file, reader) ? kDamaged : 0;
+}
+
+// The kinds of the cards that answer in the trace, as far as it shows them.
+void findCards(const std::string& file, int (&channels)[2]) {
+    TraceReader reader(file);
+    KindsSeen kinds;
+    for (Record each; reader.next(each);) {
+        kinds.see(each);
+    }
+    for (const int slot : {0, 1}) {
+        channels[slot] = kinds.kind(slot) == nullptr ? 0 : kinds.kind(slot)->channels;
+    }
+}
+
+Comparison::Options comparedWith(const CommandLine& line, const std::string& about) {
+    using Json = nlohmann::json;
+    Comparison::Options options;
+    options.strict = line.strict;
+    const Json told = Json::parse(about, nullptr, false);
+    if (!line.asReal && told.is_object() && told.value("configuration", Json()).is_object()) {
+        options.configuration = cardsim::describedBy(told["configuration"].dump());
+    } else {
+        findCards(line.file, options.channels);
+    }
+    return options;
+}
+
+void printResult(const ComparisonResult& result, bool isConfigured) {
+    std::cout << result.accesses << " accesses compared with simulated cards "
+              << (isConfigured ? "made as those of the trace" : "of the same kinds") << '\n';
+    if (result.first) {
+        std::printf("first difference: record %llu at %.6f s, %s: %s\n",
+                    static_cast<unsigned long long>(result.first->record),
+                    static_cast<double>(result.first->time_us) / 1e6, result.first->kind.c_str(),
+                    result.first->text.c_str());
+    } else {
+        std::cout << "no difference\n";
+    }
+    for (const auto& [kind, count] : result.differences) {
+        std::cout << "  " << kind << ": " << count << '\n';
+    }
+    for (const HarmlessDescription& each : kHarmless) {
+        const auto found = result.harmless.find(each.name);
+        if (found != result.harmless.end()) {
+            std::cout << "harmless, " << each.name << ": " << found->second << " (" << each.reason
+                      << ")\n";
+        }
+    }
+    std::cout.flush();
+}
+
+int compare(const CommandLine& line) {
+    TraceReader reader(line.file);
+    const Comparison::Options options = comparedWith(line, reader.about());
+    const ComparisonResult result = Comparison(reader, options).run();
+    printResult(result, options.configuration.has_value());
+    if (!result.stoppedBy.empty()) {
+        std::cerr << "cardtrace: " << line.file << ": not compared to the end: " << result.stoppedBy
+                  << '\n';
+    }
+    const bool isDamaged = tellTroubles(line.file, reader) || !result.stoppedBy.empty();
+    return result.first ? kDiffers : isDamaged ? kIncomplete : 0;
+}
+
+int carryOut(const CommandLine& line) {
+    switch (line.command) {
+        case CommandLine::Command::kRecord:
+            return record(line);
+        case CommandLine::Command::kShow:
+            return show(line);
+        case CommandLine::Command::kCompare:
+            return compare(line);
+    }
+    return kFailed;
+}
+
+}  // namespace
+
+}  // namespace cardtrace
+
+int main(int argc, char** argv) {
+    using namespace cardtrace;
+    int exitStatus = 0;
+    const std::optional<CommandLine> line = readCommandLine(argc, argv, exitStatus);
+    if (!line) {
+        return exitStatus;
+    }
+    try {
+        return carryOut(*line);
+    } catch (const cardsim::CannotStart& error) {
+        std::cerr << "cardtrace: cannot start " << error.reason << '\n';
+        return error.isMissing ? kNotFound : kCannotRun;
+    } catch (const NotATrace& error) {
+        std::cerr << "cardtrace: " << error.what() << '\n';
+        return kNoTrace;
+    } catch (const std::exception& error) {
+        std::cerr << "cardtrace: " << error.what() << '\n';
+        return kFailed;
+    }
+}
