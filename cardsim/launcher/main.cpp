@@ -6,17 +6,16 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <new>
 #include <optional>
-#include <stdexcept>
 #include <system_error>
 
 #include "config/SharedPage.h"
 #include "launcher/CommandLine.h"
+#include "launcher/PreloadLibrary.h"
 #include "launcher/Program.h"
 #include "launcher/Replay.h"
 #include "launcher/ReportText.h"
@@ -26,31 +25,12 @@ namespace cardsim {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kFailed = 1;
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
-}
-
-// Beside the launcher, built or installed.
-std::string preloadLibrary() {
-    const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    for (const char* folder : {"lib", "lib/cardsim", "lib/" LIBRARY_ARCHITECTURE "/cardsim"}) {
-        const fs::path library = prefix / folder / "libcardsim-preload.so";
-        if (fs::exists(library)) {
-            if (library.string().find_first_of(" :") != std::string::npos) {
-                throw std::runtime_error(library.string() +
-                                         ": the dynamic linker preloads nothing from a path with "
-                                         "a space or a colon");
-            }
-            return library;
-        }
-    }
-    throw std::runtime_error("libcardsim-preload.so is not in " + (prefix / "lib").string());
 }
 
 // The file without a name that holds the shared page and the configuration.
@@ -146,7 +126,7 @@ ProgramEnd runProgram(const CommandLine& line, const SharedFile& shared,
                       const std::function<void()>& onStarted) {
     ProgramSettings settings;
     settings.command = line.program;
-    settings.preloadLibrary = preloadLibrary();
+    settings.preloadLibrary = findPreloadLibrary("libcardsim-preload.so");
     settings.variables = {{kSharedPageVariable, shared.path()}};
     settings.onStarted = onStarted;
     if (line.end_ms && (!line.configuration.pc.virtualTime || !line.replayed.empty())) {

@@ -12,10 +12,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -178,9 +180,10 @@ class OutOfReach : public Hardware {
     }
 };
 
-// The hardware, or what records it in turn when the run is recorded.
+// The hardware, or what records it in turn when the run is recorded. hasCards: right after an
+// access through it.
 Hardware& recorded(Hardware& hardware, const Configuration& configuration, const MemoryFile& memory,
-                   SharedPage& page, bool hasCards) {
+                   SharedPage& page, const std::function<bool()>& hasCards) {
     if (configuration.ringFile.empty()) {
         return hardware;
     }
@@ -188,12 +191,8 @@ Hardware& recorded(Hardware& hardware, const Configuration& configuration, const
     const auto time = [&page] {
         return static_cast<const volatile std::uint64_t&>(page.report.elapsed_us);
     };
-    auto& recorder = *new cardtrace::RecordingHardware(
-        hardware, ring, {time, [&memory] { return memory.words(); }});
-    if (hasCards) {
-        recorder.recordOwner(static_cast<std::uint32_t>(getpid()));
-    }
-    return recorder;
+    return *new cardtrace::RecordingHardware(
+        hardware, ring, {time, [&memory] { return memory.words(); }, hasCards});
 }
 
 // What a process has until it touches a port, and for as long as another one has the cards.
@@ -220,6 +219,8 @@ class WaitingPc : public Hardware {
     bool processorTime(std::clock_t&) override { return false; }
     bool hasOwnTime() override { return configuration.pc.virtualTime; }
 
+    bool hasCards() const { return owns; }
+
   private:
     // An access: by what it acts on the cards, or null when another process has them.
     Hardware* cardsOrNone() {
@@ -235,7 +236,14 @@ class WaitingPc : public Hardware {
             const pid_t owner = lockCards(path.c_str());
             if (owner == getpid()) {
                 successor = new PreloadedPc(configuration, memory, page);
-                attachHardware(&recorded(*successor, configuration, memory, page, true));
+                owns = true;
+                Hardware& recorder =
+                    recorded(*successor, configuration, memory, page, [] { return true; });
+                if (&recorder != successor) {
+                    static_cast<cardtrace::RecordingHardware&>(recorder).recordOwner(
+                        static_cast<std::uint32_t>(getpid()));
+                }
+                attachHardware(&recorder);
                 return;
             }
             ++page.strangerAccesses;
@@ -261,6 +269,7 @@ class WaitingPc : public Hardware {
     const std::string path;
     std::mutex lock;
     Hardware* successor = nullptr;  // what serves the process once it has touched a port
+    std::atomic<bool> owns{false};
     bool told = false;
 };
 
@@ -336,8 +345,10 @@ Hardware* makeHardware() {
         if (!configuration.scriptFile.empty()) {
             return waiting.emplace_back(new PreloadedReplay(configuration, memory, page, path));
         }
-        Hardware& pc = *waiting.emplace_back(new WaitingPc(configuration, memory, page, path));
-        Hardware& recorder = recorded(pc, configuration, memory, page, false);
+        auto& pc = *new WaitingPc(configuration, memory, page, path);
+        waiting.push_back(&pc);
+        Hardware& recorder =
+            recorded(pc, configuration, memory, page, [&pc] { return pc.hasCards(); });
         if (&recorder != &pc) {
             waiting.push_back(&recorder);
         }

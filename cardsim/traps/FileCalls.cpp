@@ -50,7 +50,7 @@ bool refusesPorts(const char* way, int fd, int other = -1) {
     if (!isPorts(fd) && !isPorts(other)) {
         return false;
     }
-    refuse(way, "/dev/port", "only read, write and their like are simulated", EINVAL);
+    refuse(way, "/dev/port", "only read, write and their like are served", EINVAL);
     return true;
 }
 

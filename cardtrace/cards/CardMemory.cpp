@@ -30,7 +30,7 @@ void eachPort(const CardKind& kind, Add add) {
 
 void KindsSeen::see(const Record& record) {
     const int slot = (record.port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    const bool isStatus = record.isRead() && !record.failed() &&
+    const bool isStatus = record.isRead() && !record.failed() && !record.isUnanswered() &&
                           record.port >= portMap::kFirstBase && slot < portMap::kMaxCards &&
                           record.port % portMap::kPortsOfCard == portMap::kControl;
     const std::uint32_t nobody = record.width == 1 ? 0xFF : 0xFFFF;
@@ -90,6 +90,14 @@ std::string BufferView::text(int place, int mostBytes) const {
     const auto count = static_cast<signed char>(memory[at]);
     const int length = std::clamp<int>(count, 0, mostBytes - 1);
     return memory.substr(at + 1, static_cast<std::size_t>(length));
+}
+
+std::string printable(std::string text) {
+    const auto isPlain = [](unsigned char byte) { return byte >= 0x20 && byte < 0x7F; };
+    for (char& each : text) {
+        each = isPlain(static_cast<unsigned char>(each)) ? each : '?';
+    }
+    return text;
 }
 
 std::vector<Span> audioOf(const CardKind* kind) {

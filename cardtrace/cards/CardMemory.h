@@ -43,6 +43,9 @@ class BufferView {
     const cardsim::CardKind& kind;
 };
 
+// A text of a trace, which may hold anything, as a terminal may get it.
+std::string printable(std::string text);
+
 // Bytes of a card's memory, from its start.
 struct Span {
     std::size_t offset;

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -10,6 +9,7 @@
 #include "command/CommandLine.h"
 #include "compare/Comparison.h"
 #include "format/TraceReader.h"
+#include "launcher/PreloadLibrary.h"
 #include "launcher/Program.h"
 #include "recorder/RingVariable.h"
 #include "show/Story.h"
@@ -19,8 +19,6 @@ namespace cardtrace {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kDamaged = 1;
 constexpr int kFailed = 1;
 constexpr int kDiffers = 1;
@@ -29,24 +27,12 @@ constexpr int kIncomplete = 4;
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
-// Beside the program, built or installed.
-std::string preloadLibrary() {
-    const fs::path prefix = fs::read_symlink("/proc/self/exe").parent_path().parent_path();
-    for (const char* folder : {"lib", "lib/cardsim", "lib/" LIBRARY_ARCHITECTURE "/cardsim"}) {
-        const fs::path library = prefix / folder / "libcardtrace-preload.so";
-        if (fs::exists(library)) {
-            return library;
-        }
-    }
-    throw std::runtime_error("libcardtrace-preload.so is not in " + (prefix / "lib").string());
-}
-
 int record(const CommandLine& line) {
     Recording recording(line.recording,
                         R"({"recorder": "cardtrace )" CARDTRACE_VERSION R"(", "cards": "real"})");
     cardsim::ProgramSettings settings;
     settings.command = line.program;
-    settings.preloadLibrary = preloadLibrary();
+    settings.preloadLibrary = cardsim::findPreloadLibrary("libcardtrace-preload.so");
     settings.variables = {{kRingVariable, recording.ringPath()}};
     settings.withholdsHardware = false;
     settings.onStarted = [&recording] { recording.start(); };

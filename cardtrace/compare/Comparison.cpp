@@ -171,7 +171,7 @@ ComparisonResult Comparison::run() {
             makeModel(record.time_us);
         } else if (record.kind == Kind::kBuffers) {
             compareBuffers(record);
-        } else if (record.isAccess() && !record.failed()) {
+        } else if (record.isAccess() && !record.failed() && !record.isUnanswered()) {
             ++result.accesses;
             if (record.isRead()) {
                 compareIn(record);
@@ -473,7 +473,8 @@ void Comparison::compareText(const Record& record, const std::string& which,
                              const std::string& shown, const std::string& simulated) {
     if (shown != simulated) {
         differ(record, which.substr(which.rfind(' ') + 1),
-               which + " \"" + shown + "\", the simulated card has \"" + simulated + '"');
+               which + " \"" + printable(shown) + "\", the simulated card has \"" +
+                   printable(simulated) + '"');
     }
 }
 

@@ -29,6 +29,8 @@ struct Record {
     static constexpr std::uint16_t kFailed = 1;          // value is an errno
     static constexpr std::uint16_t kWithoutAudio = 2;    // checksums stand behind the buffers
     static constexpr std::uint16_t kWithoutNumbers = 4;  // callers and digits are masked
+    // Of a process that has not the cards: nobody answers.
+    static constexpr std::uint16_t kUnanswered = 8;
 
     Kind kind = Kind::kEnd;
     std::uint8_t width = 0;   // of an access, in bytes
@@ -40,6 +42,7 @@ struct Record {
     std::string data;           // the rest, in the form that the file has it
 
     bool isAccess() const { return kind <= Kind::kDeviceOut; }
+    bool isUnanswered() const { return (flags & kUnanswered) != 0; }
     bool isRead() const { return kind == Kind::kIn || kind == Kind::kDeviceIn; }
     bool failed() const { return (flags & kFailed) != 0; }
     bool isCall() const { return kind >= Kind::kPermission && kind <= Kind::kSleep; }

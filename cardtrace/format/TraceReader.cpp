@@ -86,7 +86,8 @@ std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_
     std::string chunk;
     for (std::size_t length = 256; offset + sizeof(magic) <= end; length *= 4) {
         chunk.resize(std::min(length, fileLayout::kBlockBytes));  // mostly it is right here
-        const auto wanted = std::min<std::uint64_t>(chunk.size(), end - offset);
+        const auto wanted =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
         const std::size_t got = source.read(offset, chunk.data(), wanted);
         const std::size_t found =
             std::string_view(chunk.data(), got).find(std::string_view(magic, sizeof(magic)));
@@ -158,7 +159,7 @@ void TraceReader::findSeam() {
 bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end,
                             fileLayout::BlockHeader& header, bool tells) {
     const std::uint64_t begin = offset;
-    while (true) {
+    while (offset < end) {
         const std::uint64_t found = findMagic(*source, offset, end);
         const bool isThere = found < end && readInto(*source, found, header);
         if (isThere && isSealed(header) && header.length <= fileLayout::kMaxBlockBytes &&
@@ -181,6 +182,7 @@ bool TraceReader::findBlock(std::uint64_t& offset, std::uint64_t end,
         }
         offset = found + 1;
     }
+    return false;
 }
 
 bool TraceReader::openNextBlock() {

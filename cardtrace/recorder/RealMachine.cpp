@@ -64,12 +64,13 @@ void RealMachine::out(std::uint16_t port, int bytes, std::uint32_t value) {
     }
 }
 
+// The program's descriptor may be one that a process before it has opened.
 bool RealMachine::readByte(std::uint16_t port, std::uint8_t& byte) {
-    return REAL(pread)(ports, &byte, 1, port) == 1;
+    return openPorts() == 0 && REAL(pread)(ports, &byte, 1, port) == 1;
 }
 
 bool RealMachine::writeByte(std::uint16_t port, std::uint8_t byte) {
-    return REAL(pwrite)(ports, &byte, 1, port) == 1;
+    return openPorts() == 0 && REAL(pwrite)(ports, &byte, 1, port) == 1;
 }
 
 // Whether the kernel would have granted them.

@@ -46,7 +46,8 @@ Kind kindOf(DeviceCall::Kind kind) {
 
 std::uint32_t RecordingHardware::in(std::uint16_t port, int bytes) {
     const std::uint32_t value = hardware.in(port, bytes);
-    recordAccess(Kind::kIn, port, bytes, value);
+    const std::uint64_t mask = (std::uint64_t{1} << (8 * bytes)) - 1;
+    recordAccess(Kind::kIn, port, bytes, static_cast<std::uint32_t>(value & mask));
     return value;
 }
 
@@ -114,7 +115,9 @@ void RecordingHardware::recordAccess(Kind kind, std::uint16_t port, int bytes, s
     record.port = port;
     record.value = value;
     record.thread = thisThread();
-    record.flags = failed ? Record::kFailed : std::uint16_t{0};
+    record.flags = failed                    ? Record::kFailed
+                   : surroundings.hasCards() ? std::uint16_t{0}
+                                             : Record::kUnanswered;
     record.time_us = surroundings.time_us();
     ring.put(record, nullptr, 0);
 }

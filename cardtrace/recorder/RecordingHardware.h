@@ -19,6 +19,8 @@ class RecordingHardware : public cardsim::Hardware {
         std::function<std::uint64_t()> time_us;  // right after an access: of that access
         // The memory of both cards, or null as long as there is none.
         std::function<const volatile std::uint16_t*()> memory;
+        // Whether this process has the cards; right after an access.
+        std::function<bool()> hasCards = [] { return true; };
     };
 
     // All that is given must stay.

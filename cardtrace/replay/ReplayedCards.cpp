@@ -84,9 +84,21 @@ bool ReplayedCards::writeByte(std::uint16_t port, std::uint8_t byte) {
     return !failed;
 }
 
+// Whether this process has the cards. It goes on where one before it has ended.
+bool ReplayedCards::begin() {
+    if (!hasCards()) {
+        return false;
+    }
+    std::uint64_t done = hasBegun ? 0 : *surroundings.accesses;
+    for (hasBegun = true; done > 0 && current != nullptr; current = script.after(current)) {
+        done -= current->isAccess() ? 1 : 0;
+    }
+    return true;
+}
+
 // The record of the trace that the access is; null in a process that has no cards.
 const ScriptRecord* ReplayedCards::meet(const Access& access) {
-    if (!hasCards()) {
+    if (!begin()) {
         return nullptr;
     }
     skipUnmatched();
@@ -308,7 +320,7 @@ const ScriptRecord* ReplayedCards::nextCall(Kind kind) {
 
 bool ReplayedCards::sleep(std::uint64_t microseconds) {
     const std::lock_guard<std::recursive_mutex> guard(lock);
-    if (!hasCards()) {
+    if (!begin()) {
         return false;
     }
     skipUnmatched();

@@ -21,7 +21,7 @@ class ReplayedCards : public cardsim::Hardware {
         bool virtualTime;                // else the program's sleeps are real
         std::string memoryPath;
         std::uint64_t* elapsed_us;  // becomes the time of the record that was met last
-        std::uint64_t* accesses;    // counts them
+        std::uint64_t* accesses;    // counts them, of all processes that have met the cards
         // The program did something else, or the trace has come to its end; on the program's
         // thread. Must not return.
         std::function<void(const Deviation&)> onDeviation;
@@ -56,6 +56,7 @@ class ReplayedCards : public cardsim::Hardware {
         std::uint32_t value;
     };
 
+    bool begin();
     const ScriptRecord* meet(const Access& access);
     bool isExtraRead(const Access& access) const;
     void skipRestOfWait(const Access& access);
@@ -81,6 +82,7 @@ class ReplayedCards : public cardsim::Hardware {
     const ScriptRecord* lastBuffers = nullptr;
     ScriptRecord lastRead{};
     std::uint64_t sameReads = 0;
+    bool hasBegun = false;
     KindsSeen kinds;
 };
 

@@ -45,11 +45,13 @@ void writeAll(int file, const std::string& bytes) {
 
 ScriptFile makeScript(const std::string& tracePath) {
     constexpr std::size_t kChunk = std::size_t{1} << 20;
+    constexpr std::uint64_t kMostBytes = std::uint64_t{2} << 30;
     TraceReader reader(tracePath);
     ScriptFile made;
     made.about = reader.about();
     made.file = memfd_create("card-script", MFD_CLOEXEC);
     std::string chunk;
+    std::uint64_t length = 0;
     std::uint64_t number = 0;
     for (Record record; made.stoppedBy.empty() && reader.next(record);) {
         if (reader.isAfterGap() && number == 0) {
@@ -59,10 +61,19 @@ ScriptFile makeScript(const std::string& tracePath) {
             made.stoppedBy = "records are missing after record " + std::to_string(number);
             break;
         }
-        append(chunk, record, ++number);
+        if (length > kMostBytes) {
+            made.stoppedBy = "no more than its first 2 GB can be replayed";
+            break;
+        }
+        ++number;
+        if (record.isUnanswered()) {
+            continue;  // no cards were met
+        }
+        append(chunk, record, number);
         made.accesses += record.isAccess() ? 1 : 0;
         if (chunk.size() >= kChunk) {
             writeAll(made.file, chunk);
+            length += chunk.size();
             chunk.clear();
         }
     }

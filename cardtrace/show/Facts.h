@@ -59,6 +59,7 @@ struct CardFacts {
 };
 
 struct Facts {
+    static constexpr std::size_t kMostFailures = 100;
     CardFacts cards[2];
     std::map<std::string, std::uint64_t> failures;  // of calls, by what they were
     std::uint64_t records = 0;

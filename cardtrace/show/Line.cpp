@@ -12,9 +12,8 @@ std::string number(std::uint64_t count, const char* one, const char* many) {
 }
 
 std::string readsOf(const Line& line) {
-    const std::string fewest = number(line.fewestReads, "read", "reads");
     if (line.fewestReads == line.mostReads) {
-        return fewest;
+        return number(line.fewestReads, "read", "reads");
     }
     return std::to_string(line.fewestReads) + " to " + number(line.mostReads, "read", "reads");
 }

@@ -14,7 +14,6 @@ namespace cardtrace {
 
 namespace {
 
-namespace layout = cardsim::layout;
 namespace portMap = cardsim::portMap;
 
 constexpr std::size_t kMostWaiting = 4096;
@@ -103,7 +102,7 @@ void Story::tell(const Record& record) {
     } else if (record.kind == Kind::kBuffers) {
         buffers(record);
     } else if (record.kind == Kind::kFile) {
-        lastFile = record.data.substr(0, 64);
+        lastFile = printable(record.data.substr(0, 64));
         say(line(record, -1, Topic::kDevices, "file " + lastFile + " opened"));
     } else if (record.kind == Kind::kCards) {
         cards[0] = cards[1] = {};
@@ -142,15 +141,16 @@ Line Story::line(const Record& record, int card, Topic topic, const std::string&
 void Story::access(const Record& record) {
     const int card = slotOf(record.port);
     if (record.failed()) {
-        ++whole.failures["/dev/port: errno " + std::to_string(record.value)];
+        noteFailure("/dev/port: errno " + std::to_string(record.value));
         say(line(record, card, Topic::kDevices,
                  "port " + hexadecimal(record.port, 3) + " failed with errno " +
                      std::to_string(record.value)));
         return;
     }
-    if (card == -1) {
+    if (card == -1 || record.isUnanswered()) {
         say(line(record, -1, Topic::kRegisters,
-                 "port " + hexadecimal(record.port, 3) + (record.isRead() ? " -> " : " <- ") +
+                 std::string(record.isUnanswered() ? "answered by nobody: " : "") + "port " +
+                     hexadecimal(record.port, 3) + (record.isRead() ? " -> " : " <- ") +
                      hexadecimal(record.value, 2 * record.width)));
         return;
     }
@@ -507,8 +507,8 @@ std::string Story::fromDsp(const BufferView& view, int card) {
     story.counter = counter;
     story.knowsCounter = true;
     for (int i = 0; i < kinds.kind(card)->channels; ++i) {
-        const std::string caller = view.caller(i);
-        const std::string digits = view.digits(i);
+        const std::string caller = printable(view.caller(i));
+        const std::string digits = printable(view.digits(i));
         facts.callers += caller.empty() ? 0 : 1;
         facts.digits += digits.size();
         if (!caller.empty() || !digits.empty()) {
@@ -576,6 +576,12 @@ void Story::call(const Record& record) {
     say(line(
         record, -1, Topic::kDevices,
         name + (record.value == 0 ? "" : ": failed with errno " + std::to_string(record.value))));
+}
+
+void Story::noteFailure(const std::string& what) {
+    if (whole.failures.size() < Facts::kMostFailures || whole.failures.count(what) != 0) {
+        ++whole.failures[what];
+    }
 }
 
 void Story::sleep(const Record& record) {

@@ -62,6 +62,7 @@ class Story {
     void read(const Record& record, int card, std::uint16_t offset);
     void write(const Record& record, int card, std::uint16_t offset);
     void call(const Record& record);
+    void noteFailure(const std::string& what);
     void sleep(const Record& record);
     void buffers(const Record& record);
 

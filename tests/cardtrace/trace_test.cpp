@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -131,11 +132,15 @@ TEST_F(Trace, NamesWhereAnotherHostDoesSomethingElse) {
         {"ask run data", "ask data", "reads port 0x300, 16 bits, where the trace goes on"},
         {"ask data", "ask run", "writes 0x1A to port 0x302, 16 bits, where the trace"},
         {"ask data", "device", "reads port 0x300, 8 bits, through /dev/port, where"},
+        {"ask data run data; $user B ask data fork data",
+         "ask data run data; $user B ask data fork data",
+         "to the end, 5 of 5 accesses, 0 deviations"},
         {"ask device memory", "ask device", "to the end, 1 of 1 accesses, 0 deviations"},
     };
     for (const auto& [recorded, steps, message] : kRows) {
-        run("$cardsim --record $t/trace -- $user A " + recorded);
-        const Answer replayed = run("$cardsim --replay $t/trace -- $user A " + steps);
+        run("$cardsim --record $t/trace -- sh -c '$user A " + recorded + "'");
+        EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << recorded;
+        const Answer replayed = run("$cardsim --replay $t/trace -- sh -c '$user A " + steps + "'");
         EXPECT_THAT(replayed.err, HasSubstr(message)) << steps;
     }
     recordLockUp();
@@ -216,12 +221,45 @@ TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
     EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0);
     EXPECT_THAT(run("$cardsim --replay $t/trace --virtual-time -- $main").err,
                 HasSubstr("0 deviations"));
+    // No way leads past the recorder either.
+    EXPECT_THAT(run("$cardsim -- $cardtrace record -o $t/trace -- " EVERY_WAY " $t " STATIC_USER),
+                FieldsAre(0, "", ContainsRegex("cardtrace: process [0-9]+ may not splice ")));
     // A program without permission still dies of the fault.
     EXPECT_EQ(run("$cardsim -- $cardtrace record -o $t/trace -- $user A data").status, 139);
     // On a machine without ports, or without the right to them, it is told the kernel's own answer.
     EXPECT_THAT(
         run("setpriv --bounding-set=-sys_rawio $cardtrace record -o $t/trace -- $user A ask").out,
         ContainsRegex("A ask E(PERM|NOSYS)"));
+}
+
+TEST_F(Trace, IsShownAsFarAsItIsAskedFor) {
+    const auto show = [this](const std::string& options) {
+        std::istringstream out(run("$cardtrace show " + options + " " SAMPLE).out);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(out, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    };
+    EXPECT_THAT(
+        show("--card 1 --kind transfers --from 3 --to 4"),
+        AllOf(SizeIs(10), Each(ContainsRegex("^    3\\.[0-9]+  card 1 (hands over|gets) "))));
+    // Each record but the buffers, which complete other lines, has a line.
+    std::set<std::uint64_t> records;
+    for (const std::string& line : show("--all --json")) {
+        records.insert(json::parse(line)["record"].get<std::uint64_t>());
+    }
+    EXPECT_EQ(records.size(), 27842u - 173u);
+    std::uint64_t bytes = 0;
+    for (const std::string& line : show("--json --kind boot --card 0")) {
+        const json told = json::parse(line);
+        EXPECT_EQ(told["card"], 0);
+        EXPECT_EQ(told["kind"], "boot");
+        bytes += told["text"].get<std::string>().find(" of VECT4.BIN,") != std::string::npos
+                     ? told["times"].get<std::uint64_t>()
+                     : 0;
+    }
+    EXPECT_EQ(bytes, 2 * 128u) << "two boots";
 }
 
 TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {

@@ -51,6 +51,17 @@ for page in *.md docs/*.md; do
         sed -E ':a; /\\$/ { N; s/\\\n */ /; ba }; s/ *#.*//; s/ -- /\n/; s/^sudo //' | grep .)
 done
 
+# What cardtrace refers to is there: messages in troubleshooting, harmless differences in its pages.
+page=docs/troubleshooting.md
+while read -r message; do
+    grep -qF -- "$message" "$page" || wrong "no message: $message"
+done < <(tr -d '\n' <cardtrace/show/Advice.cpp | grep -oP '\{"[^"]*",\s*"\K[^"]*(?=",\s*"[^"]*"\})|\{"\K[^"]*(?=",\s*"[^"]*"(\s*"[^"]*")*,\s*\[\])')
+while read -r name; do
+    for page in docs/traces.md man/cardtrace.1; do
+        grep -qF -- "$name" "$page" || wrong "does not tell of $name"
+    done
+done < <(grep -oP '^ *\{Harmless::\w+, "\K[^"]+' cardtrace/compare/Harmless.h)
+
 # The programs' lines and those of the samples with N for each number; their order may differ.
 plain() { sed -E 's/[^ ]*recordings/recordings/; s/; in virtual time//; s/(0x)?[0-9A-F]*[0-9]/N/g'; }
 simulated() { "$build/bin/cardsim" --virtual-time --seed 1 "$@" || true; }
