@@ -12,7 +12,7 @@ packages=(
     g++ cmake ninja-build
     libcli11-dev libtomlplusplus-dev nlohmann-json3-dev libzstd-dev zlib1g-dev
     libgtest-dev libgmock-dev
-    openjdk-17-jdk-headless junit5
+    openjdk-17-jdk-headless junit5 curl procps sox
     libpicocli-java libxerial-sqlite-jdbc-java libjackson2-core-java
 )
 

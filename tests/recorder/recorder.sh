@@ -162,7 +162,7 @@ page() {
         echo 'skipped: chromium is not installed'
         exit 77
     }
-    local caller='<img src=x onerror=alert(1)>' browser=(chromium --headless --no-sandbox
+    local caller='<img src=x onerror=alert(1)>' browser=(timeout 60 chromium --headless --no-sandbox
         --disable-gpu --user-data-dir="$work/browser" --virtual-time-budget=4000)
     printf 'event = [{ at = 9, line = 2, do = "call", caller = "%s", ring = 1, talk = 900 }]\n' \
         "$caller" >"$work/scenario"
@@ -199,9 +199,13 @@ terminal() {
         check(@settings == 2 && $settings[0] eq $settings[1], "the terminal is as before");
         check(/\e7(?:(?!\e8).)*line  state.*?RECORDING.*?\e8/s, "a table was painted");
         check(/.*\e\[r\e\[30;1H\r\n(.*)/s && $1 =~ /calls recorded into/, "the end is told below");
+        my ($top) = /\e\[(\d+);30r(?!.*;30r)/s;
+        my ($last) = /.*\e7(.*?)\e8/s;
+        check($_ < $top, "row $_ is the table") for $last =~ /\e\[(\d+);1H/g;
+        check(!/\e\[\d*[JLMST]/, "nothing is cleared or moved");
         s/\e7.*?\e8//gs;
         s/\e\[r\e\[30;1H(?:(?:\r\n){30}\e\[\d+;30r\e\[\d+;1H)?//g;
-        check(!/\e/, "the screen is cleared nowhere");
+        check(!/\e/, "nothing else is painted");
         my @sent = /^Sending Packet to Java.*$/mg;
         check(@sent > 50, "the driver says something");
         /^Sending Packet to Java: channel=\d+ length=\d+\r?$/ or check(0, "whole: $_") for @sent;

@@ -83,7 +83,15 @@ final class CallTable {
         config.setJournalMode(SQLiteConfig.JournalMode.WAL);
         config.setSynchronous(SQLiteConfig.SynchronousMode.FULL);
         config.setBusyTimeout(1_000);  // no more, for the audio of all lines waits as well
-        return connect(config, "jdbc:sqlite:" + file);
+        Connection writer = connect(config, "jdbc:sqlite:" + file);
+        try (Statement statement = writer.createStatement()) {
+            // Less than what is kept for it on a full disk.
+            statement.execute("PRAGMA wal_autocheckpoint = 400");
+            return writer;
+        } catch (SQLException unusable) {
+            writer.close();
+            throw unusable;
+        }
     }
 
     /** For whoever reads, also one who may not write. */

@@ -104,6 +104,7 @@ public final class CallsProgram implements Callable<Integer> {
     public Integer call() throws IOException, SQLException, InterruptedException {
         Format wanted = checked(() -> Format.valueOf(format.toUpperCase(Locale.ROOT)));
         checked(this::filter);
+        open().close();  // so that no heading stands above a refusal
         Writer out = new BufferedWriter(new OutputStreamWriter(System.out, StandardCharsets.UTF_8));
         try (CallWriter writer = writer(wanted, out)) {
             list(writer, out);

@@ -22,6 +22,7 @@ final class DiskRoom {
     static final int LOG_ROOM = 4 << 20;
 
     private static final String LOG_ROOM_FILE = "room-for-the-log";
+    private static final int GIVEN_AT_ONCE = 1 << 18;
     private static final int PIECE = 1 << 16;
 
     private final RecordingFolder folder;
@@ -91,9 +92,21 @@ final class DiskRoom {
         }
     }
 
-    /** Frees what was kept for the log; false when that has been done already. */
+    /**
+     * Frees a part of what was kept for the log, no more, for others take what is free as well; false
+     * when nothing is left of it.
+     */
     boolean giveToLog() throws IOException {
-        return Files.deleteIfExists(folder.path().resolve(LOG_ROOM_FILE));
+        Path file = folder.path().resolve(LOG_ROOM_FILE);
+        long left = sizeOf(file);
+        if (left <= 0) {
+            return false;
+        }
+        try (FileChannel channel = FileChannel.open(file, Set.of(StandardOpenOption.WRITE,
+                LinkOption.NOFOLLOW_LINKS))) {
+            channel.truncate(Math.max(0, left - GIVEN_AT_ONCE));
+        }
+        return true;
     }
 
     private long measure() throws IOException {

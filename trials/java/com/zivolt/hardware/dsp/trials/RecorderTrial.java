@@ -29,6 +29,8 @@ public final class RecorderTrial implements Callable<Integer> {
     private static final double PERIOD_S = 0.45;
     private static final double SLACK_S = 1.5;  // a disk may stand still for as long
     private static final long MOST_GROWTH_KB = 24 * 1024;
+    // Of a day, for the cards' memory of its calls is in the same process.
+    private static final int LONGER = 10;
     private static final int FILLING_BYTES = 1 << 20;
 
     @Option(names = "--runs", description = "How many times it is killed; ${DEFAULT-VALUE}. With 0"
@@ -181,14 +183,14 @@ public final class RecorderTrial implements Callable<Integer> {
                 String caller = "run %d line %d call %d".formatted(run, line, number);
                 boolean answered = random.nextInt(5) > 0;
                 double ring = 1 + random.nextInt(30) / 10.0;
-                double talk = 2 + random.nextInt(200) / 10.0;
+                double talk = (2 + random.nextInt(200) / 10.0) * (runs == 0 ? LONGER : 1);
                 events.append((answered ? "{ at = %.1f, line = %d, do = \"call\", caller = \"%s\","
                         + " ring = %.1f, talk = %.1f },\n" : "{ at = %.1f, line = %d, do = \"caller\","
                         + " caller = \"%s\" },\n").formatted(at, line, caller, ring, talk));
                 double told = answered ? at + 0.5 : at;
                 calls.add(new Call(run, line, caller, told, answered ? at + ring : null,
                         answered ? at + ring + talk : told));
-                at += answered ? ring + talk + 1.5 + random.nextInt(40) / 10.0 : 65;
+                at += answered ? ring + talk + 1.5 + random.nextInt(40) / 10.0 : 65 * (runs == 0 ? LONGER : 1);
             }
         }
         return Files.writeString(own.resolve("scenario.toml"), events.append("]\n"));
