@@ -27,6 +27,9 @@ struct RecordRing::Head {
 
 namespace {
 
+// Whoever takes no record for so long has been killed.
+constexpr int kPatience_ms = 10'000;
+
 std::uint64_t machineTime() {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
@@ -73,7 +76,12 @@ void RecordRing::put(const Record& record, const void* data, std::size_t count) 
     const std::size_t length = sizeof(head) + count;
     lock();
     const std::uint64_t place = written.load(std::memory_order_relaxed);
-    while (place + length - taken.load(std::memory_order_acquire) > kBytes) {
+    for (int waited_ms = 0; place + length - taken.load(std::memory_order_acquire) > kBytes;
+         ++waited_ms) {
+        if (waited_ms == kPatience_ms) {
+            pthread_mutex_unlock(&writing);
+            return;
+        }
         poll(nullptr, 0, 1);  // no sleep of the program's
     }
     copyIn(place, &head, sizeof(head));

@@ -1,7 +1,8 @@
 // The way of records out of the program: a ring of bytes in memory that the program's processes
 // share with the launcher, so that nothing of what they have put in is lost when they are killed.
 // Any thread of any process puts records in; one thread of the launcher takes them out. Putting one
-// in waits while the ring is full.
+// in waits while the ring is full, but not for ever: then the launcher is gone, and so is the
+// record.
 #pragma once
 
 #include <pthread.h>

@@ -265,7 +265,9 @@ void Story::readBootStatus(const Record& record, int card) {
         story.wait = Wait::kNothing;
     } else if (story.wait == Wait::kForTaking && !isBusy) {
         story.wait = Wait::kNothing;
-        tellBootByte(record, card, static_cast<std::uint8_t>(story.data & 0xFF));
+        const std::string text =
+            tellBootByte(record, card, static_cast<std::uint8_t>(story.data & 0xFF));
+        said.text = options.all ? text : said.text;
     }
     say(said);
 }
@@ -313,13 +315,20 @@ std::string Story::placeOf(int card) const {
     return "boot byte behind the end";
 }
 
-void Story::tellBootByte(const Record& record, int card, std::uint8_t byte) {
+// A block has the name of the file that was opened between its head and its first byte.
+void Story::nameBlock(int card) {
     CardStory& story = cards[card];
     const BootStream::Byte at = story.stream.next();
-    if (at.place == BootStream::Place::kBlock && at.number == 1) {
+    if (at.place == BootStream::Place::kBlock && at.block != story.namedBlock) {
+        story.namedBlock = at.block;
         story.blockName =
             lastFile.empty() ? "block " + std::to_string(at.block) : std::exchange(lastFile, "");
     }
+}
+
+std::string Story::tellBootByte(const Record& record, int card, std::uint8_t byte) {
+    CardStory& story = cards[card];
+    const BootStream::Byte at = story.stream.next();
     Line said = line(record, card, Topic::kBoot,
                      placeOf(card) + " <- " + hexadecimal(byte, 2) + ", taken after " +
                          std::to_string(story.reads) + (story.reads == 1 ? " read" : " reads"));
@@ -339,6 +348,7 @@ void Story::tellBootByte(const Record& record, int card, std::uint8_t byte) {
     if (!options.all) {
         say(said);
     }
+    return said.text;
 }
 
 void Story::noteBlock(int card) {
@@ -366,6 +376,7 @@ void Story::control(const Record& record, int card) {
         story.wait = Wait::kForTaking;
         story.reads = 0;
         story.waitBegan_us = record.time_us;
+        nameBlock(card);
         Line said = line(record, card, Topic::kBoot, placeOf(card) + " strobed");
         said.isDetail = true;
         say(said);
@@ -383,6 +394,7 @@ void Story::startBoot(const Record& record, int card) {
     CardFacts& facts = whole.cards[card];
     story.state = State::kBooting;
     story.stream.restart();
+    story.namedBlock = -1;
     story.knowsCounter = story.hasLooked = false;
     lastFile.clear();
     if (facts.boots.size() < CardFacts::kMostBoots) {

@@ -43,6 +43,7 @@ class Story {
         std::uint32_t data = 0;
         BootStream stream;
         std::string blockName;
+        int namedBlock = -1;
         Wait wait = Wait::kNothing;
         std::uint64_t reads = 0;  // of the status while it waits
         std::uint64_t waitBegan_us = 0;
@@ -73,7 +74,8 @@ class Story {
     void control(const Record& record, int card);
     void startBoot(const Record& record, int card);
     void endStrobe(const Record& record, int card);
-    void tellBootByte(const Record& record, int card, std::uint8_t byte);
+    std::string tellBootByte(const Record& record, int card, std::uint8_t byte);
+    void nameBlock(int card);
     void noteBlock(int card);
     void stopWaiting(const Record& record, int card, bool isRead);
     void handOver(const Record& record, int card, int buffer);
