@@ -16,7 +16,6 @@
 #include <sstream>
 #include <system_error>
 
-#include "launcher/Rights.h"
 #include "traps/Executable.h"
 
 namespace cardsim {
@@ -69,9 +68,6 @@ void setEnvironment(const ProgramSettings& settings) {
         _exit(kKilled + SIGTERM);
     }
     setEnvironment(settings);
-    if (settings.withholdsHardware) {
-        giveUpHardware();
-    }
     std::vector<char*> arguments;
     for (const std::string& argument : settings.command) {
         arguments.push_back(const_cast<char*>(argument.c_str()));

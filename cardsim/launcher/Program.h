@@ -21,8 +21,6 @@ struct ProgramSettings {
     std::string preloadLibrary;
     // Name and value of what the preload library finds in the environment.
     std::vector<std::pair<std::string, std::string>> variables;
-    // The machine's own ports and memory stay out of reach, whatever the program tries.
-    bool withholdsHardware = true;
     // After that long its time is over; nothing: never.
     std::optional<std::chrono::milliseconds> end;
     // Called once the program runs; the launcher is free to start threads from then on.

@@ -7,6 +7,9 @@ namespace cardsim {
 // For this process and all that it starts, for ever: no right to ports and physical memory, and no
 // other rights by a program's file, which would also shake off the preload library.
 void giveUpHardware();
+// Programs find what the launcher shares with them by its number, which the kernel hides when the
+// launcher was started with a right of its own, as a service is.
+void letProgramsFindThisProcess();
 
 // Throws std::runtime_error when this process was started with one of the devices open.
 void refuseOpenDevices();

@@ -184,6 +184,8 @@ int main(int argc, char** argv) {
     }
     try {
         refuseOpenDevices();
+        giveUpHardware();
+        letProgramsFindThisProcess();
         return launch(*line);
     } catch (const CannotStart& error) {
         std::cerr << "cardsim: cannot start " << error.reason << '\n';

@@ -11,6 +11,7 @@
 #include "format/TraceReader.h"
 #include "launcher/PreloadLibrary.h"
 #include "launcher/Program.h"
+#include "launcher/Rights.h"
 #include "recorder/RingVariable.h"
 #include "show/Story.h"
 #include "show/Summary.h"
@@ -28,13 +29,13 @@ constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
 int record(const CommandLine& line) {
+    cardsim::letProgramsFindThisProcess();
     Recording recording(line.recording,
                         R"({"recorder": "cardtrace )" CARDTRACE_VERSION R"(", "cards": "real"})");
     cardsim::ProgramSettings settings;
     settings.command = line.program;
     settings.preloadLibrary = cardsim::findPreloadLibrary("libcardtrace-preload.so");
     settings.variables = {{kRingVariable, recording.ringPath()}};
-    settings.withholdsHardware = false;
     settings.onStarted = [&recording] { recording.start(); };
     const cardsim::ProgramEnd end = cardsim::run(settings);
     recording.finish(end.exitStatus);
