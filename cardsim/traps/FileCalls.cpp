@@ -37,7 +37,9 @@ namespace {
     REAL(openat64);
     REAL(read);
     REAL(close);
+#ifndef __SANITIZE_THREAD__
     REAL(mmap);
+#endif
 }
 
 // Whether accesses through that descriptor are the hardware's.
@@ -352,8 +354,10 @@ SEEK(lseek64, off64_t)
         return (flags & MAP_ANONYMOUS) != 0 ? map()                                           \
                                             : mapDevice(length, protection, fd, offset, map); \
     }
+#ifndef __SANITIZE_THREAD__ // which maps memory before anything can be looked up
 MAP(mmap, off_t)
 MAP(mmap64, off64_t)
+#endif
 #undef MAP
 
 int dup(int fd) noexcept {
