@@ -37,7 +37,7 @@ namespace {
     REAL(openat64);
     REAL(read);
     REAL(close);
-#ifndef __SANITIZE_THREAD__
+#ifndef LEAVES_MAPPING_ALONE
     REAL(mmap);
 #endif
 }
@@ -354,7 +354,7 @@ SEEK(lseek64, off64_t)
         return (flags & MAP_ANONYMOUS) != 0 ? map()                                           \
                                             : mapDevice(length, protection, fd, offset, map); \
     }
-#ifndef __SANITIZE_THREAD__ // which maps memory before anything can be looked up
+#ifndef LEAVES_MAPPING_ALONE  // as the thread sanitizer needs, which maps memory at its very start
 MAP(mmap, off_t)
 MAP(mmap64, off64_t)
 #endif
