@@ -202,9 +202,6 @@ TEST_F(Trace, KeepsTheLastWhenItIsBoundedAndSaysThatItBeginsLate) {
 }
 
 TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "one thread, and the sanitizer's own way with signals";
-#endif
     // The PC is a simulated one, in real time: its clock does not see who drives the cards.
     const Answer recorded = run(
         "$cardsim --cards 4,8 --traffic --seed 2 --period-ms 300 --seconds 6 --report $t/report "

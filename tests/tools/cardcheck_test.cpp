@@ -14,9 +14,6 @@ using namespace cardcheck;
 using namespace testing;
 
 TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "one thread, and the sanitizer's own way with files";
-#endif
     const std::tuple<int, int, Rights, int, std::string, std::string> machines[] = {
         {ENOSYS, ENOENT, {0, true, ""}, 3, "this kernel has no port permission", "as root"},
         {EPERM, EPERM, {0, true, "integrity"}, 4, "0x31F refused: the kernel is lock", "as root"},
