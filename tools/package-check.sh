@@ -209,7 +209,7 @@ record_as_service() {
     shell "recording calls for 15 s, as the service's user" "umask 027; $(service_with ,+sys_rawio \
         --init-groups "cardsim --cards 4,8 --traffic --seed 1 -- dspcard-record --config /etc/dspcard/recorder.conf")"
     shell "every call has its file, and every file its call" \
-        'dspcard-calls check --folder /var/lib/dspcard/recordings && dspcard-calls list --folder /var/lib/dspcard/recordings'
+        'dspcard-calls check --folder /var/lib/dspcard/recordings && dspcard-calls --folder /var/lib/dspcard/recordings'
     say "  $(grep -c complete "$work/log") complete calls"
     expect "calls" complete
 }
