@@ -261,7 +261,7 @@ check_installed() {
     grep -q '^seconds=15$' "$root/etc/dspcard/recorder.conf" || fail "the upgrade changed the settings"
     inside "removing" apt-get remove -y dspcard dspcard-sim libdspcard-java libdspcard-java-doc
     [[ -f $root/etc/dspcard/recorder.conf ]] || fail "removed, and the settings are gone"
-    inside "purging" apt-get purge -y dspcard dspcard-sim libdspcard-java libdspcard-java-doc
+    inside "purging" dpkg --purge dspcard dspcard-sim libdspcard-java libdspcard-java-doc
     diff "$work/recorded" <(cd "$root/var/lib/dspcard" && find . -type f | sort) >&2 ||
         fail "purged, and the recordings are not what they were"
     list_files | grep -vE '^\./(var/lib/dspcard|etc/dspcard/firmware|etc/dspcard$|etc/(passwd|group|shadow|gshadow)-?$|etc/\.pwd\.lock)' >"$work/after"
