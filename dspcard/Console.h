@@ -11,8 +11,10 @@
 
 namespace console {
 
-// How many lines may wait for the writing thread. All that the boot of two cards prints fits.
-constexpr unsigned kMostLinesWaiting = 128;
+// How many lines may wait for the writing thread. All that the boot of two cards prints fits, with
+// hundreds of sections each: a boot takes the processor whole, so nothing may be written before its
+// end, and the line that tells why it failed is the last.
+constexpr unsigned kMostLinesWaiting = 4096;
 
 // From now on the lines that the calling thread prints go to the writing thread, which this starts.
 // For one thread in a process, once. Each stream gets its lines whole and in order; when too many

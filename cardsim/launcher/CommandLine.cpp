@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -13,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "launcher/Program.h"
 #include "recorder/RecordingOptions.h"
 #include "scenario/FaultSyntax.h"
 #include "scenario/ScenarioFile.h"
@@ -262,18 +262,15 @@ int refuse(const std::string& why) {
 
 std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatus) {
     CommandLine line;
+    line.program = takeProgram(argc, argv);
     Given given;
     CLI::App app(
         "Runs a program on simulated telephone-line recording cards: port accesses,\n"
         "/dev/port and /dev/mem of the program act on them.");
     declareOptions(app, line, given);
 
-    // The program's own arguments are none of the option parser's business.
-    char** const end = argv + argc;
-    char** const mark = std::find(argv, end, std::string("--"));
-    line.program.assign(mark == end ? end : mark + 1, end);
     try {
-        app.parse(static_cast<int>(mark - argv), argv);
+        app.parse(argc, argv);
         complete(line, given);
         return line;
     } catch (const CLI::Success& answer) {

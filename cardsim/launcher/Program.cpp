@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -203,6 +204,13 @@ ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
 }
 
 }  // namespace
+
+std::vector<std::string> takeProgram(int& argc, char** argv) {
+    char** const end = argv + argc;
+    char** const mark = std::find(argv, end, std::string("--"));
+    argc = static_cast<int>(mark - argv);
+    return {mark == end ? end : mark + 1, end};
+}
 
 ProgramEnd run(const ProgramSettings& settings) {
     checkProgram(settings.command[0]);

@@ -10,6 +10,10 @@
 
 namespace cardsim {
 
+// Takes the "--" and what stands behind it off the arguments: the program and its own arguments,
+// which are none of an option parser's business.
+std::vector<std::string> takeProgram(int& argc, char** argv);
+
 // The program could not be started, and why.
 struct CannotStart {
     std::string reason;

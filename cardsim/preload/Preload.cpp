@@ -339,8 +339,9 @@ Hardware* makeHardware() {
         SharedPage& page = mapSharedPage(path, text);
         const Configuration configuration = configurationFrom(text);
         // Opened but once, before the program can lock it; a child has the mapping of its parent.
-        static const MemoryFile memory(configuration.memoryFile);
-        // All that there ever were, of a parent too: threads may use them until the process ends.
+        // Never closed: threads may use the cards until the process's last moment.
+        static const auto& memory = *new const MemoryFile(configuration.memoryFile);
+        // All that there ever were, of a parent too.
         static auto& waiting = *new std::vector<Hardware*>;
         if (!configuration.scriptFile.empty()) {
             return waiting.emplace_back(new PreloadedReplay(configuration, memory, page, path));

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <iostream>
 
+#include "launcher/Program.h"
 #include "recorder/RecordingOptions.h"
 
 namespace cardtrace {
@@ -117,6 +118,7 @@ void complete(CommandLine& line, const Given& given) {
 
 std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatus) {
     CommandLine line;
+    line.program = cardsim::takeProgram(argc, argv);
     Given given;
     CLI::App app(
         "Keeps, shows and compares traces of what a program and the cards say to each other.",
@@ -129,12 +131,8 @@ std::optional<CommandLine> readCommandLine(int argc, char** argv, int& exitStatu
     declareShow(app, line, given);
     declareCompare(app, line, given);
 
-    // The program's own arguments are none of the option parser's business.
-    char** const end = argv + argc;
-    char** const mark = std::find(argv, end, std::string("--"));
-    line.program.assign(mark == end ? end : mark + 1, end);
     try {
-        app.parse(static_cast<int>(mark - argv), argv);
+        app.parse(argc, argv);
         complete(line, given);
         return line;
     } catch (const CLI::Success& answer) {

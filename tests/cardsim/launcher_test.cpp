@@ -1,15 +1,14 @@
 // The launcher from outside, with real programs under it: what it prints, answers and reports.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <tuple>
+
+#include "Shell.h"
 
 namespace {
 
@@ -17,30 +16,16 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using namespace testing;
 
-std::string contentOf(const fs::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 class Launcher : public Test {
   protected:
     Launcher() { std::ofstream(folder / "data") << "no program\n"; }
-    ~Launcher() override { fs::remove_all(folder); }
 
-    // Runs the launcher in the folder with the load files, from a shell in which $main and $user
-    // are programs and $files is a folder: its status, output and errors.
-    std::tuple<int, std::string, std::string> cardsim(const std::string& arguments) const {
-        const std::string whole =
-            "export main=" BENCH_PROGRAM " user=" CARD_USER " files=" + folder.string() +
-            "; cd " FIRMWARE_FOLDER " && { " CARDSIM " " + arguments +
-            "\n} >$files/out 2>$files/err";
-        return {WEXITSTATUS(std::system(whole.c_str())), contentOf(folder / "out"),
-                contentOf(folder / "err")};
+    Answer cardsim(const std::string& arguments) const {
+        return shell.run(CARDSIM " " + arguments);
     }
 
-    char pattern[32] = "/tmp/launcher-test-XXXXXX";
-    const fs::path folder = mkdtemp(pattern);
+    const Shell shell{"main=" BENCH_PROGRAM " user=" CARD_USER};
+    const fs::path& folder = shell.folder;
 };
 
 TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEndsAndRefusesWrongUsage) {

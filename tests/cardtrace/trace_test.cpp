@@ -2,7 +2,6 @@
 // are simulated in turn; shown, compared and replayed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,45 +9,25 @@
 #include <set>
 #include <sstream>
 
+#include "Shell.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
 using namespace testing;
 
-std::string contentOf(const fs::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-struct Answer {
-    int status;
-    std::string out, err;
-};
-
 class Trace : public Test {
   protected:
-    ~Trace() override { fs::remove_all(folder); }
-
-    // Runs a command in the folder with the load files; $cardsim, $cardtrace, $main, $host and
-    // $user are programs, $t is a folder.
-    Answer run(const std::string& command) const {
-        const std::string whole =
-            "export cardsim=" CARDSIM " cardtrace=" CARDTRACE " main=" BENCH_PROGRAM
-            " host=" TRACE_HOST " user=" CARD_USER " t=" +
-            folder.string() + "; cd " FIRMWARE_FOLDER " && { " + command + "\n} >$t/out 2>$t/err";
-        const int status = std::system(whole.c_str());
-        return {WEXITSTATUS(status), contentOf(folder / "out"), contentOf(folder / "err")};
-    }
+    Answer run(const std::string& command) const { return shell.run(command); }
     // Calls, settings, playback, a lock-up and the re-boot after it, on both kinds of card.
     Answer recordLockUp(const std::string& options = "") const {
         return run(
             "$cardsim --cards 4,8 --traffic --seed 5 --virtual-time --seconds 60 --fault "
-            "counter-stuck@40-48/1 --record $t/trace " +
+            "counter-stuck@40-48/1 --record $files/trace " +
             options + " -- $host 1 7");
     }
-    json summary(const std::string& trace = "$t/trace") const {
+    json summary(const std::string& trace = "$files/trace") const {
         return json::parse(run("$cardtrace show --summary --json " + trace).out);
     }
     // What the program and the driver said, without the lines of the launcher.
@@ -63,8 +42,9 @@ class Trace : public Test {
         return said;
     }
 
-    char pattern[32] = "/tmp/trace-test-XXXXXX";
-    const fs::path folder = mkdtemp(pattern);
+    const Shell shell{"cardsim=" CARDSIM " cardtrace=" CARDTRACE " main=" BENCH_PROGRAM
+                      " host=" TRACE_HOST " user=" CARD_USER};
+    const fs::path& folder = shell.folder;
 };
 
 TEST_F(Trace, OfALockUpIsWholeComparesAndReplaysWithTheSamePackets) {
@@ -72,6 +52,11 @@ TEST_F(Trace, OfALockUpIsWholeComparesAndReplaysWithTheSamePackets) {
     EXPECT_EQ(recorded.status, 0) << recorded.err;
     EXPECT_NE(recorded.out.find("packet 4 2402 "), std::string::npos) << "audio";
     EXPECT_THAT(recorded.err, HasSubstr("DSP Card locked so bootloading!"));
+
+    // Without --record too: a program that ends itself has its cards until its last moment.
+    const Answer ended = run(
+        "$cardsim --cards 4,8 --virtual-time -- sh -c '$host 1 7 & sleep 0.3; kill $!; wait $!'");
+    EXPECT_EQ(ended.status, 0) << ended.err;
 
     const json told = summary();
     EXPECT_TRUE(told["whole"]);
@@ -89,15 +74,15 @@ TEST_F(Trace, OfALockUpIsWholeComparesAndReplaysWithTheSamePackets) {
     EXPECT_EQ(told["cards"][1]["lines"][1]["trigger"], 0xFF02);
     EXPECT_EQ(told["advice"].back()["message"], "DSP Board Locked Up");
 
-    EXPECT_THAT(run("$cardtrace compare $t/trace"),
+    EXPECT_THAT(run("$cardtrace compare $files/trace"),
                 FieldsAre(0, HasSubstr("\nno difference\n"), ""));
-    const Answer asReal = run("$cardtrace compare --as-real $t/trace");
+    const Answer asReal = run("$cardtrace compare --as-real $files/trace");
     EXPECT_EQ(asReal.status, 1);
     EXPECT_THAT(asReal.out, ContainsRegex("first difference: record [0-9]+ at [0-9.]+ s, counter: "
                                           "card 1 buffer . has counter [0-9]+, the simulated"));
     EXPECT_THAT(asReal.out, HasSubstr("  counter: 7\nharmless, undefined-bits"));
 
-    const Answer replayed = run("$cardsim --replay $t/trace --virtual-time -- $host 1 7");
+    const Answer replayed = run("$cardsim --replay $files/trace --virtual-time -- $host 1 7");
     EXPECT_EQ(replayed.status, 0);
     EXPECT_THAT(replayed.err, HasSubstr("to the end"));
     EXPECT_TRUE(saidByProgram(recorded) == saidByProgram(replayed)) << "packets and lines";
@@ -117,11 +102,12 @@ TEST_F(Trace, TellsWhereARealCardDiffersFromASimulatedOne) {
     };
     for (const auto& [fault, difference] : kRows) {
         run("$cardsim --cards 4,8 --traffic --seed 5 --virtual-time --seconds 9 --fault " + fault +
-            " --record $t/trace -- $host 1 7");
-        EXPECT_THAT(run("$cardtrace compare --as-real $t/trace").out, ContainsRegex(difference));
-        EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << "that the fault was ordered";
+            " --record $files/trace -- $host 1 7");
+        EXPECT_THAT(run("$cardtrace compare --as-real $files/trace").out,
+                    ContainsRegex(difference));
+        EXPECT_EQ(run("$cardtrace compare $files/trace").status, 0) << "that the fault was ordered";
     }
-    EXPECT_THAT(run("$cardtrace compare --strict undefined-bits --as-real $t/trace").out,
+    EXPECT_THAT(run("$cardtrace compare --strict undefined-bits --as-real $files/trace").out,
                 HasSubstr("undefined-bits: card 0 status answered"));
 }
 
@@ -138,14 +124,15 @@ TEST_F(Trace, NamesWhereAnotherHostDoesSomethingElse) {
         {"ask device memory", "ask device", "to the end, 1 of 1 accesses, 0 deviations"},
     };
     for (const auto& [recorded, steps, message] : kRows) {
-        run("$cardsim --record $t/trace -- sh -c '$user A " + recorded + "'");
-        EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << recorded;
-        const Answer replayed = run("$cardsim --replay $t/trace -- sh -c '$user A " + steps + "'");
+        run("$cardsim --record $files/trace -- sh -c '$user A " + recorded + "'");
+        EXPECT_EQ(run("$cardtrace compare $files/trace").status, 0) << recorded;
+        const Answer replayed =
+            run("$cardsim --replay $files/trace -- sh -c '$user A " + steps + "'");
         EXPECT_THAT(replayed.err, HasSubstr(message)) << steps;
     }
     recordLockUp();
     const auto replayWith = [this](const std::string& host) {
-        return run("$cardsim --replay $t/trace --virtual-time -- " + host);
+        return run("$cardsim --replay $files/trace --virtual-time -- " + host);
     };
     EXPECT_THAT(replayWith("$host 2 7").err,
                 HasSubstr("has written 0x2 and not 0x1 to byte 0x1008 of the memory of card 0, "
@@ -158,54 +145,57 @@ TEST_F(Trace, LeavesOutWhatItMustNotTell) {
     recordLockUp("--audio pleasant");
     const std::size_t length = fs::file_size(folder / "trace");
     const auto numbers =
-        run("$cardtrace show $t/trace | grep -o 'caller 0191[0-9]*' | sort -u").out;
+        run("$cardtrace show $files/trace | grep -o 'caller 0191[0-9]*' | sort -u").out;
     ASSERT_THAT(numbers, HasSubstr("caller 0191"));
-    run("cp $t/trace $t/whole");
+    run("cp $files/trace $files/whole");
     recordLockUp("--audio pleasant --without-audio --without-numbers");
     EXPECT_LT(fs::file_size(folder / "trace"), length / 2);
-    const std::string bare = run("$cardtrace show --kind transfers $t/trace").out;
+    const std::string bare = run("$cardtrace show --kind transfers $files/trace").out;
     EXPECT_NE(bare.find("caller ***"), std::string::npos);
     EXPECT_THAT(bare.substr(0, 60'000), Not(ContainsRegex("(caller|digits) [0-9]")));
-    const json told = summary(), before = summary("$t/whole");
+    const json told = summary(), before = summary("$files/whole");
     EXPECT_EQ(told["about"]["configuration"], nullptr);
     for (const int card : {0, 1}) {
         EXPECT_EQ(told["cards"][card], before["cards"][card]);
     }
-    EXPECT_THAT(run("$cardtrace compare $t/trace").out, HasSubstr("  counter: 7\nharmless"));
+    EXPECT_THAT(run("$cardtrace compare $files/trace").out, HasSubstr("  counter: 7\nharmless"));
     recordLockUp("--without-audio");
-    EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0) << "checksums are compared";
+    EXPECT_EQ(run("$cardtrace compare $files/trace").status, 0) << "checksums are compared";
 }
 
 TEST_F(Trace, IsCompleteUpToTheMomentAtWhichTheProgramIsKilled) {
-    run("$cardsim --record $t/trace -- $user A ask data run data abort");
-    EXPECT_THAT(run("$cardtrace show $t/trace").out,
+    run("$cardsim --record $files/trace -- $user A ask data run data abort");
+    EXPECT_THAT(run("$cardtrace show $files/trace").out,
                 AllOf(HasSubstr("echoes 0x00 as 0xFF"), HasSubstr("exit status 134")));
     // And the launcher: then what it had still to write is missing, a second at most.
-    run("mkfifo $t/go; $cardsim --record $t/trace -- $user A ask data run data hold <$t/go & "
-        "exec 3>$t/go; sleep 1.5; kill -KILL $!; wait; exec 3>&-");
-    EXPECT_THAT(run("$cardtrace show $t/trace"),
+    run("mkfifo $files/go; $cardsim --record $files/trace -- $user A ask data run data hold "
+        "<$files/go & "
+        "exec 3>$files/go; sleep 1.5; kill -KILL $!; wait; exec 3>&-");
+    EXPECT_THAT(run("$cardtrace show $files/trace"),
                 FieldsAre(0, AllOf(HasSubstr("echoes 0x00 as 0xFF"), Not(HasSubstr("exit"))), ""));
     EXPECT_FALSE(summary()["whole"]);
 }
 
 TEST_F(Trace, KeepsTheLastWhenItIsBoundedAndSaysThatItBeginsLate) {
-    const Answer recorded = run(
-        "$cardsim --cards 8 --virtual-time --seconds 400 --record $t/trace --last 2MB -- $main");
+    const Answer recorded =
+        run("$cardsim --cards 8 --virtual-time --seconds 400 --record $files/trace --last 2MB -- "
+            "$main");
     EXPECT_EQ(recorded.status, 0);
     EXPECT_LE(fs::file_size(folder / "trace"), 2'000'000u * 11 / 10);
     EXPECT_GT(summary()["records"], 1000);
-    EXPECT_THAT(run("$cardtrace show $t/trace | tail -1").out, HasSubstr("exit status 0"));
-    EXPECT_THAT(run("$cardtrace compare $t/trace"),
+    EXPECT_THAT(run("$cardtrace show $files/trace | tail -1").out, HasSubstr("exit status 0"));
+    EXPECT_THAT(run("$cardtrace compare $files/trace"),
                 FieldsAre(4, _, HasSubstr("the beginning of the trace is missing")));
-    EXPECT_THAT(run("$cardsim --replay $t/trace -- $main"),
+    EXPECT_THAT(run("$cardsim --replay $files/trace -- $main"),
                 FieldsAre(1, _, HasSubstr("the beginning of the trace is missing")));
 }
 
 TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
     // The PC is a simulated one, in real time: its clock does not see who drives the cards.
-    const Answer recorded = run(
-        "$cardsim --cards 4,8 --traffic --seed 2 --period-ms 300 --seconds 6 --report $t/report "
-        "-- $cardtrace record -o $t/trace -- $main");
+    const Answer recorded =
+        run("$cardsim --cards 4,8 --traffic --seed 2 --period-ms 300 --seconds 6 --report "
+            "$files/report "
+            "-- $cardtrace record -o $files/trace -- $main");
     EXPECT_EQ(recorded.status, 0) << recorded.err;
     const json seen = json::parse(contentOf(folder / "report")), told = summary();
     EXPECT_EQ(told["about"]["cards"], "real");
@@ -214,21 +204,23 @@ TEST_F(Trace, OfRealPortsWithholdsPermissionAndMakesTheAccessesItself) {
         EXPECT_EQ(told["cards"][card]["missed"], 0);
         EXPECT_GT(told["cards"][card]["givenBack"], 10);
     }
-    EXPECT_THAT(run("$cardtrace show $t/trace").out,
+    EXPECT_THAT(run("$cardtrace show $files/trace").out,
                 AllOf(HasSubstr("permission for ports 0x300 to 0x31F\n"),
                       HasSubstr("memory locked"), HasSubstr("memory mapped, 0xD0000 to 0xD3FFF"),
                       HasSubstr("boot bytes 1 to 768 of CODE4.BIN")));
-    EXPECT_EQ(run("$cardtrace compare $t/trace").status, 0);
-    EXPECT_THAT(run("$cardsim --replay $t/trace --virtual-time -- $main").err,
+    EXPECT_EQ(run("$cardtrace compare $files/trace").status, 0);
+    EXPECT_THAT(run("$cardsim --replay $files/trace --virtual-time -- $main").err,
                 HasSubstr("0 deviations"));
     // No way leads past the recorder either.
-    EXPECT_THAT(run("$cardsim -- $cardtrace record -o $t/trace -- " EVERY_WAY " $t " STATIC_USER),
-                FieldsAre(0, "", ContainsRegex("cardtrace: process [0-9]+ may not splice ")));
+    EXPECT_THAT(
+        run("$cardsim -- $cardtrace record -o $files/trace -- " EVERY_WAY " $files " STATIC_USER),
+        FieldsAre(0, "", ContainsRegex("cardtrace: process [0-9]+ may not splice ")));
     // A program without permission still dies of the fault.
-    EXPECT_EQ(run("$cardsim -- $cardtrace record -o $t/trace -- $user A data").status, 139);
+    EXPECT_EQ(run("$cardsim -- $cardtrace record -o $files/trace -- $user A data").status, 139);
     // On a machine without ports, or without the right to them, it is told the kernel's own answer.
     EXPECT_THAT(
-        run("setpriv --bounding-set=-sys_rawio $cardtrace record -o $t/trace -- $user A ask").out,
+        run("setpriv --bounding-set=-sys_rawio $cardtrace record -o $files/trace -- $user A ask")
+            .out,
         ContainsRegex("A ask E(PERM|NOSYS)"));
 }
 
@@ -266,18 +258,18 @@ TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {
     std::ofstream(folder / "data") << "no trace\n";
     const std::tuple<std::string, int, std::string> kRows[] = {
         {"$cardtrace", 2, "subcommand is required"},
-        {"$cardtrace record -o $t/x", 2, "no program given"},
-        {"$cardtrace record -o $t/no/x -- true", 1, "cannot write"},
-        {"$cardtrace record -o $t/x -- $t/none", 127, "cannot start"},
-        {"$cardtrace record -o $t/x --last 1KB -- true", 2, "--last"},
+        {"$cardtrace record -o $files/x", 2, "no program given"},
+        {"$cardtrace record -o $files/no/x -- true", 1, "cannot write"},
+        {"$cardtrace record -o $files/x -- $files/none", 127, "cannot start"},
+        {"$cardtrace record -o $files/x --last 1KB -- true", 2, "--last"},
         {"$cardtrace show", 2, "FILE is required"},
-        {"$cardtrace show --kind noise $t/data", 2, "--kind"},
-        {"$cardtrace show $t/none", 1, "No such file"},
-        {"$cardtrace show $t/data", 3, "data: is no trace"},
-        {"$cardtrace show $t", 3, "is no file"},
-        {"$cardtrace compare $t/data", 3, "is no trace"},
-        {"$cardsim --replay $t/data -- true", 1, "is no trace"},
-        {"$cardsim --replay $t/data --cards 4 -- true", 2, "--cards excludes --replay"},
+        {"$cardtrace show --kind noise $files/data", 2, "--kind"},
+        {"$cardtrace show $files/none", 1, "No such file"},
+        {"$cardtrace show $files/data", 3, "data: is no trace"},
+        {"$cardtrace show $files", 3, "is no file"},
+        {"$cardtrace compare $files/data", 3, "is no trace"},
+        {"$cardsim --replay $files/data -- true", 1, "is no trace"},
+        {"$cardsim --replay $files/data --cards 4 -- true", 2, "--cards excludes --replay"},
         {"$cardsim --record /dev/full -- true", 1, "cannot write /dev/full: No space left"},
         {"$cardsim --without-audio -- true", 2, "--without-audio requires --record"},
     };
