@@ -92,7 +92,8 @@ Refusal refusalOfDevice(const Rights& rights, int error, const char* device,
     }
     if (error == EACCES) {  // before the kernel looks at capabilities
         return {user(rights) + " may not read and write it: it is " + ownersAndMode(device),
-                "run it as root, or let a group of the user's read and write it: chgrp dspcard " +
+                "run it as root, or let a group of the user's read and write it: "
+                "chgrp dspcard-ports " +
                     std::string(device) + " && chmod 0660 " + device +
                     ", as the package's rule for udev does (60-dspcard.rules); CAP_SYS_RAWIO alone "
                     "is not enough, nor is group kmem, which may only read"};
