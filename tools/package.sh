@@ -34,7 +34,7 @@ as_root=()
 ((EUID == 0)) || as_root=(sudo)
 folder=$(realpath -m "${1:-build/package}")
 tools/install-missing.sh dpkg-dev debhelper fakeroot git
-mkdir -p "$folder/debug" || fail "no folder $folder"
+mkdir -p "$folder" || fail "no folder $folder"
 work=$(mktemp -d "${TMPDIR:-/tmp}/dspcard-package.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 trap 'exit 129' HUP
@@ -55,7 +55,5 @@ DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -us -uc >"$log" 
     fail "the packages could not be built, see above"
 }
 cd ..
-cp -- *-dbgsym_*.deb "$folder/debug"
-rm -- *-dbgsym_*.deb
 cp -- *.deb *.dsc *.tar.* *.buildinfo *.changes "$folder"
 printf "dspcard: built $folder/%s\n" *.deb *.dsc
