@@ -306,6 +306,7 @@ check_installed() {
     shell "the bench program" \
         'cd /usr/share/dspcard/firmware && cardsim --virtual-time --seconds 60 -- dspcard-bench'
     expect "the bench program" 'Transfer Count = 100'
+    # shellcheck disable=SC2016 # backticks are Markdown
     shell "the commands of the page of traces" "$(sed -n '/^```sh$/,/^```$/p' \
         "$root/usr/share/doc/dspcard/docs/traces.md" | grep -vE '^(```|sudo)')"
     expect "the sample trace" 'compared with simulated cards made as those of the trace'
