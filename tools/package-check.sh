@@ -136,7 +136,7 @@ build_packages() {
     fi
     packages=$work/$architecture-packages
     mkdir "$packages"
-    cp "$root"/packages/dspcard_* "$root"/packages/*.deb "$packages"
+    cp "$root"/packages/*.{deb,dsc,tar.*,changes,buildinfo} "$packages"
     umount "$root/proc"
     rm -rf --one-file-system "$root"
 }
@@ -178,7 +178,8 @@ look_at_pages() {
     done < <(
         grep -roP --include='*.md' '/usr/(?!local/)[\w./*-]*\w' "$folder/usr/share/doc"
         for page in "$folder"/usr/share/man/man1/*; do
-            zcat "$page" | sed 's/\\-/-/g' | grep -oP '/usr/(?!local/)[\w./*-]*\w' | sed "s#^#$page:#"
+            zcat "$page" | sed 's/\\-/-/g' | grep -oP '/usr/(?!local/)[\w./*-]*\w' | sed "s#^#$page:#" ||
+                true # a manual may name none
         done
     )
 }
