@@ -1,8 +1,12 @@
 // cardcheck: every trouble is put down to its own cause, and shows in the exit status.
+#include <signal.h>
 #include <sys/wait.h>
+#include <ucontext.h>
 
 #include <sstream>
 
+#include "Cards.h"
+#include "DirectIO.h"
 #include "LoadFiles.h"
 #include "Machine.h"
 #include "ScriptedCards.h"
@@ -13,6 +17,24 @@ namespace {
 using namespace cardcheck;
 using namespace testing;
 
+// Card memory whose second half forgets: it is closed, opened for the one instruction that writes,
+// and filled anew.
+alignas(0x1000) char memory[0x4000];
+
+void setStep(void* context, bool on) {
+    greg_t& flags = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL];
+    flags = on ? flags | 0x100 : flags & ~0x100;
+}
+void letWrite(int, siginfo_t* info, void* context) {
+    mprotect(memory + 0x2000, 0x2000, PROT_READ | PROT_WRITE);
+    info->si_code == SEGV_ACCERR ? setStep(context, true) : std::abort();
+}
+void forget(int, siginfo_t*, void* context) {
+    std::fill(memory + 0x2000, std::end(memory), '\xAB');
+    mprotect(memory + 0x2000, 0x2000, PROT_READ);
+    setStep(context, false);
+}
+
 TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
     const std::tuple<int, int, Rights, int, std::string, std::string> machines[] = {
         {ENOSYS, ENOENT, {0, true, ""}, 3, "this kernel has no port permission", "as root"},
@@ -20,7 +42,12 @@ TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
         {EPERM, EPERM, {0, true, "none"}, 3, "although root has CAP_SYS_RAWIO", "as root"},
         {EPERM, EPERM, {0, false, "none"}, 4, "root without CAP_SYS_RAWIO", "as root"},
         {EPERM, EACCES, {1000, false, "none"}, 4, "run it as root", "locked"},
-        {0, EACCES, {1000, true, "none"}, 2, "1000 may not read and write it: it is ", "locked"},
+        {0,
+         EACCES,
+         {1000, true, "none"},
+         2,
+         "1000 may not read and write it: it is ",
+         "locked down"},
         {0, 0, {1000, false, "integrity"}, 0, "integrity, but the ports are granted", "FAIL"},
     };
     for (const auto& [portsErrno, deviceErrno, rights, failures, cause, neverSaid] : machines) {
@@ -36,6 +63,33 @@ TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
                                       HasSubstr(cause), Not(HasSubstr(neverSaid))));
         EXPECT_EQ(deviceErrno != 0, Matches(HasSubstr("FAIL  /dev/mem: "))(rows.str()));
     }
+}
+
+TEST(CardCheck, TellsOfEachCardWhatIsWrongWithItAndWhatWasNotTried) {
+    struct sigaction action {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = letWrite;
+    sigaction(SIGSEGV, &action, nullptr);
+    action.sa_sigaction = forget;
+    sigaction(SIGTRAP, &action, nullptr);
+    mprotect(memory + 0x2000, 0x2000, PROT_READ);
+    const Console console;
+    ScriptedCards cards;
+    cards.accessTime_us = 1000;
+    cards.echoes = {0x300, 0x310};
+    cards.registers = {{0x302, 0x20}, {0x312, 0xFFFF}};  // card 1 is gone after its echo
+    DirectIO::getInstance().allowPortAccess();
+    std::ostringstream rows;
+    Report report(rows);
+    checkCards(report, {true, true, false, memory}, true);
+    EXPECT_THAT(rows.str(), AllOf(HasSubstr("PASS  memory of card 0: "),
+                                  HasSubstr("SKIP  firmware of card 0: not started here"),
+                                  HasSubstr("FAIL  memory of card 1: does not keep what is written "
+                                            "at 0xD2000, a word reads 0xABAB\n"
+                                            "Fix: set the card's memory address to 0xD2000,"),
+                                  HasSubstr("FAIL  boot of card 1: out of reset the card reads all "
+                                            "ones"),
+                                  Not(HasSubstr("firmware of card 1"))));
 }
 
 TEST(CardCheck, FindsEveryMistakeInALoadFile) {
@@ -76,7 +130,8 @@ TEST(CardCheck, AnswersForWhatItFoundWithItsExitStatus) {
     const std::tuple<std::string, int, std::string> runs[] = {
         {sim + "--cards 4,8" + check, 0, "PASS  memory of card 1"},
         {CARDSIM " --cards 8" + check, 0, "SKIP  card 1: none: nobody answers at 0x310"},
-        {sim + "--cards none,4" + check, 1, "FAIL  card 1: answers at 0x310, but is used beside"},
+        {sim + "--cards none,4" + check, 1,
+         "I/O address of this card to 0x300 and its memory address to 0xD0000"},
         {sim + "--cards 4,8 --fault wrong-echo@1-3/0" + check, 1, "0x300 at times only\n"},
         {sim + "--fault wrong-echo" + check, 1, "0x300 (wrote 0x55, read 0xAA): another device"},
         {"cd / && " + sim + "--cards 4" + check, 1, "FAIL  LOAD_4CH.TXT: no LOAD_4CH.TXT in /"},
