@@ -1,5 +1,9 @@
 // cardcheck: every trouble is put down to its own cause, and shows in the exit status.
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 
@@ -35,13 +39,20 @@ void forget(int, siginfo_t*, void* context) {
     setStep(context, false);
 }
 
+// This process goes on as a user without any privilege would.
+void giveUpPrivileges() {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    ASSERT_EQ(0, syscall(SYS_capset, &header, none));
+}
+
 TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
     const std::tuple<int, int, Rights, int, std::string, std::string> machines[] = {
         {ENOSYS, ENOENT, {0, true, ""}, 3, "this kernel has no port permission", "as root"},
         {EPERM, EPERM, {0, true, "integrity"}, 4, "0x31F refused: the kernel is lock", "as root"},
         {EPERM, EPERM, {0, true, "none"}, 3, "although root has CAP_SYS_RAWIO", "as root"},
         {EPERM, EPERM, {0, false, "none"}, 4, "root without CAP_SYS_RAWIO", "as root"},
-        {EPERM, EACCES, {1000, false, "none"}, 4, "run it as root", "locked"},
+        {EPERM, EACCES, {1000, false, "none"}, 4, "run it as root", "locked down"},
         {0,
          EACCES,
          {1000, true, "none"},
@@ -63,6 +74,50 @@ TEST(CardCheck, PutsARefusalDownToTheKernelTheUserOrTheLockdown) {
                                       HasSubstr(cause), Not(HasSubstr(neverSaid))));
         EXPECT_EQ(deviceErrno != 0, Matches(HasSubstr("FAIL  /dev/mem: "))(rows.str()));
     }
+}
+
+TEST(CardCheck, NamesTheBarThatADeviceIsBehind) {
+    const WorkingFolder folder;
+    WorkingFolder::write("device", "");
+    const Device device = {"device", "c 1 4", "CONFIG_X"};
+    const gid_t own = getegid() == 0 ? 1 : getegid();
+    ASSERT_TRUE(chown("device", geteuid(), own) == 0);
+    const std::tuple<int, mode_t, Rights, std::string> bars[] = {
+        {ENOENT, 0, {}, "mknod device c 1 4 && chgrp "},
+        {EACCES, 0640, {54321, true, "", {own}}, "chmod 0660 device, as the package's"},
+        {EACCES, 0660, {54321, true, "", {}}, "let the user into that group: adduser 54321 "},
+        {EACCES, 0660, {54321, true, "", {own}}, "54321 may read and write it ("},
+        {EACCES, 0600, {0, true, "", {}}, "DeviceAllow=device rw"},
+        {EPERM, 0600, {0, true, "none", {}}, "root has CAP_SYS_RAWIO: the device policy"},
+        {EPERM, 0600, {0, true, "integrity", {}}, "switch Secure Boot off"},
+    };
+    for (const auto& [error, mode, rights, text] : bars) {
+        chmod("device", mode);
+        const Refusal refusal = refusalOfDevice(rights, error, device);
+        EXPECT_THAT(refusal.cause + "; " + refusal.fix, HasSubstr(text));
+    }
+    std::filesystem::create_directory("7");
+    WorkingFolder::write("7/cgroup", "1:name=x:/\n0::/system.slice/dspcard-record.service\n");
+    EXPECT_THAT(fixOfCardsInUse("process 7 (java)", "."), StartsWith("systemctl stop dspcard-rec"));
+    EXPECT_THAT(fixOfCardsInUse("process 8 (java)", "."), StartsWith("end process 8 (java), then"));
+}
+
+TEST(CardCheck, TellsWhatTheUserLacks) {
+    const Console console;
+    const ScriptedCards cards;
+    std::ostringstream rows;
+    Report report(rows);
+    checkMachine(report, {0, true, "", {}, true, true});
+    EXPECT_THAT(rows.str(), AllOf(HasSubstr("PASS  real-time"), HasSubstr("PASS  locked memory")));
+    giveUpPrivileges();
+    for (const auto resource : {RLIMIT_RTPRIO, RLIMIT_MEMLOCK}) {
+        const rlimit limit = {0, 0};
+        setrlimit(resource, &limit);
+    }
+    checkMachine(report, readRights());
+    report.summarise();
+    EXPECT_THAT(rows.str(), AllOf(HasSubstr("without CAP_SYS_RAWIO"), HasSubstr("WARN  real-time"),
+                                  HasSubstr("WARN  locked memory"), HasSubstr("2 warnings\n")));
 }
 
 TEST(CardCheck, TellsOfEachCardWhatIsWrongWithItAndWhatWasNotTried) {
