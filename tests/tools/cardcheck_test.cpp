@@ -104,7 +104,10 @@ TEST(CardCheck, NamesTheBarThatADeviceIsBehind) {
 
 TEST(CardCheck, TellsWhatTheUserLacks) {
     const Console console;
+    const WorkingFolder folder;
     const ScriptedCards cards;
+    WorkingFolder::write("LOAD_X.TXT", "");
+    chmod("LOAD_X.TXT", 0200);
     std::ostringstream rows;
     Report report(rows);
     checkMachine(report, {0, true, "", {}, true, true});
@@ -115,9 +118,15 @@ TEST(CardCheck, TellsWhatTheUserLacks) {
         setrlimit(resource, &limit);
     }
     checkMachine(report, readRights());
+    checkLoadFiles(report, {}, {});
+    chmod(".", 0300);
+    checkLoadFiles(report, {}, {});
+    chmod(".", 0700);
     report.summarise();
     EXPECT_THAT(rows.str(), AllOf(HasSubstr("without CAP_SYS_RAWIO"), HasSubstr("WARN  real-time"),
-                                  HasSubstr("WARN  locked memory"), HasSubstr("2 warnings\n")));
+                                  HasSubstr("WARN  locked memory"), HasSubstr("2 warnings\n"),
+                                  HasSubstr("LOAD_X.TXT cannot be read: it is "),
+                                  HasSubstr(" 0200\nFix: let"), HasSubstr(" 0300\nFix: let")));
 }
 
 TEST(CardCheck, TellsOfEachCardWhatIsWrongWithItAndWhatWasNotTried) {
