@@ -87,7 +87,8 @@ std::string letGroupHave(const Device& device) {
 }
 
 std::string letIntoGroup(const Rights& rights, const std::string& group) {
-    return "adduser " + nameOfUser(rights.user) + " " + group + ", then log in again";
+    return "adduser " + nameOfUser(rights.user) + " " + group +
+           ", then log in again (SupplementaryGroups=" + group + " of a service)";
 }
 
 // The file's owners and mode do not let the user in.
