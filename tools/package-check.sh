@@ -282,11 +282,13 @@ upgrade_to() {
 }
 
 check_installed() {
+    local needed package
     make_root target
     list_files >"$work/clean"
+    mapfile -t needed < <(for package in "$packages"/*.deb; do dpkg-deb -f "$package" Depends; done |
+        tr , '\n' | sed -nE 's/^ *([a-z0-9.+-]+).*/\1/p' | grep -v dspcard | sort -u)
     install "installing what the packages depend on, and a compiler for the client's page" \
-        openjdk-17-jdk-headless libpicocli-java libxerial-sqlite-jdbc-java libjackson2-core-java \
-        libzstd1 util-linux systemd
+        openjdk-17-jdk-headless util-linux systemd "${needed[@]}"
     make_devices
     list_files >"$work/before"
     mkdir -p "$root/tmp/build/package"
