@@ -221,11 +221,13 @@ final class Recorder implements Closeable {
         for (Call call : keeper.calls()) {
             writeAudio(call);
             if (call.spool() != null && call.checksum() == null) {
-                if (call.outcome().isOver()) {
-                    attempt(call, "close", call.spool()::finish);
+                boolean over = call.outcome().isOver();
+                if (over && !attempt(call, "close", call.spool()::finish)
+                        || !over && force && !attempt(call, "force", call.spool()::force)) {
+                    call.mayBeLost(room.isFull());
+                }
+                if (over) {
                     call.closedWith(call.spool().checksum());
-                } else if (force) {
-                    attempt(call, "force", call.spool()::force);
                 }
             }
         }
