@@ -206,6 +206,7 @@ on_full_disk() {
     head -c 100M /dev/zero >"$work/calls/filling" || true
     start "${record[@]}"
     await 'call ended, no recording'
+    [[ $(metric write_failures_total) == 1 ]]
     stop
     (($("${calls[@]}" --folder "$work/calls" --outcome disk-full --format csv | wc -l) > 3))
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"

@@ -126,7 +126,8 @@ public final class CallsProgram implements Callable<Integer> {
     }
 
     @Command(name = "recover", description = "Makes a row for each recording that has none, as after"
-            + " a damaged log was moved aside. Not while a recorder runs.")
+            + " a damaged log was moved aside, which it does itself. As the folder's owner, and not"
+            + " while a recorder runs.")
     int recover() throws IOException, SQLException {
         requireFolder();
         requireOwner();
