@@ -29,6 +29,7 @@ constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
 int record(const CommandLine& line) {
+    cardsim::checkProgram(line.program[0]);  // an older trace of that name is still there
     cardsim::letProgramsFindThisProcess();
     Recording recording(line.recording,
                         R"({"recorder": "cardtrace )" CARDTRACE_VERSION R"(", "cards": "real"})");
@@ -37,8 +38,16 @@ int record(const CommandLine& line) {
     settings.preloadLibrary = cardsim::findPreloadLibrary("libcardtrace-preload.so");
     settings.variables = {{kRingVariable, recording.ringPath()}};
     settings.onStarted = [&recording] { recording.start(); };
+    settings.onLeft = [] {
+        std::cerr << "cardtrace: the program has ended, but not all that it has started: recording "
+                     "goes on until that ends too\n";
+    };
     const cardsim::ProgramEnd end = cardsim::run(settings);
     recording.finish(end.exitStatus);
+    if (!recording.hasTouchedDevices()) {
+        std::cerr << "cardtrace: the program never touched ports or devices: nothing of them is "
+                     "in the trace\n";
+    }
     return end.exitStatus;
 }
 
