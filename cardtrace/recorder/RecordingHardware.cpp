@@ -45,6 +45,7 @@ Kind kindOf(DeviceCall::Kind kind) {
 }  // namespace
 
 std::uint32_t RecordingHardware::in(std::uint16_t port, int bytes) {
+    recordOwnerOnce();
     const std::uint32_t value = hardware.in(port, bytes);
     const std::uint64_t mask = (std::uint64_t{1} << (8 * bytes)) - 1;
     recordAccess(Kind::kIn, port, bytes, static_cast<std::uint32_t>(value & mask));
@@ -52,12 +53,14 @@ std::uint32_t RecordingHardware::in(std::uint16_t port, int bytes) {
 }
 
 void RecordingHardware::out(std::uint16_t port, int bytes, std::uint32_t value) {
+    recordOwnerOnce();
     recordBuffersAtRelease(port, value);
     hardware.out(port, bytes, value);
     recordAccess(Kind::kOut, port, bytes, value);
 }
 
 bool RecordingHardware::readByte(std::uint16_t port, std::uint8_t& byte) {
+    recordOwnerOnce();
     const bool worked = hardware.readByte(port, byte);
     const int error = errno;
     recordAccess(Kind::kDeviceIn, port, 1, worked ? byte : static_cast<std::uint32_t>(error),
@@ -67,6 +70,7 @@ bool RecordingHardware::readByte(std::uint16_t port, std::uint8_t& byte) {
 }
 
 bool RecordingHardware::writeByte(std::uint16_t port, std::uint8_t byte) {
+    recordOwnerOnce();
     recordBuffersAtRelease(port, byte);
     const bool worked = hardware.writeByte(port, byte);
     const int error = errno;
@@ -105,6 +109,13 @@ void RecordingHardware::recordOwner(std::uint32_t process) {
     record.thread = thisThread();
     record.time_us = surroundings.time_us();
     ring.put(record, nullptr, 0);
+}
+
+void RecordingHardware::recordOwnerOnce() {
+    const std::uint32_t process = ownerToTell == 0 ? 0 : ownerToTell.exchange(0);
+    if (process != 0) {
+        recordOwner(process);
+    }
 }
 
 void RecordingHardware::recordAccess(Kind kind, std::uint16_t port, int bytes, std::uint32_t value,
