@@ -45,6 +45,12 @@ void KindsSeen::see(const Record& record) {
     }
 }
 
+bool isSilence(const CardKind& kind, std::uint64_t passed_us, std::uint64_t looks) {
+    constexpr std::uint64_t kPeriods = 10;
+    constexpr std::uint64_t kFewLooks = 20;
+    return passed_us >= kPeriods * kind.period_us && looks > kFewLooks;
+}
+
 BufferView::BufferView(const Record& buffers, int buffer, const CardKind& cardKind)
     : memory(buffers.data),
       begin(buffer == 0 ? 0 : bytesAt(layout::kSecondBuffer)),

@@ -182,7 +182,6 @@ ComparisonResult Comparison::run() {
     }
     for (const int slot : {0, 1}) {
         endHandshake(slot);
-        compareSilence(slot);
     }
     comparePeriods();
     return std::move(result);
@@ -258,7 +257,6 @@ void Comparison::compareIn(const Record& record) {
     if (isStatus) {
         slots[slot].isShown[buffer] = (record.value & portMap::kHandedOver) != 0;
         slots[slot].isAnswered[buffer] = (simulated & portMap::kHandedOver) != 0;
-        slots[slot].lastLook_us = record.time_us;
     }
     const std::uint32_t wrong = (record.value ^ simulated) & mask;
     const std::uint32_t defined = definedBits(offset, kind);
@@ -327,7 +325,6 @@ void Comparison::give(const Record& record) {
     model->cards.out(record.port, record.width, record.value, record.time_us - modelStart_us);
     Slot& state = slots[slot];
     if (offset == portMap::kControl && record.value == portMap::kStop) {
-        compareSilence(slot);
         state.isBooting = true;
     }
     const std::uint32_t boots = model->report.cards[slot].boots;
@@ -335,7 +332,7 @@ void Comparison::give(const Record& record) {
         state.isBooting = false;
         state.turns = 0;
         state.firstCounter = state.lastCounter = 0;
-        state.started_us = record.time_us;
+        noteSign(record, slot);
     }
 }
 
@@ -344,18 +341,24 @@ void Comparison::give(const Record& record) {
 void Comparison::prepareStatus(const Record& record, int slot, int buffer) {
     Slot& state = slots[slot];
     const bool isSet = (record.value & portMap::kHandedOver) != 0;
+    if (!isSet) {
+        compareSilence(record, slot);
+    }
     if (!isSet || state.isShown[buffer] || state.boots == 0) {
         return;
     }
+    noteSign(record, slot);
     std::size_t from = 0;
     const Record* const released = nextBuffers(slot, buffer, from);
+    // A host that was held up finds both buffers, and may take the newer one first.
+    const bool isThere = model->cards.card(slot).handsOver(buffer);
     if (released == nullptr) {
-        turnTo(state.turns + 1, slot, record.time_us);
+        turnTo(state.turns + (isThere ? 0 : 1), slot, record.time_us);
         return;
     }
     const std::uint32_t counter = BufferView(*released, buffer, model->kindThere(slot)).counter();
     const bool makesSense = counter > state.turns && counter - state.turns < kMostTurns;
-    turnTo(makesSense ? counter : state.turns + 1, slot, record.time_us);
+    turnTo(makesSense ? counter : state.turns + (isThere ? 0 : 1), slot, record.time_us);
     state.lastCounter = counter;
     state.lastSeen_us = record.time_us;
     if (state.firstCounter == 0) {
@@ -384,7 +387,8 @@ void Comparison::turnTo(std::uint32_t counter, int slot, std::uint64_t time_us) 
         ++state.turns;
         const int buffer = static_cast<int>((state.turns - 1) % 2);
         std::size_t from = 0;
-        const Record* const released = nextBuffers(slot, buffer, from);
+        const bool goesBy = model->cards.card(slot).handsOver(buffer);
+        const Record* const released = goesBy ? nullptr : nextBuffers(slot, buffer, from);
         if (released != nullptr) {
             setLines(*released, buffer, slot, time_us);
         }
@@ -545,17 +549,27 @@ bool Comparison::mayDifferInTime(int slot, int line, std::uint64_t time_us,
            time_us - state.lastLoud_us[line] >= 1000ull * set.delay_ms;
 }
 
-// A card whose firmware runs, and that has handed over nothing for long although the host looked.
-void Comparison::compareSilence(int slot) {
-    constexpr std::uint64_t kPeriods = 10;
-    const Slot& state = slots[slot];
-    const CardKind* const kind = model->kind(slot);
-    if (kind != nullptr && !options.configuration && state.boots != 0 && !state.isBooting &&
-        state.turns == 0 && state.lastLook_us > state.started_us + kPeriods * kind->period_us) {
-        Record last;
-        last.time_us = state.lastLook_us;
-        differ(last, "hand-over",
-               cardName(slot) + "has handed over nothing since its firmware started");
+// Of life: its firmware has started, or handed over a buffer.
+void Comparison::noteSign(const Record& record, int slot) {
+    slots[slot].lastSign_us = record.time_us;
+    slots[slot].looksInVain = 0;
+    slots[slot].isSilent = false;
+}
+
+// The host has looked and found nothing.
+void Comparison::compareSilence(const Record& record, int slot) {
+    Slot& state = slots[slot];
+    if (state.boots == 0 || state.isBooting || state.isSilent) {
+        return;
+    }
+    ++state.looksInVain;
+    if (isSilence(model->kindThere(slot), record.time_us - state.lastSign_us, state.looksInVain)) {
+        state.isSilent = true;
+        char since[48];
+        std::snprintf(since, sizeof(since), "%.6f s", static_cast<double>(state.lastSign_us) / 1e6);
+        differ(record, "hand-over",
+               cardName(slot) + "has handed over nothing since " +
+                   (state.turns == 0 ? "its firmware started at " : "") + since);
     }
 }
 

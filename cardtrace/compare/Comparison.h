@@ -61,9 +61,10 @@ class Comparison {
         bool isAnswered[2] = {};  // the simulated card says so
         std::uint32_t turns = 0;  // since the firmware started
         std::uint32_t boots = 0;
-        bool isBooting = false;        // from a reset until its firmware starts
-        std::uint64_t started_us = 0;  // its firmware, last
-        std::uint64_t lastLook_us = 0;
+        bool isBooting = false;          // from a reset until its firmware starts
+        std::uint64_t lastSign_us = 0;   // of life
+        std::uint64_t looksInVain = 0;   // since then
+        bool isSilent = false;           // told already
         std::uint64_t waitingSince = 0;  // record of a handshake that the card is slow at, or 0
         std::uint64_t waitingTime_us = 0;
         std::string waitingText;
@@ -94,7 +95,8 @@ class Comparison {
     void judgeHandshake(const Record& record, int slot, std::uint32_t simulated);
     void endHandshake(int slot);
     void comparePeriods();
-    void compareSilence(int slot);
+    void noteSign(const Record& record, int slot);
+    void compareSilence(const Record& record, int slot);
 
     void prepareStatus(const Record& record, int slot, int buffer);
     void prepareLines(const Record& record, int slot, int word);

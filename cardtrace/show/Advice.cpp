@@ -1,6 +1,9 @@
 #include "show/Advice.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <functional>
+#include <iterator>
 
 namespace cardtrace {
 
@@ -12,10 +15,6 @@ struct Rule {
     std::function<std::uint64_t(const CardFacts&)> count;
     const char* shown;  // behind the count
 };
-
-bool hasBooted(const CardFacts& card) {
-    return !card.boots.empty() && card.boots.back().isWhole;
-}
 
 const Rule kRules[] = {
     {"read 255 not 0x55",
@@ -35,7 +34,8 @@ const Rule kRules[] = {
      [](const CardFacts& card) { return card.timeOutInHeader ? 0 : card.timeOuts; },
      "time-outs inside the boot table"},
     {"Missed Xfer ", "find what stalls the PC; let the driver have real-time priority",
-     [](const CardFacts& card) { return card.missed; }, "transfers that went by unread"},
+     [](const CardFacts& card) { return card.missed - card.missedAfterBoot; },
+     "transfers that went by unread"},
     {"DSP Board Locked Up",
      "the driver boots all cards at the seventh; if it comes back: the card, "
      "its seat, its power",
@@ -45,40 +45,57 @@ const Rule kRules[] = {
      "the PC was too slow, as for missed transfers",
      [](const CardFacts& card) { return card.notHandedOver; },
      "buffers given back that the DSP had taken back"},
-    {"no lines and no audio from a card", "start the program again; if it comes back, the card",
-     [](const CardFacts& card) {
-         return hasBooted(card) && card.handOvers == 0 && card.looks > 20 ? card.looks : 0;
-     },
-     "looks at a card that booted and hands over nothing"},
 };
 
 struct CallRule {
     const char* call;  // how its failure begins
+    const char* end;   // and ends
     const char* message;
     const char* cure;
 };
 
 const CallRule kCallRules[] = {
-    {"permission for ports", "failed to allow port access, errno=1",
-     "run as root; mind lockdown, and kernels without port permission"},
-    {"/dev/mem opened", "Couldn't access /dev/mem", "run as root; a kernel with CONFIG_DEVMEM"},
-    {"/dev/port opened", "Couldn't access /dev/port errno=N",
+    {"permission for ports", ": errno 38", "failed to allow port access, errno=38",
+     "use the PC itself, with a kernel that has port permission"},
+    {"permission for ports", "", "failed to allow port access, errno=1",
+     "run as root; mind lockdown"},
+    {"/dev/mem opened", "", "Couldn't access /dev/mem", "run as root; a kernel with CONFIG_DEVMEM"},
+    {"/dev/port opened", "", "Couldn't access /dev/port errno=N",
      "run as root; a kernel with CONFIG_DEVPORT"},
-    {"memory mapped", "mmap failed errno=N", "iomem=relaxed on the kernel's command line"},
-    {"memory locked", "Cards in use by process N (NAME)", "end the other program first"},
-    {"/dev/port:", "read failed errno=N", "the last lines of dmesg may name who refuses it"},
+    {"memory mapped", "", "mmap failed errno=N", "iomem=relaxed on the kernel's command line"},
+    {"memory locked", "", "Cards in use by process N (NAME)", "end the other program first"},
+    {"/dev/port:", "", "read failed errno=N", "the last lines of dmesg may name who refuses it"},
 };
+
+bool isMeant(const CallRule& rule, const std::string& failure) {
+    const std::string end = rule.end;
+    return failure.rfind(rule.call, 0) == 0 && failure.size() >= end.size() &&
+           failure.compare(failure.size() - end.size(), end.size(), end) == 0;
+}
+
+void adviseOnSilence(const CardFacts& facts, int card, std::vector<Advice>& found) {
+    if (facts.looksInVain != 0) {
+        char since[32];
+        std::snprintf(since, sizeof(since), "%.3f s",
+                      static_cast<double>(facts.silentSince_us) / 1e6);
+        found.push_back({card, "no lines and no audio from a card",
+                         "nothing handed over from " + std::string(since) + " on, at " +
+                             std::to_string(facts.looksInVain) + " looks",
+                         "start the program again; if it comes back, the card"});
+    }
+}
 
 }  // namespace
 
 std::vector<Advice> adviceFor(const Facts& facts) {
     std::vector<Advice> found;
     for (const auto& [failure, times] : facts.failures) {
-        for (const CallRule& rule : kCallRules) {
-            if (failure.compare(0, std::char_traits<char>::length(rule.call), rule.call) == 0) {
-                found.push_back({-1, rule.message,
-                                 failure + ", " + std::to_string(times) + " times", rule.cure});
-            }
+        const auto* const rule =
+            std::find_if(std::begin(kCallRules), std::end(kCallRules),
+                         [what = failure](const CallRule& each) { return isMeant(each, what); });
+        if (rule != std::end(kCallRules)) {
+            found.push_back(
+                {-1, rule->message, failure + ", " + std::to_string(times) + " times", rule->cure});
         }
     }
     for (int card = 0; card < 2; ++card) {
@@ -89,6 +106,7 @@ std::vector<Advice> adviceFor(const Facts& facts) {
                     {card, rule.message, std::to_string(count) + ' ' + rule.shown, rule.cure});
             }
         }
+        adviseOnSilence(facts.cards[card], card, found);
     }
     return found;
 }

@@ -93,6 +93,13 @@ void writeCard(std::ostream& out, int number, const CardFacts& card) {
     out << "  time-outs  " << card.timeOuts << "\n  transfers  " << card.handOvers
         << " handed over, " << card.releases << " given back, " << card.missed << " missed, "
         << card.repeated << " repeated\n";
+    if (card.handOvers != 0) {
+        out << "             last handed over at " << seconds(card.lastHandOver_us) << '\n';
+    }
+    if (card.missedAfterBoot != 0) {
+        out << "             missed in the first seconds after a boot: " << card.missedAfterBoot
+            << '\n';
+    }
     writeLooks(out, card);
     out << "  settings   written " << card.settings << " times\n";
     for (const auto& [line, set] : card.lines) {
@@ -136,26 +143,29 @@ Json cardJson(int number, const CardFacts& card) {
                          {"trigger", set.trigger},
                          {"delayMilliseconds", set.delay_ms}});
     }
-    return {{"card", number},
-            {"channels", card.channels},
-            {"echoes", card.echoes},
-            {"wrongEchoes", card.wrongEchoes},
-            {"boots", bootsJson(card)},
-            {"timeOuts", card.timeOuts},
-            {"handedOver", card.handOvers},
-            {"givenBack", card.releases},
-            {"missed", card.missed},
-            {"repeated", card.repeated},
-            {"looks", card.looks},
-            {"lateLooks", card.lateLooks},
-            {"longestGapMicroseconds", card.longestGap_us},
-            {"gapsMilliseconds", gaps},
-            {"settingsWritten", card.settings},
-            {"lines", lines},
-            {"audioPlayed", card.audioPlayed},
-            {"silencePlayed", card.silencePlayed},
-            {"callers", card.callers},
-            {"digits", card.digits}};
+    return {
+        {"card", number},
+        {"channels", card.channels},
+        {"echoes", card.echoes},
+        {"wrongEchoes", card.wrongEchoes},
+        {"boots", bootsJson(card)},
+        {"timeOuts", card.timeOuts},
+        {"handedOver", card.handOvers},
+        {"givenBack", card.releases},
+        {"lastHandedOverMicroseconds", card.handOvers == 0 ? Json() : Json(card.lastHandOver_us)},
+        {"missed", card.missed},
+        {"missedAfterBoot", card.missedAfterBoot},
+        {"repeated", card.repeated},
+        {"looks", card.looks},
+        {"lateLooks", card.lateLooks},
+        {"longestGapMicroseconds", card.longestGap_us},
+        {"gapsMilliseconds", gaps},
+        {"settingsWritten", card.settings},
+        {"lines", lines},
+        {"audioPlayed", card.audioPlayed},
+        {"silencePlayed", card.silencePlayed},
+        {"callers", card.callers},
+        {"digits", card.digits}};
 }
 
 }  // namespace
