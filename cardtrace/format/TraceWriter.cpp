@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,16 +10,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "format/Checksum.h"
+
 namespace cardtrace {
 
 namespace {
 
 constexpr int kLevel = 3;
-
-std::uint32_t checksum(const void* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, static_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
 
 template <class Header>
 void seal(Header& header) {

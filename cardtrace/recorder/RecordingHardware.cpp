@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cards/CallKinds.h"
 #include "model/PortMap.h"
 
 namespace cardtrace {
@@ -24,22 +25,6 @@ std::uint32_t thisThread() {
         threadNumber = static_cast<std::uint32_t>(gettid());
     }
     return threadNumber;
-}
-
-Kind kindOf(DeviceCall::Kind kind) {
-    switch (kind) {
-        case DeviceCall::Kind::kPermission:
-            return Kind::kPermission;
-        case DeviceCall::Kind::kOpenPorts:
-            return Kind::kOpenPorts;
-        case DeviceCall::Kind::kOpenMemory:
-            return Kind::kOpenMemory;
-        case DeviceCall::Kind::kMap:
-            return Kind::kMap;
-        case DeviceCall::Kind::kLock:
-            break;
-    }
-    return Kind::kLock;
 }
 
 }  // namespace
@@ -146,8 +131,8 @@ void RecordingHardware::recordCall(Kind kind, const CallData& call, int error) {
 // The word that releases a buffer also ends the strobe of a boot byte and lets the DSP out of
 // reset: then the control register was written before.
 void RecordingHardware::recordBuffersAtRelease(std::uint16_t port, std::uint32_t value) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    if (port < portMap::kFirstBase || slot >= portMap::kMaxCards) {
+    const int slot = portMap::slotOf(port);
+    if (slot == -1) {
         return;
     }
     const std::uint16_t offset = port % portMap::kPortsOfCard;

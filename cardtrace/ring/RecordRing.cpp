@@ -4,13 +4,14 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+
+#include "format/MachineTime.h"
 
 namespace cardtrace {
 
@@ -29,13 +30,6 @@ namespace {
 
 // Whoever takes no record for so long has been killed.
 constexpr int kPatience_ms = 10'000;
-
-std::uint64_t machineTime() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
-}
 
 }  // namespace
 
