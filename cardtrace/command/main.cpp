@@ -103,13 +103,12 @@ void findCards(const std::string& file, int (&channels)[2]) {
 }
 
 Comparison::Options comparedWith(const CommandLine& line, const std::string& about) {
-    using Json = nlohmann::json;
     Comparison::Options options;
     options.strict = line.strict;
-    const Json told = Json::parse(about, nullptr, false);
-    if (!line.asReal && told.is_object() && told.value("configuration", Json()).is_object()) {
-        options.configuration = cardsim::describedBy(told["configuration"].dump());
-    } else {
+    if (!line.asReal) {
+        options.configuration = configurationIn(about);
+    }
+    if (!options.configuration) {
         findCards(line.file, options.channels);
     }
     return options;
@@ -123,7 +122,7 @@ void printResult(const ComparisonResult& result, bool isConfigured) {
                     static_cast<unsigned long long>(result.first->record),
                     static_cast<double>(result.first->time_us) / 1e6, result.first->kind.c_str(),
                     result.first->text.c_str());
-    } else {
+    } else if (result.accesses != 0) {
         std::cout << "no difference\n";
     }
     for (const auto& [kind, count] : result.differences) {
@@ -142,7 +141,10 @@ void printResult(const ComparisonResult& result, bool isConfigured) {
 int compare(const CommandLine& line) {
     TraceReader reader(line.file);
     const Comparison::Options options = comparedWith(line, reader.about());
-    const ComparisonResult result = Comparison(reader, options).run();
+    ComparisonResult result = Comparison(reader, options).run();
+    if (result.accesses == 0 && result.stoppedBy.empty()) {
+        result.stoppedBy = "there is no access to a card";
+    }
     printResult(result, options.configuration.has_value());
     if (!result.stoppedBy.empty()) {
         std::cerr << "cardtrace: " << line.file << ": not compared to the end: " << result.stoppedBy

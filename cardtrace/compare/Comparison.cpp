@@ -1,13 +1,13 @@
 #include "compare/Comparison.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "format/About.h"
+#include "format/Checksum.h"
 #include "model/PortMap.h"
 #include "model/Scenario.h"
 #include "model/Traffic.h"
@@ -21,6 +21,7 @@ namespace portMap = cardsim::portMap;
 using cardsim::CardKind;
 
 constexpr std::size_t kMostAhead = 100'000;
+constexpr std::size_t kMostBytesAhead = std::size_t{64} << 20;
 constexpr std::uint32_t kMostTurns = 100'000;
 constexpr std::uint64_t kLongestPause_us = 86'400'000'000;
 constexpr double kPeriodTolerance = 0.02;
@@ -29,11 +30,6 @@ std::string hexadecimal(std::uint32_t value) {
     char text[16];
     std::snprintf(text, sizeof(text), "0x%X", value);
     return text;
-}
-
-int slotOf(std::uint16_t port) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    return port >= portMap::kFirstBase && slot < portMap::kMaxCards ? slot : -1;
 }
 
 std::uint32_t maskOf(int bytes) {
@@ -76,12 +72,13 @@ std::string cardName(int slot) {
     return "card " + std::to_string(slot) + ' ';
 }
 
-std::uint32_t checksum(const char* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
-
 }  // namespace
+
+std::optional<cardsim::Configuration> configurationIn(const std::string& about) {
+    using Json = nlohmann::json;
+    const Json told = readAbout<Json>(about).value("configuration", Json());
+    return told.is_object() ? std::optional(cardsim::describedBy(told.dump())) : std::nullopt;
+}
 
 // The simulated cards.
 struct Comparison::Model {
@@ -198,6 +195,7 @@ bool Comparison::nextRecord(Record& record) {
         return false;
     }
     record = std::move(waiting.front());
+    bytesWaiting -= record.data.size();
     waiting.pop_front();
     gaps.pop_front();
     ++number;
@@ -206,11 +204,12 @@ bool Comparison::nextRecord(Record& record) {
 
 // A record that is still to come; null when there is none, or none so soon.
 const Record* Comparison::ahead(std::size_t index) {
-    while (waiting.size() <= index && index < kMostAhead) {
+    while (waiting.size() <= index && index < kMostAhead && bytesWaiting < kMostBytesAhead) {
         Record next;
         if (!reader.next(next)) {
             return nullptr;
         }
+        bytesWaiting += next.data.size();
         waiting.push_back(std::move(next));
         gaps.push_back(reader.isAfterGap());
     }
@@ -236,7 +235,7 @@ const Record* Comparison::nextBuffers(int slot, int buffer, std::size_t& from) {
 }
 
 void Comparison::compareIn(const Record& record) {
-    const int slot = slotOf(record.port);
+    const int slot = portMap::slotOf(record.port);
     if (slot == -1) {
         return;
     }
@@ -308,7 +307,7 @@ void Comparison::endHandshake(int slot) {
 }
 
 void Comparison::give(const Record& record) {
-    const int slot = slotOf(record.port);
+    const int slot = portMap::slotOf(record.port);
     if (slot == -1) {
         return;
     }

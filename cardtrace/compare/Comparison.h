@@ -38,6 +38,10 @@ struct ComparisonResult {
     std::string stoppedBy;  // why not all of the trace was compared; empty: it was
 };
 
+// Of the simulated cards that a trace is of, by what its file says; nothing when it is of others.
+// Throws std::exception when there are no such cards.
+std::optional<cardsim::Configuration> configurationIn(const std::string& about);
+
 class Comparison {
   public:
     struct Options {
@@ -114,6 +118,7 @@ class Comparison {
     std::uint64_t modelStart_us = 0;
     std::deque<Record> waiting;
     std::deque<bool> gaps;
+    std::size_t bytesWaiting = 0;  // of their data
     std::uint64_t number = 0;
     Slot slots[2];
     ComparisonResult result;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,16 +11,13 @@
 #include <system_error>
 #include <utility>
 
+#include "format/Checksum.h"
+
 namespace cardtrace {
 
 namespace {
 
 constexpr std::size_t kMostComplaints = 20;
-
-std::uint32_t checksum(const void* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, static_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
 
 template <class Header>
 bool isSealed(const Header& header) {
@@ -84,8 +80,9 @@ std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_
     char magic[sizeof(fileLayout::kBlockMagic)];
     std::memcpy(magic, &fileLayout::kBlockMagic, sizeof(magic));
     std::string chunk;
-    for (std::size_t length = 256; offset + sizeof(magic) <= end; length *= 4) {
-        chunk.resize(std::min(length, fileLayout::kBlockBytes));  // mostly it is right here
+    std::size_t length = 256;  // mostly it is right here
+    for (; offset + sizeof(magic) <= end; length = std::min(4 * length, fileLayout::kBlockBytes)) {
+        chunk.resize(length);
         const auto wanted =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
         const std::size_t got = source.read(offset, chunk.data(), wanted);

@@ -34,11 +34,6 @@ std::string milliseconds(std::uint64_t us) {
     return text;
 }
 
-int slotOf(std::uint16_t port) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    return port >= portMap::kFirstBase && slot < portMap::kMaxCards ? slot : -1;
-}
-
 std::string bufferName(int card, int buffer) {
     return "buffer " + std::to_string(2 * card + buffer);
 }
@@ -141,7 +136,7 @@ Line Story::line(const Record& record, int card, Topic topic, const std::string&
 }
 
 void Story::access(const Record& record) {
-    const int card = slotOf(record.port);
+    const int card = portMap::slotOf(record.port);
     if (record.failed()) {
         noteFailure("/dev/port: errno " + std::to_string(record.value));
         say(line(record, card, Topic::kDevices,
@@ -277,7 +272,7 @@ void Story::readBootStatus(const Record& record, int card) {
 // The host does something else although the card has not done what it waited for.
 void Story::stopWaiting(const Record& record, int card, bool isRead) {
     CardStory& story = cards[card];
-    const bool goesOn = record.isAccess() && slotOf(record.port) == card && isRead &&
+    const bool goesOn = record.isAccess() && portMap::slotOf(record.port) == card && isRead &&
                         record.port % portMap::kPortsOfCard == portMap::kControl;
     if (story.wait == Wait::kNothing || goesOn || story.reads == 0) {
         return;
@@ -639,8 +634,7 @@ void Story::release(const Record& record, int card, int buffer) {
 void Story::call(const Record& record) {
     const std::string name = callName(record, callOf(record));
     if (record.value != 0) {
-        ++whole
-              .failures[name.substr(0, name.find(',')) + ": errno " + std::to_string(record.value)];
+        noteFailure(name.substr(0, name.find(',')) + ": errno " + std::to_string(record.value));
     }
     say(line(
         record, -1, Topic::kDevices,

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "format/About.h"
 #include "show/Advice.h"
 
 namespace cardtrace {
@@ -28,12 +29,6 @@ std::string hexadecimal(std::uint32_t value) {
 std::string gapRange(std::size_t range) {
     return range + 1 == kNumGapRanges ? "above"
                                       : "to " + std::to_string(kGapEnds_ms[range]) + " ms";
-}
-
-// What the trace is of, as far as its text makes sense.
-Json readAbout(const std::string& about) {
-    const Json read = Json::parse(about, nullptr, false);
-    return read.is_object() ? read : Json::object();
 }
 
 std::string textAt(const Json& about, const char* name) {
@@ -171,7 +166,7 @@ Json cardJson(int number, const CardFacts& card) {
 }  // namespace
 
 std::string summaryText(const std::string& about, const Facts& facts) {
-    const Json told = readAbout(about);
+    const Json told = readAbout<Json>(about);
     std::ostringstream out;
     out << "trace of " << textAt(told, "cards") << " cards by " << textAt(told, "recorder")
         << ", begun at " << timeAt(told, "began") << "\n"
@@ -211,7 +206,7 @@ std::string summaryJson(const std::string& about, const Facts& facts) {
                           {"shown", each.shown},
                           {"cure", each.cure}});
     }
-    const Json whole = {{"about", readAbout(about)},
+    const Json whole = {{"about", readAbout<Json>(about)},
                         {"records", facts.records},
                         {"microseconds", facts.end_us},
                         {"whole", facts.hasEnd},
