@@ -292,6 +292,9 @@ TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {
         {"cp " SAMPLE
          " $files/x; $cardtrace record -o $files/x -- no-such-program; cmp $files/x " SAMPLE,
          0, "cannot start"},
+        {"cp $cardtrace $user $files; chmod 755 $files; chmod 4755 $files/card_user; setpriv "
+         "--reuid=65534 --clear-groups $files/cardtrace record -o $files/y -- $files/card_user A",
+         126, "its file gives it rights of its own"},
         {"$cardtrace record -o $files/x -- sh -c 'exit 3'", 3, "never touched ports or devices"},
         {"$cardtrace record -o $files/x --last 1KB -- true", 2, "--last"},
         {"$cardtrace show", 2, "FILE is required"},
@@ -300,6 +303,7 @@ TEST_F(Trace, RefusesWrongUsageAndWhatIsNoTrace) {
         {"$cardtrace show $files/data", 3, "data: is no trace"},
         {"$cardtrace show $files", 3, "is no file"},
         {"$cardtrace compare $files/data", 3, "is no trace"},
+        {"$cardtrace compare $files/x", 4, "there is no access to a card"},
         {"$cardsim --replay $files/data -- true", 1, "is no trace"},
         {"$cardsim --replay $files/data --cards 4 -- true", 2, "--cards excludes --replay"},
         {"$cardsim --record /dev/full -- true", 1, "cannot write /dev/full: No space left"},
