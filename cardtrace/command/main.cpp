@@ -24,7 +24,7 @@ constexpr int kDamaged = 1;
 constexpr int kFailed = 1;
 constexpr int kDiffers = 1;
 constexpr int kNoTrace = 3;
-constexpr int kIncomplete = 4;
+constexpr int kIncomplete = 4;  // also when something failed: 1 is a difference
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
@@ -74,6 +74,14 @@ bool tellTroubles(const std::string& file, const TraceReader& reader) {
     return !reader.troubles().empty();
 }
 
+// Throws std::runtime_error when not all that was printed has arrived.
+void flushOutput() {
+    std::cout.flush();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout) {
+        throw std::runtime_error("standard output: not all could be written");
+    }
+}
+
 int show(const CommandLine& line) {
     TraceReader reader(line.file);
     const Story::Teller print = line.json ? printJson : printText;
@@ -86,8 +94,9 @@ int show(const CommandLine& line) {
         std::cout << (line.json ? summaryJson(reader.about(), story.facts())
                                 : summaryText(reader.about(), story.facts()));
     }
-    std::cout.flush();
-    return tellTroubles(line.file, reader) ? kDamaged : 0;
+    const bool isDamaged = tellTroubles(line.file, reader);
+    flushOutput();
+    return isDamaged ? kDamaged : 0;
 }
 
 // The kinds of the cards that answer in the trace, as far as it shows them.
@@ -135,7 +144,7 @@ void printResult(const ComparisonResult& result, bool isConfigured) {
                       << ")\n";
         }
     }
-    std::cout.flush();
+    flushOutput();
 }
 
 int compare(const CommandLine& line) {
@@ -187,6 +196,6 @@ int main(int argc, char** argv) {
         return kNoTrace;
     } catch (const std::exception& error) {
         std::cerr << "cardtrace: " << error.what() << '\n';
-        return kFailed;
+        return line->command == CommandLine::Command::kCompare ? kIncomplete : kFailed;
     }
 }

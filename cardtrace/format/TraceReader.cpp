@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "format/Checksum.h"
@@ -29,7 +28,7 @@ class FileSource : public Source {
     explicit FileSource(const std::string& path) : file(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
         struct stat status {};
         if (file == -1 || fstat(file, &status) != 0) {
-            throw std::system_error(errno, std::generic_category(), path);
+            throw NotATrace(path + ": " + std::strerror(errno));
         }
         if (!S_ISREG(status.st_mode)) {
             throw NotATrace(path + ": is no file");
