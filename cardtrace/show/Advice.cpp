@@ -1,7 +1,6 @@
 #include "show/Advice.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <iterator>
 
@@ -45,44 +44,35 @@ const Rule kRules[] = {
      "the PC was too slow, as for missed transfers",
      [](const CardFacts& card) { return card.notHandedOver; },
      "buffers given back that the DSP had taken back"},
+    {"no lines and no audio from a card", "start the program again; if it comes back, the card",
+     [](const CardFacts& card) { return card.looksInVain; },
+     "looks, one behind the other, at a card whose firmware runs and hands over nothing"},
 };
 
 struct CallRule {
     const char* call;  // how its failure begins
-    const char* end;   // and ends
     const char* message;
     const char* cure;
+    const char* end = "";  // how it ends
 };
 
+// The first one that fits.
 const CallRule kCallRules[] = {
-    {"permission for ports", ": errno 38", "failed to allow port access, errno=38",
-     "use the PC itself, with a kernel that has port permission"},
-    {"permission for ports", "", "failed to allow port access, errno=1",
-     "run as root; mind lockdown"},
-    {"/dev/mem opened", "", "Couldn't access /dev/mem", "run as root; a kernel with CONFIG_DEVMEM"},
-    {"/dev/port opened", "", "Couldn't access /dev/port errno=N",
+    {"permission for ports", "failed to allow port access, errno=38",
+     "use the PC itself, with a kernel that has port permission", ": errno 38"},
+    {"permission for ports", "failed to allow port access, errno=1", "run as root; mind lockdown"},
+    {"/dev/mem opened", "Couldn't access /dev/mem", "run as root; a kernel with CONFIG_DEVMEM"},
+    {"/dev/port opened", "Couldn't access /dev/port errno=N",
      "run as root; a kernel with CONFIG_DEVPORT"},
-    {"memory mapped", "", "mmap failed errno=N", "iomem=relaxed on the kernel's command line"},
-    {"memory locked", "", "Cards in use by process N (NAME)", "end the other program first"},
-    {"/dev/port:", "", "read failed errno=N", "the last lines of dmesg may name who refuses it"},
+    {"memory mapped", "mmap failed errno=N", "iomem=relaxed on the kernel's command line"},
+    {"memory locked", "Cards in use by process N (NAME)", "end the other program first"},
+    {"/dev/port:", "read failed errno=N", "the last lines of dmesg may name who refuses it"},
 };
 
 bool isMeant(const CallRule& rule, const std::string& failure) {
     const std::string end = rule.end;
     return failure.rfind(rule.call, 0) == 0 && failure.size() >= end.size() &&
            failure.compare(failure.size() - end.size(), end.size(), end) == 0;
-}
-
-void adviseOnSilence(const CardFacts& facts, int card, std::vector<Advice>& found) {
-    if (facts.looksInVain != 0) {
-        char since[32];
-        std::snprintf(since, sizeof(since), "%.3f s",
-                      static_cast<double>(facts.silentSince_us) / 1e6);
-        found.push_back({card, "no lines and no audio from a card",
-                         "nothing handed over from " + std::string(since) + " on, at " +
-                             std::to_string(facts.looksInVain) + " looks",
-                         "start the program again; if it comes back, the card"});
-    }
 }
 
 }  // namespace
@@ -106,7 +96,6 @@ std::vector<Advice> adviceFor(const Facts& facts) {
                     {card, rule.message, std::to_string(count) + ' ' + rule.shown, rule.cure});
             }
         }
-        adviseOnSilence(facts.cards[card], card, found);
     }
     return found;
 }

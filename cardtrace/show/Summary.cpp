@@ -91,6 +91,10 @@ void writeCard(std::ostream& out, int number, const CardFacts& card) {
     if (card.handOvers != 0) {
         out << "             last handed over at " << seconds(card.lastHandOver_us) << '\n';
     }
+    if (card.looksInVain != 0) {
+        out << "             nothing from " << seconds(card.silentSince_us) << " on, at "
+            << card.looksInVain << " looks\n";
+    }
     if (card.missedAfterBoot != 0) {
         out << "             missed in the first seconds after a boot: " << card.missedAfterBoot
             << '\n';
@@ -148,6 +152,8 @@ Json cardJson(int number, const CardFacts& card) {
         {"handedOver", card.handOvers},
         {"givenBack", card.releases},
         {"lastHandedOverMicroseconds", card.handOvers == 0 ? Json() : Json(card.lastHandOver_us)},
+        {"looksInVain", card.looksInVain},
+        {"silentSinceMicroseconds", card.looksInVain == 0 ? Json() : Json(card.silentSince_us)},
         {"missed", card.missed},
         {"missedAfterBoot", card.missedAfterBoot},
         {"repeated", card.repeated},
