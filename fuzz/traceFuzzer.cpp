@@ -1,16 +1,17 @@
 // A trace that may have come from anywhere: read to its end, told in words and compared with
-// simulated cards. Input: the letter r and records, or any other byte and a whole file. What is
-// read must lie inside of it.
-#include <zlib.h>
+// simulated cards. Input: the letter r and records, the letter a and what the trace is of, a line
+// end and records, or any other byte and a whole file. What is read must lie inside of it.
 #include <zstd.h>
 
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Fuzzing.h"
 #include "compare/Comparison.h"
+#include "format/Checksum.h"
 #include "format/TraceReader.h"
 #include "show/Story.h"
 #include "show/Summary.h"
@@ -34,16 +35,13 @@ class Bytes : public Source {
     const std::size_t length;
 };
 
-std::uint32_t checksum(const void* from, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, static_cast<const Bytef*>(from), static_cast<uInt>(count)));
-}
-
 // A file with one block of these records: mutations get past its checksums by this way only.
-std::string fileOf(const std::string& records) {
+std::string fileOf(const std::string& records, const std::string& about = "") {
     fileLayout::FileHeader header{};
     std::memcpy(header.magic, fileLayout::kMagic, sizeof(header.magic));
     header.version = fileLayout::kVersion;
+    header.aboutLength = static_cast<std::uint32_t>(about.size());
+    header.aboutChecksum = checksum(about.data(), about.size());
     header.checksum = checksum(&header, offsetof(fileLayout::FileHeader, checksum));
     std::string stored(ZSTD_compressBound(records.size()), '\0');
     stored.resize(ZSTD_compress(stored.data(), stored.size(), records.data(), records.size(), 1));
@@ -54,8 +52,24 @@ std::string fileOf(const std::string& records) {
     block.stored = static_cast<std::uint32_t>(stored.size());
     block.storedChecksum = checksum(stored.data(), stored.size());
     block.checksum = checksum(&block, offsetof(fileLayout::BlockHeader, checksum));
-    return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) +
+    return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + about +
            std::string(reinterpret_cast<const char*>(&block), sizeof(block)) + stored;
+}
+
+// As the trace says it, or any that makes sense.
+cardsim::Configuration configurationOf(const std::string& about) {
+    std::optional<cardsim::Configuration> told;
+    try {
+        told = configurationIn(about);
+    } catch (const std::exception&) {
+        told.reset();
+    }
+    if (!told) {
+        told.emplace();
+        told->pc.channels[1] = 8;
+        told->traffic = true;
+    }
+    return *told;
 }
 
 }  // namespace
@@ -63,7 +77,12 @@ std::string fileOf(const std::string& records) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     const std::string rest(reinterpret_cast<const char*>(bytes) + (size == 0 ? 0 : 1),
                            size == 0 ? 0 : size - 1);
-    const std::string file = size != 0 && bytes[0] == 'r' ? fileOf(rest) : rest;
+    const std::size_t line = std::min(rest.find('\n'), rest.size());
+    const bool hasAbout = size != 0 && bytes[0] == 'a';
+    const std::string file =
+        hasAbout ? fileOf(rest.substr(std::min(line + 1, rest.size())), rest.substr(0, line))
+        : size != 0 && bytes[0] == 'r' ? fileOf(rest)
+                                       : rest;
     const auto open = [&file] {
         return TraceReader(
             "fuzz", std::make_unique<Bytes>(reinterpret_cast<const std::uint8_t*>(file.data()),
@@ -89,10 +108,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         cards.channels[1] = 8;
         TraceReader ofReal = open();
         Comparison(ofReal, cards).run();
-        cards.configuration.emplace();
-        cards.configuration->pc.channels[1] = 8;
-        cards.configuration->traffic = true;
         TraceReader ofSimulated = open();
+        cards.configuration = configurationOf(ofSimulated.about());
         Comparison(ofSimulated, cards).run();
     } catch (const NotATrace&) {
         return 0;

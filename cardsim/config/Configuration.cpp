@@ -18,7 +18,7 @@ namespace {
 void check(const Fault& fault) {
     const auto kind = static_cast<int>(fault.kind);
     const auto field = static_cast<int>(fault.field);
-    if (kind < 0 || kind >= kNumFaultKinds || field < 0 ||
+    if (fault.card < Fault::kEveryCard || kind < 0 || kind >= kNumFaultKinds || field < 0 ||
         field > static_cast<int>(FaultField::kAudio)) {
         throw std::invalid_argument("there is no such fault");
     }

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "traps/Executable.h"
 
@@ -37,7 +38,7 @@ constexpr int kKilled = 128;
 sigset_t awaitedSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : {SIGCHLD, SIGTERM, SIGHUP, SIGALRM, SIGUSR1}) {
+    for (const int signal : {SIGCHLD, SIGTERM, SIGHUP, SIGINT, SIGALRM, SIGUSR1}) {
         sigaddset(&signals, signal);
     }
     return signals;
@@ -80,16 +81,6 @@ void setEnvironment(const ProgramSettings& settings) {
     // When this cannot be told either, the exit status has to tell.
     [[maybe_unused]] const ssize_t told = write(failures, &error, sizeof error);
     _exit(kNotStarted);
-}
-
-// A program that the preload library cannot be put under would meet the machine itself.
-void checkProgram(const std::string& name) {
-    char path[PATH_MAX];
-    const char* const reason =
-        findInPath(name.c_str(), path, sizeof(path)) ? whyNotTrapped(path) : nullptr;
-    if (reason != nullptr) {
-        throw CannotStart{name + ": " + reason, false};
-    }
 }
 
 // What the child had to say before it became the program: nothing, or why it could not.
@@ -187,14 +178,23 @@ ProgramEnd waitFor(pid_t child, const ProgramSettings& settings) {
     setTimer(settings.end.value_or(milliseconds::zero()));  // zero: never
     int ending = 0;  // the last signal that the end of the time has sent
     int status = 0;
+    bool toldOfLeft = false;
     while (true) {
         reap(child, status);
-        if (child == 0 && (ending == 0 || processesBelow().empty())) {
-            return {exitStatusOf(status), ending != 0};
+        if (child == 0) {
+            const bool waitsForAll = ending != 0 || settings.onLeft;
+            if (!waitsForAll || processesBelow().empty()) {
+                return {exitStatusOf(status), ending != 0};
+            }
+            if (ending == 0 && !std::exchange(toldOfLeft, true)) {
+                settings.onLeft();
+            }
         }
         const int signal = sigwaitinfo(&awaited, nullptr);
         if (signal == SIGTERM || signal == SIGHUP) {
             signalAll(signal);
+        } else if (signal == SIGINT && child == 0) {
+            signalAll(SIGTERM);  // what is left may hear nothing of the terminal any more
         } else if (signal == SIGALRM || (signal == SIGUSR1 && ending == 0)) {
             ending = ending == 0 ? SIGTERM : SIGKILL;
             signalAll(ending);
@@ -212,6 +212,18 @@ std::vector<std::string> takeProgram(int& argc, char** argv) {
     return {mark == end ? end : mark + 1, end};
 }
 
+// A program that the preload library cannot be put under would meet the machine itself.
+void checkProgram(const std::string& name) {
+    char path[PATH_MAX];
+    if (!findInPath(name.c_str(), path, sizeof(path)) || access(path, X_OK) != 0) {
+        const bool isMissing = errno == ENOENT || errno == ENOTDIR;
+        throw CannotStart{name + ": " + std::strerror(errno), isMissing};
+    }
+    if (const char* const reason = whyNotTrapped(path)) {
+        throw CannotStart{name + ": " + reason, false};
+    }
+}
+
 ProgramEnd run(const ProgramSettings& settings) {
     checkProgram(settings.command[0]);
     const sigset_t awaited = awaitedSignals();
@@ -220,7 +232,6 @@ ProgramEnd run(const ProgramSettings& settings) {
     signal(SIGCHLD, SIG_DFL);          // else the program would end unseen
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // what it leaves behind stays below
     const pid_t child = start(settings, before);
-    signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     settings.onStarted();
     return waitFor(child, settings);

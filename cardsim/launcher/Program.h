@@ -29,6 +29,9 @@ struct ProgramSettings {
     std::optional<std::chrono::milliseconds> end;
     // Called once the program runs; the launcher is free to start threads from then on.
     std::function<void()> onStarted = [] {};
+    // Given: the run ends once all processes that the program has started have ended too. Called
+    // when the program itself ends and some of them are left.
+    std::function<void()> onLeft;
 };
 
 struct ProgramEnd {
@@ -36,11 +39,16 @@ struct ProgramEnd {
     bool wasEnded;   // its time was over
 };
 
+// Throws CannotStart when a program of that name, looked up in the PATH, cannot be started under a
+// preload library; what run does first, for whoever wants to know before.
+void checkProgram(const std::string& name);
+
 // Runs the program until it ends. Meanwhile SIGINT and SIGQUIT are the program's business alone;
-// SIGTERM and SIGHUP are passed on to it and to all that it has started; afterwards they stay like
-// that. When the time is over, or SIGUSR1 says so, all of them are told to end, a little later
-// killed. Should the launcher be killed, the program is told to end. Throws CannotStart, or
-// std::system_error when there is no process to be had.
+// once it has ended, SIGINT tells those that are left to end. SIGTERM and SIGHUP are passed on to
+// it and to all that it has started; afterwards they stay like that. When the time is over, or
+// SIGUSR1 says so, all of them are told to end, a little later killed. Should the launcher be
+// killed, the program is told to end. Throws CannotStart, or std::system_error when there is no
+// process to be had.
 ProgramEnd run(const ProgramSettings& settings);
 
 }  // namespace cardsim

@@ -129,6 +129,12 @@ ProgramEnd runProgram(const CommandLine& line, const SharedFile& shared,
     settings.preloadLibrary = findPreloadLibrary("libcardsim-preload.so");
     settings.variables = {{kSharedPageVariable, shared.path()}};
     settings.onStarted = onStarted;
+    if (!line.recording.path.empty()) {
+        settings.onLeft = [] {
+            std::cerr << "cardsim: the program has ended, but not all that it has started: "
+                         "recording goes on until that ends too\n";
+        };
+    }
     if (line.end_ms && (!line.configuration.pc.virtualTime || !line.replayed.empty())) {
         settings.end = std::chrono::milliseconds(*line.end_ms);
     }
@@ -147,6 +153,7 @@ int replay(CommandLine& line) {
 int simulate(CommandLine& line) {
     std::optional<cardtrace::Recording> recording;
     if (!line.recording.path.empty()) {
+        checkProgram(line.program[0]);  // an older trace of that name is still there
         recording.emplace(line.recording, aboutRecording(line));
         line.configuration.ringFile = recording->ringPath();
     }

@@ -51,6 +51,7 @@ class Card {
     // The DSP's turn comes at that time, if it runs; for cards whose turns are given by hand.
     void turn(std::uint64_t time);
 
+    bool handsOver(int buffer) const { return buffers[buffer].handedOver; }
     int channels() const { return kind.channels; }
     Line& line(int port) { return lines[static_cast<std::size_t>(port)]; }
     Faults& faults() { return plannedFaults; }

@@ -90,9 +90,8 @@ Line& Cards::line(int number) {
 }
 
 Card* Cards::cardAt(std::uint16_t port) const {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    const bool inRange = port >= portMap::kFirstBase && slot < portMap::kMaxCards;
-    return inRange ? cards[slot].get() : nullptr;
+    const int slot = portMap::slotOf(port);
+    return slot == -1 ? nullptr : cards[slot].get();
 }
 
 void Cards::advanceCards(std::uint64_t until) {

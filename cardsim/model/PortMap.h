@@ -35,4 +35,10 @@ constexpr std::uint16_t kResetArmed = 8;
 // What a port reads as at which nobody answers: one of an empty slot, or one that is only written.
 constexpr std::uint16_t kNobody = 0xFFFF;
 
+// Of the card whose register is at that port; -1: of none.
+constexpr int slotOf(std::uint16_t port) {
+    const int slot = (port - kFirstBase) / kPortsOfCard;
+    return port >= kFirstBase && slot < kMaxCards ? slot : -1;
+}
+
 }  // namespace cardsim::portMap

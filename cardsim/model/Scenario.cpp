@@ -11,8 +11,8 @@ using Action = ScenarioEvent::Action;
 std::string missingPart(const ScenarioEvent& event, const int (&channels)[portMap::kMaxCards]) {
     if (event.action == Action::kFault) {
         const int card = event.fault.card;
-        const bool isThere =
-            card == Fault::kEveryCard || (card < portMap::kMaxCards && channels[card] != 0);
+        const bool isThere = card == Fault::kEveryCard ||
+                             (card >= 0 && card < portMap::kMaxCards && channels[card] != 0);
         return isThere ? "" : "there is no card " + std::to_string(card);
     }
     const int lines = channels[0] + channels[1];

@@ -3,6 +3,10 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -52,6 +56,20 @@ bool hasInterpreter(int file, const Header& header) {
     return false;
 }
 
+// Whether the kernel gives it the right to ports for its file's sake. Then the dynamic linker takes
+// no library from whoever starts it.
+bool hasRightsOfItsOwn(const char* path) {
+    struct stat status {};
+    if (getuid() == 0 || prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1 || stat(path, &status) != 0) {
+        return false;
+    }
+    vfs_ns_cap_data rights{};
+    const ssize_t length = getxattr(path, "security.capability", &rights, sizeof(rights));
+    const bool hasRawAccess = length >= static_cast<ssize_t>(XATTR_CAPS_SZ_1) &&
+                              (rights.data[0].permitted >> CAP_SYS_RAWIO & 1) != 0;
+    return hasRawAccess || ((status.st_mode & S_ISUID) != 0 && status.st_uid == 0);
+}
+
 const char* whyNotTrapped(const char* path, int file, const Header& header) {
     if (header.e_ident[EI_CLASS] != kClass || header.e_machine != kMachine) {
         return kOfAnotherKind;
@@ -88,7 +106,11 @@ const char* whyNotTrapped(const char* path) {
         if (length >= static_cast<ssize_t>(sizeof(header))) {
             std::memcpy(&header, line, sizeof(header));
         }
-        if (isElf(header)) {
+        if ((isElf(header) || file == -1) && hasRightsOfItsOwn(path)) {
+            reason =
+                "its file gives it rights of its own, and so nothing can be put in front of it: "
+                "start it as root";
+        } else if (isElf(header)) {
             reason = whyNotTrapped(path, file, header);
         } else if (length > 0) {
             line[length] = '\0';

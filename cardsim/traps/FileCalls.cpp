@@ -6,6 +6,7 @@
 #include <aio.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/io.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
@@ -148,6 +149,17 @@ DeviceCall lockCall(const void* argument, int command) {
     return {DeviceCall::Kind::kLock, static_cast<std::uint64_t>(lock.l_start),
             static_cast<std::uint64_t>(lock.l_len),
             static_cast<std::uint32_t>(lock.l_type << 16 | command)};
+}
+
+// The same by calls that say it in another way.
+template <class Call>
+int lockPart(int fd, int command, int kind, off64_t first, off64_t length, Call call) {
+    return isMemoryDevice(fd)
+               ? askThenTell({DeviceCall::Kind::kLock, static_cast<std::uint64_t>(first),
+                              static_cast<std::uint64_t>(length),
+                              static_cast<std::uint32_t>(kind << 16 | command)},
+                             -1, call)
+               : call();
 }
 
 template <class Call>
@@ -384,6 +396,28 @@ CONTROL(fcntl)
 CONTROL(fcntl64)
 #undef CONTROL
 
+// Of the whole file.
+int flock(int fd, int operation) noexcept {
+    const int kind = (operation & LOCK_UN) != 0   ? F_UNLCK
+                     : (operation & LOCK_EX) != 0 ? F_WRLCK
+                                                  : F_RDLCK;
+    return lockPart(fd, (operation & LOCK_NB) != 0 ? F_SETLK : F_SETLKW, kind, 0, 0,
+                    [=] { return REAL(flock)(fd, operation); });
+}
+
+#define LOCK_FROM_HERE(name, place)                                                             \
+    int name(int fd, int command, place length) {                                               \
+        return lockPart(fd,                                                                     \
+                        command == F_TEST   ? F_GETLK                                           \
+                        : command == F_LOCK ? F_SETLKW                                          \
+                                            : F_SETLK,                                          \
+                        command == F_ULOCK ? F_UNLCK : F_WRLCK, REAL(lseek64)(fd, 0, SEEK_CUR), \
+                        length, [=] { return REAL(name)(fd, command, length); });               \
+    }
+LOCK_FROM_HERE(lockf, off_t)
+LOCK_FROM_HERE(lockf64, off64_t)
+#undef LOCK_FROM_HERE
+
 int close(int fd) {
     forgetPortDevice(fd);
     return REAL(close)(fd);
@@ -418,6 +452,7 @@ long syscall(long number, ...) noexcept {
                          static_cast<off64_t>(high) << 32;
     };
     const auto number32 = [](long argument) { return static_cast<int>(argument); };
+    const auto parts = [](long argument) { return reinterpret_cast<const iovec*>(argument); };
     switch (number) {
         case SYS_open:
             return open(text(a), number32(b), static_cast<mode_t>(c));
@@ -438,6 +473,26 @@ long syscall(long number, ...) noexcept {
             return pread64(fd, buffer(b), size(c), place(d, e));
         case SYS_pwrite64:
             return pwrite64(fd, buffer(b), size(c), place(d, e));
+        case SYS_readv:
+            return readv(fd, parts(b), number32(c));
+        case SYS_writev:
+            return writev(fd, parts(b), number32(c));
+        case SYS_preadv:
+            return preadv64(fd, parts(b), number32(c), place(d, e));
+        case SYS_pwritev:
+            return pwritev64(fd, parts(b), number32(c), place(d, e));
+        case SYS_preadv2:
+            return preadv64v2(fd, parts(b), number32(c), place(d, e), number32(f));
+        case SYS_pwritev2:
+            return pwritev64v2(fd, parts(b), number32(c), place(d, e), number32(f));
+        case SYS_sendfile:
+        case SYS_copy_file_range:
+        case SYS_splice:
+            if (refusesPorts("move data by number with", fd,
+                             number32(number == SYS_sendfile ? b : c))) {
+                return -1;
+            }
+            break;
 #ifdef SYS_mmap2
         case SYS_mmap2:
             return reinterpret_cast<long>(mmap64(buffer(a), size(b), number32(c), number32(d),
@@ -449,6 +504,20 @@ long syscall(long number, ...) noexcept {
 #endif
         case SYS_dup:
             return dup(fd);
+        case SYS_dup2:
+            return dup2(fd, number32(b));
+        case SYS_dup3:
+            return dup3(fd, number32(b), number32(c));
+        case SYS_fcntl:
+            return fcntl(fd, number32(b), buffer(c));
+#ifdef SYS_fcntl64
+        case SYS_fcntl64:
+            return fcntl64(fd, number32(b), buffer(c));
+#endif
+        case SYS_flock:
+            return flock(fd, number32(b));
+        case SYS_lseek:
+            return lseek(fd, b, number32(c));
         case SYS_ioperm:
             return ioperm(static_cast<unsigned long>(a), static_cast<unsigned long>(b),
                           number32(c));
@@ -456,6 +525,8 @@ long syscall(long number, ...) noexcept {
             return iopl(fd);
         case SYS_close:
             return close(fd);
+        case SYS_close_range:
+            return close_range(static_cast<unsigned>(a), static_cast<unsigned>(b), number32(c));
         default:
             break;
     }

@@ -25,6 +25,9 @@ thread_local std::uint32_t permittedPorts __attribute__((tls_model("initial-exec
 // machine's that is simulated in turn.
 thread_local bool isCarryingOut __attribute__((tls_model("initial-exec"))) = false;
 
+// The thread has its permission from the one that made it, and has made no access yet.
+thread_local bool isHeir __attribute__((tls_model("initial-exec"))) = false;
+
 std::atomic<const void*> drivingThread{nullptr};
 struct sigaction previousAction;
 
@@ -53,6 +56,10 @@ bool carryOut(ucontext_t& context) {
     Hardware* const hardware = hardwareAtFirstUse();
     if (hardware == nullptr) {
         return false;
+    }
+    if (isHeir) {
+        isHeir = false;
+        drivingThread = thisThread();
     }
     const auto accumulator = static_cast<std::uint64_t>(registers[kAccumulator]);
     const std::uint64_t mask = (std::uint64_t{1} << (8 * instruction.bytes)) - 1;
@@ -123,6 +130,15 @@ int setPortPermission(unsigned long from, unsigned long count, bool on) {
         permittedPorts &= ~static_cast<std::uint32_t>(ports);
     }
     return 0;
+}
+
+std::uint32_t portsToInherit() {
+    return permittedPorts;
+}
+
+void inheritPorts(std::uint32_t ports) {
+    permittedPorts = ports;
+    isHeir = true;
 }
 
 bool drivesCards() {

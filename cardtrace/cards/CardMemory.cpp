@@ -29,10 +29,9 @@ void eachPort(const CardKind& kind, Add add) {
 }  // namespace
 
 void KindsSeen::see(const Record& record) {
-    const int slot = (record.port - portMap::kFirstBase) / portMap::kPortsOfCard;
+    const int slot = portMap::slotOf(record.port);
     const bool isStatus = record.isRead() && !record.failed() && !record.isUnanswered() &&
-                          record.port >= portMap::kFirstBase && slot < portMap::kMaxCards &&
-                          record.port % portMap::kPortsOfCard == portMap::kControl;
+                          slot != -1 && record.port % portMap::kPortsOfCard == portMap::kControl;
     const std::uint32_t nobody = record.width == 1 ? 0xFF : 0xFFFF;
     if (!isStatus || record.value == nobody) {
         return;
@@ -43,6 +42,12 @@ void KindsSeen::see(const Record& record) {
             kinds[slot] = &kind;
         }
     }
+}
+
+bool isSilence(const CardKind& kind, std::uint64_t passed_us, std::uint64_t looks) {
+    constexpr std::uint64_t kPeriods = 10;
+    constexpr std::uint64_t kFewLooks = 20;
+    return passed_us >= kPeriods * kind.period_us && looks > kFewLooks;
 }
 
 BufferView::BufferView(const Record& buffers, int buffer, const CardKind& cardKind)

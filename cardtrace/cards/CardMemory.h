@@ -21,6 +21,10 @@ class KindsSeen {
     const cardsim::CardKind* kinds[2] = {};
 };
 
+// Whether a card whose firmware runs is silent: so long, and at so many looks, it has handed over
+// nothing.
+bool isSilence(const cardsim::CardKind& kind, std::uint64_t passed_us, std::uint64_t looks);
+
 // One of the two buffers in the memory of a card that lies in a record.
 class BufferView {
   public:

@@ -1,9 +1,9 @@
 #include "cards/Discretion.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <cstring>
+
+#include "format/Checksum.h"
 
 namespace cardtrace {
 
@@ -12,9 +12,7 @@ namespace {
 void leaveOut(std::string& data, const Span& span) {
     char* const begin = &data[span.offset];
     const LeftOut note = {static_cast<std::uint16_t>(span.offset),
-                          static_cast<std::uint16_t>(span.length),
-                          static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(begin),
-                                                           static_cast<uInt>(span.length)))};
+                          static_cast<std::uint16_t>(span.length), checksum(begin, span.length)};
     std::fill_n(begin, span.length, '\0');
     data.append(reinterpret_cast<const char*>(&note), sizeof(note));
 }

@@ -1,8 +1,8 @@
 #include "cards/Silence.h"
 
-#include <zlib.h>
-
 #include <cstring>
+
+#include "format/Checksum.h"
 
 namespace cardtrace {
 
@@ -21,11 +21,6 @@ std::string silence(std::size_t words) {
     return bytes;
 }
 
-std::uint32_t checksum(const std::string& bytes) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
-}
-
 // Of what stands in the buffers at that place, or stood there.
 std::uint32_t checksumAt(const Record& buffers, std::size_t offset, std::size_t length) {
     for (std::size_t at = kCardMemoryBytes; at + sizeof(LeftOut) <= buffers.data.size();
@@ -36,7 +31,7 @@ std::uint32_t checksumAt(const Record& buffers, std::size_t offset, std::size_t 
             return left.checksum;
         }
     }
-    return checksum(buffers.data.substr(offset, length));
+    return checksum(&buffers.data[offset], length);
 }
 
 }  // namespace
@@ -46,10 +41,12 @@ Playback playbackOf(const Record& buffers, int buffer, const cardsim::CardKind& 
     const int word =
         (buffer == 0 ? 0 : cardsim::layout::kSecondBuffer) + kind.transfer.playbackAudio;
     const std::uint32_t there = checksumAt(buffers, static_cast<std::size_t>(2 * word), 2 * words);
-    if (there == checksum(silence(words))) {
+    const std::string silent = silence(words), nothing(2 * words, '\0');
+    if (there == checksum(silent.data(), silent.size())) {
         return Playback::kSilence;
     }
-    return there == checksum(std::string(2 * words, '\0')) ? Playback::kNothing : Playback::kAudio;
+    return there == checksum(nothing.data(), nothing.size()) ? Playback::kNothing
+                                                             : Playback::kAudio;
 }
 
 }  // namespace cardtrace

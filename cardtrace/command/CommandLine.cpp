@@ -19,7 +19,7 @@ struct Given {
     std::vector<std::string> topics;
     std::vector<std::string> strict;
     double from_s = 0;
-    double to_s = 0;
+    std::optional<double> to_s;
 };
 
 void declareRecord(CLI::App& app, CommandLine& line) {
@@ -38,7 +38,8 @@ void declareShow(CLI::App& app, CommandLine& line, Given& given) {
     CLI::App* const show = app.add_subcommand("show", "tell a trace in the words of the cards");
     std::vector<std::string> names(std::begin(kTopicNames), std::end(kTopicNames));
     show->add_option("FILE", line.file, "the trace")->required()->type_name("");
-    show->add_flag("--summary", line.summary, "what happened as a whole, and what may help");
+    auto* const summary =
+        show->add_flag("--summary", line.summary, "what happened as a whole, and what may help");
     show->add_flag("--all", line.story.all, "a line for each access; nothing is put together");
     show->add_option("--card", line.story.card, "what concerns that card only")
         ->check(CLI::Range(0, 1).description(""))
@@ -52,6 +53,9 @@ void declareShow(CLI::App& app, CommandLine& line, Given& given) {
         ->type_name("KIND");
     show->add_option("--from", given.from_s, "what came after so many seconds")->type_name("N");
     show->add_option("--to", given.to_s, "what came before so many seconds")->type_name("N");
+    for (const char* name : {"--all", "--card", "--kind", "--from", "--to"}) {
+        summary->excludes(name);  // it is of the whole trace
+    }
     show->add_flag("--json", line.json, "as JSON: an object for each line, or one for the summary");
     show->callback([&line] { line.command = CommandLine::Command::kShow; });
 }
@@ -109,8 +113,8 @@ void complete(CommandLine& line, const Given& given) {
         }
     }
     line.story.from_us = microseconds(given.from_s);
-    if (given.to_s > 0) {
-        line.story.to_us = microseconds(given.to_s);
+    if (given.to_s) {
+        line.story.to_us = microseconds(*given.to_s);
     }
 }
 

@@ -24,11 +24,12 @@ constexpr int kDamaged = 1;
 constexpr int kFailed = 1;
 constexpr int kDiffers = 1;
 constexpr int kNoTrace = 3;
-constexpr int kIncomplete = 4;
+constexpr int kIncomplete = 4;  // also when something failed: 1 is a difference
 constexpr int kCannotRun = 126;
 constexpr int kNotFound = 127;
 
 int record(const CommandLine& line) {
+    cardsim::checkProgram(line.program[0]);  // an older trace of that name is still there
     cardsim::letProgramsFindThisProcess();
     Recording recording(line.recording,
                         R"({"recorder": "cardtrace )" CARDTRACE_VERSION R"(", "cards": "real"})");
@@ -37,8 +38,16 @@ int record(const CommandLine& line) {
     settings.preloadLibrary = cardsim::findPreloadLibrary("libcardtrace-preload.so");
     settings.variables = {{kRingVariable, recording.ringPath()}};
     settings.onStarted = [&recording] { recording.start(); };
+    settings.onLeft = [] {
+        std::cerr << "cardtrace: the program has ended, but not all that it has started: recording "
+                     "goes on until that ends too\n";
+    };
     const cardsim::ProgramEnd end = cardsim::run(settings);
     recording.finish(end.exitStatus);
+    if (!recording.hasTouchedDevices()) {
+        std::cerr << "cardtrace: the program never touched ports or devices: nothing of them is "
+                     "in the trace\n";
+    }
     return end.exitStatus;
 }
 
@@ -65,6 +74,14 @@ bool tellTroubles(const std::string& file, const TraceReader& reader) {
     return !reader.troubles().empty();
 }
 
+// Throws std::runtime_error when not all that was printed has arrived.
+void flushOutput() {
+    std::cout.flush();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout) {
+        throw std::runtime_error("standard output: not all could be written");
+    }
+}
+
 int show(const CommandLine& line) {
     TraceReader reader(line.file);
     const Story::Teller print = line.json ? printJson : printText;
@@ -77,8 +94,9 @@ int show(const CommandLine& line) {
         std::cout << (line.json ? summaryJson(reader.about(), story.facts())
                                 : summaryText(reader.about(), story.facts()));
     }
-    std::cout.flush();
-    return tellTroubles(line.file, reader) ? kDamaged : 0;
+    const bool isDamaged = tellTroubles(line.file, reader);
+    flushOutput();
+    return isDamaged ? kDamaged : 0;
 }
 
 // The kinds of the cards that answer in the trace, as far as it shows them.
@@ -94,13 +112,12 @@ void findCards(const std::string& file, int (&channels)[2]) {
 }
 
 Comparison::Options comparedWith(const CommandLine& line, const std::string& about) {
-    using Json = nlohmann::json;
     Comparison::Options options;
     options.strict = line.strict;
-    const Json told = Json::parse(about, nullptr, false);
-    if (!line.asReal && told.is_object() && told.value("configuration", Json()).is_object()) {
-        options.configuration = cardsim::describedBy(told["configuration"].dump());
-    } else {
+    if (!line.asReal) {
+        options.configuration = configurationIn(about);
+    }
+    if (!options.configuration) {
         findCards(line.file, options.channels);
     }
     return options;
@@ -114,7 +131,7 @@ void printResult(const ComparisonResult& result, bool isConfigured) {
                     static_cast<unsigned long long>(result.first->record),
                     static_cast<double>(result.first->time_us) / 1e6, result.first->kind.c_str(),
                     result.first->text.c_str());
-    } else {
+    } else if (result.accesses != 0) {
         std::cout << "no difference\n";
     }
     for (const auto& [kind, count] : result.differences) {
@@ -127,13 +144,16 @@ void printResult(const ComparisonResult& result, bool isConfigured) {
                       << ")\n";
         }
     }
-    std::cout.flush();
+    flushOutput();
 }
 
 int compare(const CommandLine& line) {
     TraceReader reader(line.file);
     const Comparison::Options options = comparedWith(line, reader.about());
-    const ComparisonResult result = Comparison(reader, options).run();
+    ComparisonResult result = Comparison(reader, options).run();
+    if (result.accesses == 0 && result.stoppedBy.empty()) {
+        result.stoppedBy = "there is no access to a card";
+    }
     printResult(result, options.configuration.has_value());
     if (!result.stoppedBy.empty()) {
         std::cerr << "cardtrace: " << line.file << ": not compared to the end: " << result.stoppedBy
@@ -176,6 +196,6 @@ int main(int argc, char** argv) {
         return kNoTrace;
     } catch (const std::exception& error) {
         std::cerr << "cardtrace: " << error.what() << '\n';
-        return kFailed;
+        return line->command == CommandLine::Command::kCompare ? kIncomplete : kFailed;
     }
 }

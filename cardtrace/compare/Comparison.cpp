@@ -1,13 +1,13 @@
 #include "compare/Comparison.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "format/About.h"
+#include "format/Checksum.h"
 #include "model/PortMap.h"
 #include "model/Scenario.h"
 #include "model/Traffic.h"
@@ -21,6 +21,7 @@ namespace portMap = cardsim::portMap;
 using cardsim::CardKind;
 
 constexpr std::size_t kMostAhead = 100'000;
+constexpr std::size_t kMostBytesAhead = std::size_t{64} << 20;
 constexpr std::uint32_t kMostTurns = 100'000;
 constexpr std::uint64_t kLongestPause_us = 86'400'000'000;
 constexpr double kPeriodTolerance = 0.02;
@@ -29,11 +30,6 @@ std::string hexadecimal(std::uint32_t value) {
     char text[16];
     std::snprintf(text, sizeof(text), "0x%X", value);
     return text;
-}
-
-int slotOf(std::uint16_t port) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    return port >= portMap::kFirstBase && slot < portMap::kMaxCards ? slot : -1;
 }
 
 std::uint32_t maskOf(int bytes) {
@@ -76,12 +72,13 @@ std::string cardName(int slot) {
     return "card " + std::to_string(slot) + ' ';
 }
 
-std::uint32_t checksum(const char* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
-
 }  // namespace
+
+std::optional<cardsim::Configuration> configurationIn(const std::string& about) {
+    using Json = nlohmann::json;
+    const Json told = readAbout<Json>(about).value("configuration", Json());
+    return told.is_object() ? std::optional(cardsim::describedBy(told.dump())) : std::nullopt;
+}
 
 // The simulated cards.
 struct Comparison::Model {
@@ -182,7 +179,6 @@ ComparisonResult Comparison::run() {
     }
     for (const int slot : {0, 1}) {
         endHandshake(slot);
-        compareSilence(slot);
     }
     comparePeriods();
     return std::move(result);
@@ -199,6 +195,7 @@ bool Comparison::nextRecord(Record& record) {
         return false;
     }
     record = std::move(waiting.front());
+    bytesWaiting -= record.data.size();
     waiting.pop_front();
     gaps.pop_front();
     ++number;
@@ -207,11 +204,12 @@ bool Comparison::nextRecord(Record& record) {
 
 // A record that is still to come; null when there is none, or none so soon.
 const Record* Comparison::ahead(std::size_t index) {
-    while (waiting.size() <= index && index < kMostAhead) {
+    while (waiting.size() <= index && index < kMostAhead && bytesWaiting < kMostBytesAhead) {
         Record next;
         if (!reader.next(next)) {
             return nullptr;
         }
+        bytesWaiting += next.data.size();
         waiting.push_back(std::move(next));
         gaps.push_back(reader.isAfterGap());
     }
@@ -237,7 +235,7 @@ const Record* Comparison::nextBuffers(int slot, int buffer, std::size_t& from) {
 }
 
 void Comparison::compareIn(const Record& record) {
-    const int slot = slotOf(record.port);
+    const int slot = portMap::slotOf(record.port);
     if (slot == -1) {
         return;
     }
@@ -258,7 +256,6 @@ void Comparison::compareIn(const Record& record) {
     if (isStatus) {
         slots[slot].isShown[buffer] = (record.value & portMap::kHandedOver) != 0;
         slots[slot].isAnswered[buffer] = (simulated & portMap::kHandedOver) != 0;
-        slots[slot].lastLook_us = record.time_us;
     }
     const std::uint32_t wrong = (record.value ^ simulated) & mask;
     const std::uint32_t defined = definedBits(offset, kind);
@@ -310,7 +307,7 @@ void Comparison::endHandshake(int slot) {
 }
 
 void Comparison::give(const Record& record) {
-    const int slot = slotOf(record.port);
+    const int slot = portMap::slotOf(record.port);
     if (slot == -1) {
         return;
     }
@@ -327,7 +324,6 @@ void Comparison::give(const Record& record) {
     model->cards.out(record.port, record.width, record.value, record.time_us - modelStart_us);
     Slot& state = slots[slot];
     if (offset == portMap::kControl && record.value == portMap::kStop) {
-        compareSilence(slot);
         state.isBooting = true;
     }
     const std::uint32_t boots = model->report.cards[slot].boots;
@@ -335,7 +331,7 @@ void Comparison::give(const Record& record) {
         state.isBooting = false;
         state.turns = 0;
         state.firstCounter = state.lastCounter = 0;
-        state.started_us = record.time_us;
+        noteSign(record, slot);
     }
 }
 
@@ -344,18 +340,24 @@ void Comparison::give(const Record& record) {
 void Comparison::prepareStatus(const Record& record, int slot, int buffer) {
     Slot& state = slots[slot];
     const bool isSet = (record.value & portMap::kHandedOver) != 0;
+    if (!isSet) {
+        compareSilence(record, slot);
+    }
     if (!isSet || state.isShown[buffer] || state.boots == 0) {
         return;
     }
+    noteSign(record, slot);
     std::size_t from = 0;
     const Record* const released = nextBuffers(slot, buffer, from);
+    // A host that was held up finds both buffers, and may take the newer one first.
+    const bool isThere = model->cards.card(slot).handsOver(buffer);
     if (released == nullptr) {
-        turnTo(state.turns + 1, slot, record.time_us);
+        turnTo(state.turns + (isThere ? 0 : 1), slot, record.time_us);
         return;
     }
     const std::uint32_t counter = BufferView(*released, buffer, model->kindThere(slot)).counter();
     const bool makesSense = counter > state.turns && counter - state.turns < kMostTurns;
-    turnTo(makesSense ? counter : state.turns + 1, slot, record.time_us);
+    turnTo(makesSense ? counter : state.turns + (isThere ? 0 : 1), slot, record.time_us);
     state.lastCounter = counter;
     state.lastSeen_us = record.time_us;
     if (state.firstCounter == 0) {
@@ -384,7 +386,8 @@ void Comparison::turnTo(std::uint32_t counter, int slot, std::uint64_t time_us) 
         ++state.turns;
         const int buffer = static_cast<int>((state.turns - 1) % 2);
         std::size_t from = 0;
-        const Record* const released = nextBuffers(slot, buffer, from);
+        const bool goesBy = model->cards.card(slot).handsOver(buffer);
+        const Record* const released = goesBy ? nullptr : nextBuffers(slot, buffer, from);
         if (released != nullptr) {
             setLines(*released, buffer, slot, time_us);
         }
@@ -545,17 +548,27 @@ bool Comparison::mayDifferInTime(int slot, int line, std::uint64_t time_us,
            time_us - state.lastLoud_us[line] >= 1000ull * set.delay_ms;
 }
 
-// A card whose firmware runs, and that has handed over nothing for long although the host looked.
-void Comparison::compareSilence(int slot) {
-    constexpr std::uint64_t kPeriods = 10;
-    const Slot& state = slots[slot];
-    const CardKind* const kind = model->kind(slot);
-    if (kind != nullptr && !options.configuration && state.boots != 0 && !state.isBooting &&
-        state.turns == 0 && state.lastLook_us > state.started_us + kPeriods * kind->period_us) {
-        Record last;
-        last.time_us = state.lastLook_us;
-        differ(last, "hand-over",
-               cardName(slot) + "has handed over nothing since its firmware started");
+// Of life: its firmware has started, or handed over a buffer.
+void Comparison::noteSign(const Record& record, int slot) {
+    slots[slot].lastSign_us = record.time_us;
+    slots[slot].looksInVain = 0;
+    slots[slot].isSilent = false;
+}
+
+// The host has looked and found nothing.
+void Comparison::compareSilence(const Record& record, int slot) {
+    Slot& state = slots[slot];
+    if (state.boots == 0 || state.isBooting || state.isSilent) {
+        return;
+    }
+    ++state.looksInVain;
+    if (isSilence(model->kindThere(slot), record.time_us - state.lastSign_us, state.looksInVain)) {
+        state.isSilent = true;
+        char since[48];
+        std::snprintf(since, sizeof(since), "%.6f s", static_cast<double>(state.lastSign_us) / 1e6);
+        differ(record, "hand-over",
+               cardName(slot) + "has handed over nothing since " +
+                   (state.turns == 0 ? "its firmware started at " : "") + since);
     }
 }
 

@@ -38,6 +38,10 @@ struct ComparisonResult {
     std::string stoppedBy;  // why not all of the trace was compared; empty: it was
 };
 
+// Of the simulated cards that a trace is of, by what its file says; nothing when it is of others.
+// Throws std::exception when there are no such cards.
+std::optional<cardsim::Configuration> configurationIn(const std::string& about);
+
 class Comparison {
   public:
     struct Options {
@@ -61,9 +65,10 @@ class Comparison {
         bool isAnswered[2] = {};  // the simulated card says so
         std::uint32_t turns = 0;  // since the firmware started
         std::uint32_t boots = 0;
-        bool isBooting = false;        // from a reset until its firmware starts
-        std::uint64_t started_us = 0;  // its firmware, last
-        std::uint64_t lastLook_us = 0;
+        bool isBooting = false;          // from a reset until its firmware starts
+        std::uint64_t lastSign_us = 0;   // of life
+        std::uint64_t looksInVain = 0;   // since then
+        bool isSilent = false;           // told already
         std::uint64_t waitingSince = 0;  // record of a handshake that the card is slow at, or 0
         std::uint64_t waitingTime_us = 0;
         std::string waitingText;
@@ -94,7 +99,8 @@ class Comparison {
     void judgeHandshake(const Record& record, int slot, std::uint32_t simulated);
     void endHandshake(int slot);
     void comparePeriods();
-    void compareSilence(int slot);
+    void noteSign(const Record& record, int slot);
+    void compareSilence(const Record& record, int slot);
 
     void prepareStatus(const Record& record, int slot, int buffer);
     void prepareLines(const Record& record, int slot, int word);
@@ -112,6 +118,7 @@ class Comparison {
     std::uint64_t modelStart_us = 0;
     std::deque<Record> waiting;
     std::deque<bool> gaps;
+    std::size_t bytesWaiting = 0;  // of their data
     std::uint64_t number = 0;
     Slot slots[2];
     ComparisonResult result;

@@ -3,25 +3,20 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 #include <utility>
+
+#include "format/Checksum.h"
 
 namespace cardtrace {
 
 namespace {
 
 constexpr std::size_t kMostComplaints = 20;
-
-std::uint32_t checksum(const void* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, static_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
 
 template <class Header>
 bool isSealed(const Header& header) {
@@ -33,7 +28,7 @@ class FileSource : public Source {
     explicit FileSource(const std::string& path) : file(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
         struct stat status {};
         if (file == -1 || fstat(file, &status) != 0) {
-            throw std::system_error(errno, std::generic_category(), path);
+            throw NotATrace(path + ": " + std::strerror(errno));
         }
         if (!S_ISREG(status.st_mode)) {
             throw NotATrace(path + ": is no file");
@@ -84,8 +79,9 @@ std::uint64_t findMagic(const Source& source, std::uint64_t offset, std::uint64_
     char magic[sizeof(fileLayout::kBlockMagic)];
     std::memcpy(magic, &fileLayout::kBlockMagic, sizeof(magic));
     std::string chunk;
-    for (std::size_t length = 256; offset + sizeof(magic) <= end; length *= 4) {
-        chunk.resize(std::min(length, fileLayout::kBlockBytes));  // mostly it is right here
+    std::size_t length = 256;  // mostly it is right here
+    for (; offset + sizeof(magic) <= end; length = std::min(4 * length, fileLayout::kBlockBytes)) {
+        chunk.resize(length);
         const auto wanted =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), end - offset));
         const std::size_t got = source.read(offset, chunk.data(), wanted);

@@ -15,7 +15,7 @@
 
 namespace cardtrace {
 
-// It is no trace, or none of a version that is known; "NAME: reason".
+// It cannot be opened, is no trace, or none of a version that is known; "NAME: reason".
 struct NotATrace : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -31,7 +31,7 @@ class Source {
 
 class TraceReader {
   public:
-    // Throws NotATrace, std::system_error.
+    // Throws NotATrace.
     explicit TraceReader(const std::string& path);
     TraceReader(const std::string& name, std::unique_ptr<const Source> source);
 

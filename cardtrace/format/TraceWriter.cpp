@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,16 +10,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "format/Checksum.h"
+
 namespace cardtrace {
 
 namespace {
 
 constexpr int kLevel = 3;
-
-std::uint32_t checksum(const void* bytes, std::size_t count) {
-    return static_cast<std::uint32_t>(
-        crc32(0, static_cast<const Bytef*>(bytes), static_cast<uInt>(count)));
-}
 
 template <class Header>
 void seal(Header& header) {
@@ -86,22 +82,44 @@ void TraceWriter::sync() {
     if (records != 0) {
         writeBlock();
     }
-    fdatasync(file);
+    const bool isOnDisk = fdatasync(file) == 0 || errno == EINVAL;  // or there is no disk below it
+    if (!isOnDisk) {
+        fails = true;
+        throw std::system_error(errno, std::generic_category(), "cannot write " + name);
+    }
 }
 
-void TraceWriter::writeBlock() {
-    stored.resize(ZSTD_compressBound(open.size()));
-    const std::size_t length = ZSTD_compressCCtx(compressor.get(), stored.data(), stored.size(),
-                                                 open.data(), open.size(), kLevel);
-    if (ZSTD_isError(length) != 0) {
-        throw std::runtime_error(name + ": " + ZSTD_getErrorName(length));
+void TraceWriter::leaveGap() {
+    if (records != 0) {
+        writeBlock();
     }
-    if (limit != 0 && position + sizeof(fileLayout::BlockHeader) + length > limit) {
+    ++blocks;
+}
+
+// Gone from the memory whatever becomes of it: when it cannot be written, its number is a gap.
+void TraceWriter::writeBlock() {
+    const fileLayout::BlockHeader header = packBlock();
+    fails = true;
+    const std::uint64_t length = sizeof(header) + header.stored;
+    if (limit != 0 && position + length > limit) {
         // What an earlier round left behind this one is older than all that stands before it.
         if (ftruncate(file, static_cast<off_t>(position)) != 0) {
             throw std::system_error(errno, std::generic_category(), "cannot write " + name);
         }
         position = firstBlock;
+    }
+    writeAt(stored.data(), header.stored, position + sizeof(header));
+    writeAt(&header, sizeof(header), position);
+    position += length;
+    fails = false;
+}
+
+fileLayout::BlockHeader TraceWriter::packBlock() {
+    stored.resize(ZSTD_compressBound(open.size()));
+    const std::size_t length = ZSTD_compressCCtx(compressor.get(), stored.data(), stored.size(),
+                                                 open.data(), open.size(), kLevel);
+    if (ZSTD_isError(length) != 0) {
+        throw std::runtime_error(name + ": " + ZSTD_getErrorName(length));
     }
     fileLayout::BlockHeader header{};
     header.magic = fileLayout::kBlockMagic;
@@ -112,11 +130,9 @@ void TraceWriter::writeBlock() {
     header.stored = static_cast<std::uint32_t>(length);
     header.storedChecksum = checksum(stored.data(), length);
     seal(header);
-    writeAt(stored.data(), length, position + sizeof(header));
-    writeAt(&header, sizeof(header), position);
-    position += sizeof(header) + length;
     records = 0;
     open.clear();
+    return header;
 }
 
 void TraceWriter::writeAt(const void* bytes, std::size_t count, std::uint64_t offset) {

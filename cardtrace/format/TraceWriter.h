@@ -26,12 +26,20 @@ class TraceWriter {
     // The least that mostBytes may be.
     static constexpr std::uint64_t kLeastBytes = 4 * fileLayout::kMaxBlockBytes;
 
+    // Throws std::system_error when it cannot be written: then it is lost with all that came since
+    // the last block, and a reader finds a gap there. The next try may succeed.
     void add(const Record& record);
-    // All that was added is on the disk when this returns.
+    // All that was added is on the disk when this returns. Throws as add does.
     void sync();
+    // Records are missing behind those that were added: a reader finds a gap there. Throws as add
+    // does.
+    void leaveGap();
+    // Whether the last try to write has failed.
+    bool isFailing() const { return fails; }
 
   private:
     void writeBlock();
+    fileLayout::BlockHeader packBlock();
     void writeAt(const void* bytes, std::size_t count, std::uint64_t offset);
 
     const std::string name;
@@ -43,6 +51,7 @@ class TraceWriter {
     std::uint64_t blockTime = 0;
     std::uint64_t lastTime = 0;
     std::uint32_t records = 0;
+    bool fails = false;
     std::string open;  // records of the block that is still to be written
     std::string stored;
     const std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> compressor;

@@ -29,7 +29,7 @@ void attach() {
         auto& recorder = *new RecordingHardware(
             machine, ring,
             {[&ring] { return ring.passed_us(); }, [&machine] { return machine.memory(); }});
-        recorder.recordOwner(static_cast<std::uint32_t>(getpid()));
+        recorder.recordOwnerAtFirstAccess(static_cast<std::uint32_t>(getpid()));
         cardsim::attachHardware(&recorder);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "cardtrace: process %d is not recorded: %s\n",

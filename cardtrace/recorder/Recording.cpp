@@ -5,10 +5,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <new>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace cardtrace {
 
@@ -73,15 +74,15 @@ void Recording::start() {
 void Recording::finish(int exitStatus) {
     stops = true;
     thread.join();
-    if (!failure.empty()) {
-        throw std::runtime_error(failure);
-    }
+    ring->close();
     Record end;
     end.kind = Kind::kEnd;
     end.value = static_cast<std::uint32_t>(exitStatus);
     end.time_us = lastTime;
-    writer.add(end);
-    writer.sync();
+    keep([this, &end] {
+        writer.add(end);
+        writer.sync();
+    });
 }
 
 void Recording::writeUntilStopped() {
@@ -93,7 +94,7 @@ void Recording::writeUntilStopped() {
             return;
         }
         if (Clock::now() - synced >= kSyncInterval) {
-            keepOrGiveUp([this] { writer.sync(); });
+            keep([this] { writer.sync(); });
             synced = Clock::now();
         }
         if (!foundSome) {
@@ -107,11 +108,16 @@ bool Recording::writeWhatThereIs() {
     Record record;
     while (takeNext(record)) {
         found = true;
-        keepOrGiveUp([this, &record] {
+        touched = touched || record.isAccess() || (record.isCall() && record.kind != Kind::kSleep);
+        keep([this, &record] {
             discretion.apply(record);
             lastTime = record.time_us;
             writer.add(record);
         });
+    }
+    if (ring->endLoss()) {
+        tell("was held up for too long: records are missing in the trace");
+        keep([this] { writer.leaveGap(); });
     }
     return found;
 }
@@ -119,24 +125,34 @@ bool Recording::writeWhatThereIs() {
 bool Recording::takeNext(Record& record) {
     bool taken = false;
     try {
-        taken = ring->take(record);
+        taken = !isSpoilt && ring->take(record);
     } catch (const std::exception& error) {
-        failure = error.what();
+        isSpoilt = true;
+        ring->close();
+        tell(std::string(error.what()) + ": nothing more is recorded");
     }
     return taken;
 }
 
-// Records are taken even when they cannot be written any more: the program must not wait for that.
+// Records are taken even when they cannot be written: the program must not wait for that. There may
+// be room again later.
 template <class Keep>
-void Recording::keepOrGiveUp(Keep keep) {
-    if (!failure.empty()) {
-        return;
-    }
+void Recording::keep(Keep write) {
     try {
-        keep();
+        write();
+        if (isMissing && !writer.isFailing()) {
+            isMissing = false;
+            tell("the trace is written again; what came meanwhile is missing");
+        }
     } catch (const std::exception& error) {
-        failure = error.what();
+        if (!std::exchange(isMissing, true)) {
+            tell(std::string(error.what()) + ": what comes now is missing in the trace");
+        }
     }
+}
+
+void Recording::tell(const std::string& what) {
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());
 }
 
 }  // namespace cardtrace

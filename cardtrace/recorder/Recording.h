@@ -36,23 +36,28 @@ class Recording {
     std::string ringPath() const;
     // Begins to write; to be called once the program has been started, since it starts a thread.
     void start();
-    // The program has ended: writes what there still is. Throws std::runtime_error when not all
-    // could be written.
+    // The program has ended: writes what there still is. When not all can be written, now or
+    // before, a line on standard error tells it at that moment.
     void finish(int exitStatus);
+    // Afterwards: whether the program has touched ports or their devices at all.
+    bool hasTouchedDevices() const { return touched; }
 
   private:
     void writeUntilStopped();
     bool writeWhatThereIs();
     bool takeNext(Record& record);
     template <class Keep>
-    void keepOrGiveUp(Keep keep);
+    void keep(Keep write);
+    static void tell(const std::string& what);
 
     const int file;
     RecordRing* ring = nullptr;
     TraceWriter writer;
     Discretion discretion;
     std::uint64_t lastTime = 0;
-    std::string failure;  // of the writing thread
+    bool isMissing = false;  // what came last, since it cannot be written
+    bool isSpoilt = false;   // the ring, by the program
+    bool touched = false;
     std::atomic<bool> stops{false};
     std::thread thread;
 };

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "cards/CallKinds.h"
 #include "model/PortMap.h"
 
 namespace cardtrace {
@@ -26,25 +27,10 @@ std::uint32_t thisThread() {
     return threadNumber;
 }
 
-Kind kindOf(DeviceCall::Kind kind) {
-    switch (kind) {
-        case DeviceCall::Kind::kPermission:
-            return Kind::kPermission;
-        case DeviceCall::Kind::kOpenPorts:
-            return Kind::kOpenPorts;
-        case DeviceCall::Kind::kOpenMemory:
-            return Kind::kOpenMemory;
-        case DeviceCall::Kind::kMap:
-            return Kind::kMap;
-        case DeviceCall::Kind::kLock:
-            break;
-    }
-    return Kind::kLock;
-}
-
 }  // namespace
 
 std::uint32_t RecordingHardware::in(std::uint16_t port, int bytes) {
+    recordOwnerOnce();
     const std::uint32_t value = hardware.in(port, bytes);
     const std::uint64_t mask = (std::uint64_t{1} << (8 * bytes)) - 1;
     recordAccess(Kind::kIn, port, bytes, static_cast<std::uint32_t>(value & mask));
@@ -52,12 +38,14 @@ std::uint32_t RecordingHardware::in(std::uint16_t port, int bytes) {
 }
 
 void RecordingHardware::out(std::uint16_t port, int bytes, std::uint32_t value) {
+    recordOwnerOnce();
     recordBuffersAtRelease(port, value);
     hardware.out(port, bytes, value);
     recordAccess(Kind::kOut, port, bytes, value);
 }
 
 bool RecordingHardware::readByte(std::uint16_t port, std::uint8_t& byte) {
+    recordOwnerOnce();
     const bool worked = hardware.readByte(port, byte);
     const int error = errno;
     recordAccess(Kind::kDeviceIn, port, 1, worked ? byte : static_cast<std::uint32_t>(error),
@@ -67,6 +55,7 @@ bool RecordingHardware::readByte(std::uint16_t port, std::uint8_t& byte) {
 }
 
 bool RecordingHardware::writeByte(std::uint16_t port, std::uint8_t byte) {
+    recordOwnerOnce();
     recordBuffersAtRelease(port, byte);
     const bool worked = hardware.writeByte(port, byte);
     const int error = errno;
@@ -107,6 +96,13 @@ void RecordingHardware::recordOwner(std::uint32_t process) {
     ring.put(record, nullptr, 0);
 }
 
+void RecordingHardware::recordOwnerOnce() {
+    const std::uint32_t process = ownerToTell == 0 ? 0 : ownerToTell.exchange(0);
+    if (process != 0) {
+        recordOwner(process);
+    }
+}
+
 void RecordingHardware::recordAccess(Kind kind, std::uint16_t port, int bytes, std::uint32_t value,
                                      bool failed) {
     Record record;
@@ -135,8 +131,8 @@ void RecordingHardware::recordCall(Kind kind, const CallData& call, int error) {
 // The word that releases a buffer also ends the strobe of a boot byte and lets the DSP out of
 // reset: then the control register was written before.
 void RecordingHardware::recordBuffersAtRelease(std::uint16_t port, std::uint32_t value) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    if (port < portMap::kFirstBase || slot >= portMap::kMaxCards) {
+    const int slot = portMap::slotOf(port);
+    if (slot == -1) {
         return;
     }
     const std::uint16_t offset = port % portMap::kPortsOfCard;

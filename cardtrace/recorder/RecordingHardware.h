@@ -41,10 +41,12 @@ class RecordingHardware : public cardsim::Hardware {
     bool processorTime(std::clock_t& ticks) override { return hardware.processorTime(ticks); }
     bool hasOwnTime() override { return hardware.hasOwnTime(); }
 
-    // A process has the cards from now on.
+    // A process has the cards from now on, or from its first access on.
     void recordOwner(std::uint32_t process);
+    void recordOwnerAtFirstAccess(std::uint32_t process) { ownerToTell = process; }
 
   private:
+    void recordOwnerOnce();
     void recordAccess(Kind kind, std::uint16_t port, int bytes, std::uint32_t value,
                       bool failed = false);
     void recordCall(Kind kind, const CallData& call, int error);
@@ -54,6 +56,7 @@ class RecordingHardware : public cardsim::Hardware {
     Hardware& hardware;
     RecordRing& ring;
     const Surroundings surroundings;
+    std::atomic<std::uint32_t> ownerToTell{0};
     std::atomic<std::uint32_t> lastControl[2] = {};  // what was written to each control register
 };
 

@@ -12,7 +12,7 @@ inline void declareOptions(CLI::App& app, Recording::Options& options, CLI::Opti
     app.add_option("--last", options.mostBytes,
                    "keep the trace no longer than SIZE bytes, or with KB, MB or GB\n"
                    "behind it: the oldest makes room")
-        ->transform(CLI::AsSizeValue(false).description(""))
+        ->transform(CLI::AsSizeValue(true).description(""))
         ->check(CLI::Range(Recording::kLeastBytes, ~std::uint64_t{0}).description(""))
         ->needs(file)
         ->type_name("SIZE");

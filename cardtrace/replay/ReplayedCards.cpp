@@ -1,13 +1,14 @@
 #include "replay/ReplayedCards.h"
 
 #include <poll.h>
-#include <time.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "cards/CallKinds.h"
+#include "format/MachineTime.h"
 #include "model/PortMap.h"
 
 namespace cardtrace {
@@ -18,30 +19,10 @@ namespace layout = cardsim::layout;
 namespace portMap = cardsim::portMap;
 using cardsim::DeviceCall;
 
-std::uint64_t machineTime() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
-}
-
 std::string hexadecimal(std::uint64_t value) {
     char text[24];
     std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(value));
     return text;
-}
-
-int slotOf(std::uint16_t port) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    return port >= portMap::kFirstBase && slot < portMap::kMaxCards ? slot : -1;
-}
-
-Kind kindOf(DeviceCall::Kind kind) {
-    return kind == DeviceCall::Kind::kPermission   ? Kind::kPermission
-           : kind == DeviceCall::Kind::kOpenPorts  ? Kind::kOpenPorts
-           : kind == DeviceCall::Kind::kOpenMemory ? Kind::kOpenMemory
-           : kind == DeviceCall::Kind::kMap        ? Kind::kMap
-                                                   : Kind::kLock;
 }
 
 }  // namespace
@@ -188,7 +169,7 @@ void ReplayedCards::showBuffer(const ScriptRecord& read) {
     seen.value = read.value;
     seen.flags = read.flags;
     kinds.see(seen);
-    const int slot = slotOf(read.port);
+    const int slot = portMap::slotOf(read.port);
     const std::uint16_t offset = read.port % portMap::kPortsOfCard;
     const bool isStatus = offset == portMap::kControl || offset == portMap::kBuffer1;
     if (slot == -1 || !isStatus || (read.value & portMap::kHandedOver) == 0) {

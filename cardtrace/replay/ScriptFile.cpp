@@ -48,7 +48,6 @@ ScriptFile makeScript(const std::string& tracePath) {
     constexpr std::uint64_t kMostBytes = std::uint64_t{2} << 30;
     TraceReader reader(tracePath);
     ScriptFile made;
-    made.about = reader.about();
     made.file = memfd_create("card-script", MFD_CLOEXEC);
     std::string chunk;
     std::uint64_t length = 0;

@@ -9,7 +9,6 @@ namespace cardtrace {
 struct ScriptFile {
     int file = -1;  // without a name; the caller's
     std::uint64_t accesses = 0;
-    std::string about;
     std::string stoppedBy;  // why it does not go to the end of the trace; empty: it does
 };
 

@@ -4,13 +4,14 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+
+#include "format/MachineTime.h"
 
 namespace cardtrace {
 
@@ -30,16 +31,9 @@ namespace {
 // Whoever takes no record for so long has been killed.
 constexpr int kPatience_ms = 10'000;
 
-std::uint64_t machineTime() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000 +
-           static_cast<std::uint64_t>(time.tv_nsec) / 1000;
-}
-
 }  // namespace
 
-RecordRing::RecordRing() : started_us(machineTime()), written(0), taken(0) {
+RecordRing::RecordRing() : started_us(machineTime()), state(State::kOpen), written(0), taken(0) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
@@ -57,7 +51,7 @@ RecordRing& RecordRing::at(const std::string& path) {
         address = mmap(nullptr, sizeof(RecordRing), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     }
     if (file != -1) {
-        close(file);
+        ::close(file);
     }
     if (address == MAP_FAILED || static_cast<RecordRing*>(address)->magic != kMagic) {
         throw std::runtime_error(path + ": no records can be written there");
@@ -76,18 +70,28 @@ void RecordRing::put(const Record& record, const void* data, std::size_t count) 
     const std::size_t length = sizeof(head) + count;
     lock();
     const std::uint64_t place = written.load(std::memory_order_relaxed);
-    for (int waited_ms = 0; place + length - taken.load(std::memory_order_acquire) > kBytes;
+    if (waitForRoom(place + length)) {
+        copyIn(place, &head, sizeof(head));
+        copyIn(place + sizeof(head), data, count);
+        written.store(place + length, std::memory_order_release);
+    }
+    pthread_mutex_unlock(&writing);
+}
+
+// Only the first one waits in vain: nothing else goes in until the launcher is seen again, so that
+// all that is missing is missing at one place.
+bool RecordRing::waitForRoom(std::uint64_t end) {
+    for (int waited_ms = 0;
+         state == State::kOpen && end - taken.load(std::memory_order_acquire) > kBytes;
          ++waited_ms) {
         if (waited_ms == kPatience_ms) {
-            pthread_mutex_unlock(&writing);
-            return;
+            State open = State::kOpen;
+            state.compare_exchange_strong(open, State::kLosing);
+        } else {
+            poll(nullptr, 0, 1);  // no sleep of the program's
         }
-        poll(nullptr, 0, 1);  // no sleep of the program's
     }
-    copyIn(place, &head, sizeof(head));
-    copyIn(place + sizeof(head), data, count);
-    written.store(place + length, std::memory_order_release);
-    pthread_mutex_unlock(&writing);
+    return state == State::kOpen;
 }
 
 bool RecordRing::take(Record& record) {
@@ -115,6 +119,11 @@ bool RecordRing::take(Record& record) {
     copyOut(place + sizeof(head), record.data.data(), record.data.size());
     taken.store(place + sizeof(head) + head.dataLength, std::memory_order_release);
     return true;
+}
+
+bool RecordRing::endLoss() {
+    State losing = State::kLosing;
+    return state.compare_exchange_strong(losing, State::kOpen);
 }
 
 void RecordRing::lock() {

@@ -1,6 +1,8 @@
 #include "show/Advice.h"
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 
 namespace cardtrace {
 
@@ -12,10 +14,6 @@ struct Rule {
     std::function<std::uint64_t(const CardFacts&)> count;
     const char* shown;  // behind the count
 };
-
-bool hasBooted(const CardFacts& card) {
-    return !card.boots.empty() && card.boots.back().isWhole;
-}
 
 const Rule kRules[] = {
     {"read 255 not 0x55",
@@ -35,7 +33,8 @@ const Rule kRules[] = {
      [](const CardFacts& card) { return card.timeOutInHeader ? 0 : card.timeOuts; },
      "time-outs inside the boot table"},
     {"Missed Xfer ", "find what stalls the PC; let the driver have real-time priority",
-     [](const CardFacts& card) { return card.missed; }, "transfers that went by unread"},
+     [](const CardFacts& card) { return card.missed - card.missedAfterBoot; },
+     "transfers that went by unread"},
     {"DSP Board Locked Up",
      "the driver boots all cards at the seventh; if it comes back: the card, "
      "its seat, its power",
@@ -46,21 +45,22 @@ const Rule kRules[] = {
      [](const CardFacts& card) { return card.notHandedOver; },
      "buffers given back that the DSP had taken back"},
     {"no lines and no audio from a card", "start the program again; if it comes back, the card",
-     [](const CardFacts& card) {
-         return hasBooted(card) && card.handOvers == 0 && card.looks > 20 ? card.looks : 0;
-     },
-     "looks at a card that booted and hands over nothing"},
+     [](const CardFacts& card) { return card.looksInVain; },
+     "looks, one behind the other, at a card whose firmware runs and hands over nothing"},
 };
 
 struct CallRule {
     const char* call;  // how its failure begins
     const char* message;
     const char* cure;
+    const char* end = "";  // how it ends
 };
 
+// The first one that fits.
 const CallRule kCallRules[] = {
-    {"permission for ports", "failed to allow port access, errno=1",
-     "run as root; mind lockdown, and kernels without port permission"},
+    {"permission for ports", "failed to allow port access, errno=38",
+     "use the PC itself, with a kernel that has port permission", ": errno 38"},
+    {"permission for ports", "failed to allow port access, errno=1", "run as root; mind lockdown"},
     {"/dev/mem opened", "Couldn't access /dev/mem", "run as root; a kernel with CONFIG_DEVMEM"},
     {"/dev/port opened", "Couldn't access /dev/port errno=N",
      "run as root; a kernel with CONFIG_DEVPORT"},
@@ -69,16 +69,23 @@ const CallRule kCallRules[] = {
     {"/dev/port:", "read failed errno=N", "the last lines of dmesg may name who refuses it"},
 };
 
+bool isMeant(const CallRule& rule, const std::string& failure) {
+    const std::string end = rule.end;
+    return failure.rfind(rule.call, 0) == 0 && failure.size() >= end.size() &&
+           failure.compare(failure.size() - end.size(), end.size(), end) == 0;
+}
+
 }  // namespace
 
 std::vector<Advice> adviceFor(const Facts& facts) {
     std::vector<Advice> found;
     for (const auto& [failure, times] : facts.failures) {
-        for (const CallRule& rule : kCallRules) {
-            if (failure.compare(0, std::char_traits<char>::length(rule.call), rule.call) == 0) {
-                found.push_back({-1, rule.message,
-                                 failure + ", " + std::to_string(times) + " times", rule.cure});
-            }
+        const auto* const rule =
+            std::find_if(std::begin(kCallRules), std::end(kCallRules),
+                         [what = failure](const CallRule& each) { return isMeant(each, what); });
+        if (rule != std::end(kCallRules)) {
+            found.push_back(
+                {-1, rule->message, failure + ", " + std::to_string(times) + " times", rule->cure});
         }
     }
     for (int card = 0; card < 2; ++card) {

@@ -45,10 +45,15 @@ struct CardFacts {
     std::uint64_t timeOuts = 0;
     bool timeOutInHeader = false;
     std::uint64_t handOvers = 0, releases = 0;
-    std::uint64_t missed = 0;         // transfers, by the counter
-    std::uint64_t repeated = 0;       // hand-overs with the counter of the one before
-    std::uint64_t notHandedOver = 0;  // releases of buffers whose bit was gone
+    std::uint64_t lastHandOver_us = 0;
+    std::uint64_t missed = 0;           // transfers, by the counter
+    std::uint64_t missedAfterBoot = 0;  // of them, in the first seconds of the firmware
+    std::uint64_t repeated = 0;         // hand-overs with the counter of the one before
+    std::uint64_t notHandedOver = 0;    // releases of buffers whose bit was gone
     std::uint64_t looks = 0;
+    // The longest silence of a card whose firmware runs; 0: there was none.
+    std::uint64_t looksInVain = 0;
+    std::uint64_t silentSince_us = 0;
     std::uint64_t gaps[kNumGapRanges] = {};
     std::uint64_t lateLooks = 0;
     std::uint64_t longestGap_us = 0;

@@ -18,6 +18,8 @@ namespace portMap = cardsim::portMap;
 
 constexpr std::size_t kMostWaiting = 4096;
 constexpr std::uint64_t kSamePass_us = 1000;
+constexpr std::size_t kMostJumps = 4;
+constexpr std::uint64_t kSettling_us = 3'000'000;  // hosts pause when they have booted a card
 
 std::string hexadecimal(std::uint32_t value, int digits = 4) {
     char text[16];
@@ -30,11 +32,6 @@ std::string milliseconds(std::uint64_t us) {
     std::snprintf(text, sizeof(text), us < 100'000 ? "%.4g ms" : "%.0f ms",
                   static_cast<double>(us) / 1e3);
     return text;
-}
-
-int slotOf(std::uint16_t port) {
-    const int slot = (port - portMap::kFirstBase) / portMap::kPortsOfCard;
-    return port >= portMap::kFirstBase && slot < portMap::kMaxCards ? slot : -1;
 }
 
 std::string bufferName(int card, int buffer) {
@@ -139,7 +136,7 @@ Line Story::line(const Record& record, int card, Topic topic, const std::string&
 }
 
 void Story::access(const Record& record) {
-    const int card = slotOf(record.port);
+    const int card = portMap::slotOf(record.port);
     if (record.failed()) {
         noteFailure("/dev/port: errno " + std::to_string(record.value));
         say(line(record, card, Topic::kDevices,
@@ -275,7 +272,7 @@ void Story::readBootStatus(const Record& record, int card) {
 // The host does something else although the card has not done what it waited for.
 void Story::stopWaiting(const Record& record, int card, bool isRead) {
     CardStory& story = cards[card];
-    const bool goesOn = record.isAccess() && slotOf(record.port) == card && isRead &&
+    const bool goesOn = record.isAccess() && portMap::slotOf(record.port) == card && isRead &&
                         record.port % portMap::kPortsOfCard == portMap::kControl;
     if (story.wait == Wait::kNothing || goesOn || story.reads == 0) {
         return;
@@ -366,6 +363,7 @@ void Story::control(const Record& record, int card) {
     const std::uint32_t before = std::exchange(story.control, record.value);
     if (record.value == portMap::kStop && story.resetRegister == portMap::kResetArmed) {
         story.state = State::kHeld;
+        noteGap(record, card);
         story.handedOver[0] = story.handedOver[1] = false;
         story.hasLooked = false;
         story.lookedAt_us[0] = story.lookedAt_us[1] = 0;
@@ -396,6 +394,7 @@ void Story::startBoot(const Record& record, int card) {
     story.stream.restart();
     story.namedBlock = -1;
     story.knowsCounter = story.hasLooked = false;
+    story.missed.clear();
     lastFile.clear();
     if (facts.boots.size() < CardFacts::kMostBoots) {
         facts.boots.emplace_back();
@@ -413,6 +412,8 @@ void Story::endStrobe(const Record& record, int card) {
     say(said);
     if (story.state == State::kBooting && story.stream.hasEnded()) {
         story.state = State::kRunning;
+        story.started_us = story.nothingSince_us = record.time_us;
+        story.looksInVain = 0;
         auto& boots = whole.cards[card].boots;
         if (!boots.empty()) {
             boots.back().isWhole = true;
@@ -424,6 +425,15 @@ void Story::endStrobe(const Record& record, int card) {
 
 void Story::noteLook(const Record& record, int card) {
     CardStory& story = cards[card];
+    noteGap(record, card);
+    ++whole.cards[card].looks;
+    story.hasLooked = true;
+    story.lastLook_us = record.time_us;
+}
+
+// Between the last look and this one, or what came in its place.
+void Story::noteGap(const Record& record, int card) {
+    const CardStory& story = cards[card];
     CardFacts& facts = whole.cards[card];
     const std::uint64_t gap = record.time_us - std::min(record.time_us, story.lastLook_us);
     if (story.hasLooked && gap >= kSamePass_us) {
@@ -431,9 +441,22 @@ void Story::noteLook(const Record& record, int card) {
         facts.lateLooks += gap > 1000ull * kLateGap_ms ? 1 : 0;
         facts.longestGap_us = std::max(facts.longestGap_us, gap);
     }
-    ++facts.looks;
-    story.hasLooked = true;
-    story.lastLook_us = record.time_us;
+}
+
+// A look that found nothing; a host that looks again and again finds something within a period.
+void Story::noteNothing(const Record& record, int card) {
+    CardStory& story = cards[card];
+    CardFacts& facts = whole.cards[card];
+    if (story.looksInVain++ == 0 && story.nothingSince_us == 0) {
+        story.nothingSince_us = record.time_us;  // the beginning of the trace is missing
+    }
+    const std::uint64_t passed_us =
+        record.time_us - std::min(record.time_us, story.nothingSince_us);
+    if (kinds.kind(card) != nullptr && isSilence(*kinds.kind(card), passed_us, story.looksInVain) &&
+        story.looksInVain > facts.looksInVain) {
+        facts.looksInVain = story.looksInVain;
+        facts.silentSince_us = story.nothingSince_us;
+    }
 }
 
 void Story::readStatus(const Record& record, int card, int buffer) {
@@ -451,6 +474,7 @@ void Story::readStatus(const Record& record, int card, int buffer) {
         say(line(record, card, Topic::kTransfers,
                  "has taken " + bufferName(card, buffer) + " back before it was released"));
     } else {
+        noteNothing(record, card);
         Line said =
             line(record, card, Topic::kPolls, bufferName(card, buffer) + " is not handed over");
         if (!options.all) {
@@ -469,6 +493,8 @@ void Story::handOver(const Record& record, int card, int buffer) {
     story.handedOver[buffer] = story.waitsForCounter[buffer] = true;
     story.handedOver_us[buffer] = record.time_us;
     ++whole.cards[card].handOvers;
+    whole.cards[card].lastHandOver_us = story.nothingSince_us = record.time_us;
+    story.looksInVain = 0;
     const std::uint64_t looked_us = std::min(record.time_us, story.lookedAt_us[buffer]);
     Line said = line(record, card, Topic::kTransfers, "hands over " + bufferName(card, buffer));
     said.buffer = buffer;
@@ -492,7 +518,7 @@ void Story::buffers(const Record& record) {
         if (!std::exchange(story.waitsForCounter[buffer], false)) {
             continue;
         }
-        const std::string text = fromDsp(BufferView(record, buffer, *kind), card);
+        const std::string text = fromDsp(record, buffer, card);
         for (Line& each : waiting) {
             if (each.waitsForBuffers && each.card == card && each.buffer == buffer) {
                 each.waitsForBuffers = false;
@@ -502,22 +528,11 @@ void Story::buffers(const Record& record) {
     }
 }
 
-std::string Story::fromDsp(const BufferView& view, int card) {
-    CardStory& story = cards[card];
+std::string Story::fromDsp(const Record& record, int buffer, int card) {
+    const BufferView view(record, buffer, *kinds.kind(card));
     CardFacts& facts = whole.cards[card];
-    const std::uint32_t counter = view.counter();
-    const std::uint32_t passed = counter - story.counter;
-    std::string text = ", counter " + std::to_string(counter);
-    if (story.knowsCounter && passed == 0 && counter != 0) {
-        ++facts.repeated;
-        text += " again";
-    } else if (story.knowsCounter && passed > 1) {
-        const bool isPlausible = passed < 0x80000000;
-        facts.missed += isPlausible ? passed - 1 : 0;
-        text += isPlausible ? ", " + std::to_string(passed - 1) + " missed" : ", out of order";
-    }
-    story.counter = counter;
-    story.knowsCounter = true;
+    std::string text =
+        ", counter " + std::to_string(view.counter()) + judgeCounter(record, view.counter(), card);
     for (int i = 0; i < kinds.kind(card)->channels; ++i) {
         const std::string caller = printable(view.caller(i));
         const std::string digits = printable(view.digits(i));
@@ -529,6 +544,43 @@ std::string Story::fromDsp(const BufferView& view, int card) {
         }
     }
     return text;
+}
+
+// A host that was held up finds both buffers, and may take the newer one first: then the older one
+// seemed missed for a moment.
+std::string Story::judgeCounter(const Record& record, std::uint32_t counter, int card) {
+    CardStory& story = cards[card];
+    CardFacts& facts = whole.cards[card];
+    const auto late =
+        std::find_if(story.missed.begin(), story.missed.end(),
+                     [=](const Missed& each) { return counter - each.first < each.count; });
+    if (late != story.missed.end()) {
+        --facts.missed;
+        facts.missedAfterBoot -= late->isAfterBoot ? 1 : 0;
+        story.missed.erase(late);
+        return ", late";
+    }
+    const std::uint32_t before = std::exchange(story.counter, counter);
+    const std::uint32_t passed = counter - before;
+    if (!std::exchange(story.knowsCounter, true) || passed == 1 || counter == 0) {
+        return "";
+    }
+    if (passed == 0) {
+        ++facts.repeated;
+        return " again";
+    }
+    if (passed >= 0x80000000) {
+        return ", out of order";
+    }
+    const bool isAfterBoot =
+        story.started_us != 0 && record.time_us - story.started_us < kSettling_us;
+    story.missed.push_back({before + 1, passed - 1, isAfterBoot});
+    if (story.missed.size() > kMostJumps) {
+        story.missed.pop_front();
+    }
+    facts.missed += passed - 1;
+    facts.missedAfterBoot += isAfterBoot ? passed - 1 : 0;
+    return ", " + std::to_string(passed - 1) + " missed";
 }
 
 // What the host has put into a buffer.
@@ -582,8 +634,7 @@ void Story::release(const Record& record, int card, int buffer) {
 void Story::call(const Record& record) {
     const std::string name = callName(record, callOf(record));
     if (record.value != 0) {
-        ++whole
-              .failures[name.substr(0, name.find(',')) + ": errno " + std::to_string(record.value)];
+        noteFailure(name.substr(0, name.find(',')) + ": errno " + std::to_string(record.value));
     }
     say(line(
         record, -1, Topic::kDevices,

@@ -36,6 +36,12 @@ class Story {
     enum class State { kUnknown, kHeld, kBooting, kRunning };
     enum class Wait { kNothing, kForWish, kForTaking };
 
+    struct Missed {  // transfers, by a jump of the counter
+        std::uint32_t first = 0;
+        std::uint32_t count = 0;
+        bool isAfterBoot = false;
+    };
+
     struct CardStory {
         State state = State::kUnknown;
         std::uint32_t control = 0;  // written last
@@ -51,6 +57,10 @@ class Story {
         bool waitsForCounter[2] = {};
         bool knowsCounter = false;
         std::uint32_t counter = 0;
+        std::deque<Missed> missed;     // by the last few jumps
+        std::uint64_t started_us = 0;  // its firmware; 0: not in this trace
+        std::uint64_t nothingSince_us = 0;
+        std::uint64_t looksInVain = 0;  // since then
         std::uint64_t handedOver_us[2] = {};
         std::uint64_t lastLook_us = 0;  // at either buffer
         bool hasLooked = false;
@@ -81,8 +91,11 @@ class Story {
     void handOver(const Record& record, int card, int buffer);
     void release(const Record& record, int card, int buffer);
     void noteLook(const Record& record, int card);
+    void noteGap(const Record& record, int card);
+    void noteNothing(const Record& record, int card);
     std::string placeOf(int card) const;
-    std::string fromDsp(const BufferView& view, int card);
+    std::string fromDsp(const Record& record, int buffer, int card);
+    std::string judgeCounter(const Record& record, std::uint32_t counter, int card);
     std::string fromHost(const Record& record, int buffer, int card);
 
     void say(Line said);

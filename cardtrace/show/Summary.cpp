@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "format/About.h"
 #include "show/Advice.h"
 
 namespace cardtrace {
@@ -28,12 +29,6 @@ std::string hexadecimal(std::uint32_t value) {
 std::string gapRange(std::size_t range) {
     return range + 1 == kNumGapRanges ? "above"
                                       : "to " + std::to_string(kGapEnds_ms[range]) + " ms";
-}
-
-// What the trace is of, as far as its text makes sense.
-Json readAbout(const std::string& about) {
-    const Json read = Json::parse(about, nullptr, false);
-    return read.is_object() ? read : Json::object();
 }
 
 std::string textAt(const Json& about, const char* name) {
@@ -93,6 +88,17 @@ void writeCard(std::ostream& out, int number, const CardFacts& card) {
     out << "  time-outs  " << card.timeOuts << "\n  transfers  " << card.handOvers
         << " handed over, " << card.releases << " given back, " << card.missed << " missed, "
         << card.repeated << " repeated\n";
+    if (card.handOvers != 0) {
+        out << "             last handed over at " << seconds(card.lastHandOver_us) << '\n';
+    }
+    if (card.looksInVain != 0) {
+        out << "             nothing from " << seconds(card.silentSince_us) << " on, at "
+            << card.looksInVain << " looks\n";
+    }
+    if (card.missedAfterBoot != 0) {
+        out << "             missed in the first seconds after a boot: " << card.missedAfterBoot
+            << '\n';
+    }
     writeLooks(out, card);
     out << "  settings   written " << card.settings << " times\n";
     for (const auto& [line, set] : card.lines) {
@@ -136,32 +142,37 @@ Json cardJson(int number, const CardFacts& card) {
                          {"trigger", set.trigger},
                          {"delayMilliseconds", set.delay_ms}});
     }
-    return {{"card", number},
-            {"channels", card.channels},
-            {"echoes", card.echoes},
-            {"wrongEchoes", card.wrongEchoes},
-            {"boots", bootsJson(card)},
-            {"timeOuts", card.timeOuts},
-            {"handedOver", card.handOvers},
-            {"givenBack", card.releases},
-            {"missed", card.missed},
-            {"repeated", card.repeated},
-            {"looks", card.looks},
-            {"lateLooks", card.lateLooks},
-            {"longestGapMicroseconds", card.longestGap_us},
-            {"gapsMilliseconds", gaps},
-            {"settingsWritten", card.settings},
-            {"lines", lines},
-            {"audioPlayed", card.audioPlayed},
-            {"silencePlayed", card.silencePlayed},
-            {"callers", card.callers},
-            {"digits", card.digits}};
+    return {
+        {"card", number},
+        {"channels", card.channels},
+        {"echoes", card.echoes},
+        {"wrongEchoes", card.wrongEchoes},
+        {"boots", bootsJson(card)},
+        {"timeOuts", card.timeOuts},
+        {"handedOver", card.handOvers},
+        {"givenBack", card.releases},
+        {"lastHandedOverMicroseconds", card.handOvers == 0 ? Json() : Json(card.lastHandOver_us)},
+        {"looksInVain", card.looksInVain},
+        {"silentSinceMicroseconds", card.looksInVain == 0 ? Json() : Json(card.silentSince_us)},
+        {"missed", card.missed},
+        {"missedAfterBoot", card.missedAfterBoot},
+        {"repeated", card.repeated},
+        {"looks", card.looks},
+        {"lateLooks", card.lateLooks},
+        {"longestGapMicroseconds", card.longestGap_us},
+        {"gapsMilliseconds", gaps},
+        {"settingsWritten", card.settings},
+        {"lines", lines},
+        {"audioPlayed", card.audioPlayed},
+        {"silencePlayed", card.silencePlayed},
+        {"callers", card.callers},
+        {"digits", card.digits}};
 }
 
 }  // namespace
 
 std::string summaryText(const std::string& about, const Facts& facts) {
-    const Json told = readAbout(about);
+    const Json told = readAbout<Json>(about);
     std::ostringstream out;
     out << "trace of " << textAt(told, "cards") << " cards by " << textAt(told, "recorder")
         << ", begun at " << timeAt(told, "began") << "\n"
@@ -201,7 +212,7 @@ std::string summaryJson(const std::string& about, const Facts& facts) {
                           {"shown", each.shown},
                           {"cure", each.cure}});
     }
-    const Json whole = {{"about", readAbout(about)},
+    const Json whole = {{"about", readAbout<Json>(about)},
                         {"records", facts.records},
                         {"microseconds", facts.end_us},
                         {"whole", facts.hasEnd},

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <map>
 #include <utility>
@@ -47,6 +48,10 @@ const std::map<std::string, std::function<std::string()>> kSteps = {
     {"ask", [] { return ioperm(0x300, 32, 1) == 0 ? "granted" : strerrorname_np(errno); }},
     {"memory", memory},
     {"data", [] { return std::to_string(inw(0x300)); }},
+    {"thread",
+     [] {
+         return std::async(std::launch::async, [] { return std::to_string(inw(0x300)); }).get();
+     }},
     {"device", device},
     {"run", [] { return outw(0x1A, 0x302), "done"; }},
     {"fork", [] { return name = fork() == 0 ? "child" : (wait(nullptr), "parent"); }},

@@ -165,6 +165,22 @@ int main(int argc, char** argv) {
          }},
         {"preadv2", kServed,
          [&] { return preadv2(opened(), parts, 2, kPort - 1, 0) == 2 ? int(one[1]) : -errno; }},
+        {"readv by number", kServed,
+         [&] {
+             const int fd = opened();
+             lseek(fd, kPort - 1, SEEK_SET);
+             return syscall(SYS_readv, fd, parts, 2) == 2 ? int(one[1]) : -errno;
+         }},
+        {"preadv by number", kServed,
+         [&] {
+             return syscall(SYS_preadv, opened(), parts, 2, kPort - 1, 0) == 2 ? int(one[1])
+                                                                               : -errno;
+         }},
+        {"dup2 by number", kServed, [&] { return byteBy(int(syscall(SYS_dup2, opened(), 80))); }},
+        {"F_DUPFD by number", kServed,
+         [&] { return byteBy(int(syscall(SYS_fcntl, opened(), F_DUPFD, 81))); }},
+        {"sendfile by number", -EINVAL,
+         [&] { return fails(syscall(SYS_sendfile, plain, opened(), nullptr, 1) == -1); }},
         {"pwritev", 1, [&] { return one[0] = kServed, int(pwritev(opened(), parts, 1, kPort)); }},
         {"last port", 1, [&] { return int(pread(opened(), one, 2, 0xFFFF)); }},
         {"beyond it", 0, [&] { return int(pread(opened(), one, 2, 0x10000)); }},

@@ -49,6 +49,8 @@ TEST_F(Launcher, AnswersAsTheProgramDidHoweverItEndsAndRefusesWrongUsage) {
         {"-- $files/data", 126, "", "/data: Permission denied"},
         {"-- $user A ask run data abort", 134, "A ask granted\nA run done\nA data 255\n",
          "\n  2 port accesses in "},
+        {"-- $user A ask run thread", 0, "A ask granted\nA run done\nA thread 255\n",
+         "\n  2 port accesses in "},
         {"--seconds 0.2 -- $user A ask sleep", 0, "A ask granted\n", "never touched the cards"},
         {"--seconds 7 --virtual-time -- $user A ask data sleep", 0, "A ask granted\nA data 0\n",
          " in 7.000 s"},

@@ -8,6 +8,7 @@
 #include <random>
 #include <sstream>
 
+#include "format/About.h"
 #include "format/TraceReader.h"
 #include "format/TraceWriter.h"
 
@@ -124,6 +125,8 @@ TEST_F(TraceFile, GivesWhatIsLeftWhenItIsCutOffOrDamagedAndSaysWhere) {
     EXPECT_THAT(troubles, ElementsAre(HasSubstr("1 blocks are missing before block 2")));
     EXPECT_EQ(2000u, read(whole.substr(0, block) + "CTBK..." + whole.substr(block)).size());
     EXPECT_THAT(troubles, ElementsAre(HasSubstr("7 bytes are damaged")));
+    const std::string hole(3'000'000, 'x');
+    EXPECT_EQ(2000u, read(whole.substr(0, block) + hole + whole.substr(block)).size());
 }
 
 TEST_F(TraceFile, OfBoundedLengthKeepsTheNewest) {
@@ -152,6 +155,14 @@ TEST_F(TraceFile, IsRefusedWhenItIsNoneOrOfANewerVersion) {
     unclear[30] = '?';
     EXPECT_EQ(10u, read(unclear).size()) << "only what it is of is lost";
     EXPECT_EQ("", about);
+}
+
+TEST_F(TraceFile, MayBeOfAnything) {
+    const std::string deep =
+        R"({"cards": "real", "a": )" + std::string(300'000, '[') + std::string(300'000, ']') + "}";
+    const auto copy = readAbout<nlohmann::json>(deep);
+    EXPECT_EQ(copy["cards"], "real");
+    EXPECT_EQ(readAbout<nlohmann::json>("[1"), nlohmann::json::object());
 }
 
 }  // namespace

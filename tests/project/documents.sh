@@ -55,7 +55,7 @@ done
 page=docs/troubleshooting.md
 while read -r message; do
     grep -qF -- "$message" "$page" || wrong "no message: $message"
-done < <(tr -d '\n' <cardtrace/show/Advice.cpp | grep -oP '\{"[^"]*",\s*"\K[^"]*(?=",\s*"[^"]*"\})|\{"\K[^"]*(?=",\s*"[^"]*"(\s*"[^"]*")*,\s*\[\])')
+done < <(tr -d '\n' <cardtrace/show/Advice.cpp | grep -oP '\{"[^"]*",\s*"\K[^"]*(?=",\s*"[^"]*"(,\s*"[^"]*")?\})|\{"\K[^"]*(?=",\s*"[^"]*"(\s*"[^"]*")*,\s*\[\])')
 while read -r name; do
     for page in docs/traces.md man/cardtrace.1; do
         grep -qF -- "$name" "$page" || wrong "does not tell of $name"
