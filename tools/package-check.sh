@@ -11,10 +11,12 @@ Usage: tools/package-check.sh [--quick] [ARCHITECTURE...]
 
 For each architecture, amd64 and i386 when none is named: makes clean Debian 12 roots, in the first
 builds everything, runs all tests and builds the packages, twice, which must come out the same; looks
-at them with lintian and hardening-check; in the second installs them, has cardcheck tell of missing
-rights, records on simulated cards as the service's user, upgrades, removes, purges, and compares what
-is left. Looks at the service with systemd-analyze, and at the licence with reuse.
-Takes about 15 minutes an architecture, a network, and 4 GB under TMPDIR (/tmp); run it as root.
+at them with lintian and hardening-check, and at where their pages lead to; in the second installs them as
+README says, has cardcheck tell of missing rights, records on simulated cards as the service's user,
+upgrades, removes, purges, and compares what is left. Looks at the service with systemd-analyze, and
+at the licence with reuse.
+Takes about 15 minutes an architecture, a network, and 4 GB under TMPDIR (/tmp); run it as root. It
+says each step when it begins, and of one that fails the last lines.
 
   --quick         without the tests and the second build
   DEBIAN_MIRROR   where Debian comes from; debootstrap's own choice when not set
@@ -96,7 +98,8 @@ expect() { grep -qE -- "$2" "$work/log" || fail "$1: not a word of '$2'"; }
 # Every path of the root but the records and stores of dpkg and apt.
 list_files() {
     (cd "$root" && find . -xdev \( -path ./proc -o -path ./dev -o -path ./tmp -o -path ./root \
-        -o -path ./var/lib/dpkg -o -path ./var/lib/apt -o -path ./var/cache -o -path ./var/log \) \
+        -o -path ./var/lib/dpkg -o -path ./var/lib/apt -o -path ./var/cache -o -path ./var/log/apt \
+        -o -path './var/log/dpkg.log*' \) \
         -prune -o -print) | sort
 }
 
@@ -127,23 +130,24 @@ build_packages() {
     if ((quick == 0)); then
         shell "building them again, elsewhere and in another zone" \
             'umask 077 && cp -a /src /elsewhere && cd /elsewhere && TZ=Asia/Tokyo tools/package.sh /again'
-        (cd "$root" && sha256sum packages/*.deb) | sed 's/^/  /'
-        diff <(cd "$root/packages" && sha256sum -- *.deb) <(cd "$root/again" && sha256sum -- *.deb) ||
-            fail "two builds differ"
+        (cd "$root" && sha256sum packages/*.{deb,tar.*}) | sed 's/^/  /'
+        diff <(cd "$root/packages" && sha256sum -- *.{deb,dsc,tar.*}) \
+            <(cd "$root/again" && sha256sum -- *.{deb,dsc,tar.*}) || fail "two builds differ"
     fi
     packages=$work/$architecture-packages
     mkdir "$packages"
-    cp "$root"/packages/*.deb "$packages"
-    cp "$root"/packages/*.changes "$root"/packages/*.buildinfo "$packages" || true
+    cp "$root"/packages/*.{deb,dsc,tar.*,changes,buildinfo} "$packages"
     umount "$root/proc"
     rm -rf --one-file-system "$root"
 }
 
 look_at_packages() {
     local program
-    run "lintian" lintian --allow-root -EvIL +pedantic --fail-on error,warning,info,pedantic \
-        "$packages"/*.deb
-    say "  lintian: $(grep -cE '^[EWIP]:' "$work/log") tags, $(grep -c '^O:' "$work/log") overridden"
+    run "lintian, on the packages and their sources" lintian --allow-root -EvIL +pedantic \
+        --show-overrides --fail-on none "$packages"/*.changes
+    ! grep -E '^[EWIPX]: ' "$work/log" >&2 || fail "tags that no override answers"
+    say "  lintian: no tag, but $(grep -c '^O: ' "$work/log") that are overridden, with the reason"
+    rm "$packages"/*-dbgsym_*.deb
     mkdir "$packages/unpacked"
     for program in "$packages"/*.deb; do
         dpkg-deb -x "$program" "$packages/unpacked"
@@ -157,8 +161,27 @@ look_at_packages() {
         [[ $architecture == i386 ]] || grep -q endbr64 "$work/code" ||
             fail "no control-flow protection in $program"
     done < <(find "$packages/unpacked" -type f -exec file {} + | sed -n 's/: *ELF .*//p')
-    ! grep -rnE '(^|[^a-z])build/(bin|lib|firmware)' "$packages"/unpacked/usr/share/doc ||
-        fail "an installed page names paths of a checkout"
+}
+
+# look_at_pages: the pages and manuals that are installed speak of what is installed.
+look_at_pages() {
+    local folder=$packages/unpacked page target
+    say "where links and paths of the installed pages lead"
+    ! grep -rnE '(^|[^a-z/])((\.\./)?(build|tools)/|\.\./\.\./|\./[a-z]+\.sh|<!--)' --include='*.md' \
+        "$folder/usr/share/doc" || fail "an installed page names paths of a checkout"
+    while IFS=: read -r page target; do
+        [[ -e ${page%/*}/$target ]] || fail "${page#"$folder"} leads to $target, which is not there"
+    done < <(grep -roP --include='*.md' '\]\(\K(?!https?:)[^)#]+' "$folder/usr/share/doc")
+    while IFS=: read -r page target; do
+        compgen -G "$folder$target" >/dev/null || compgen -G "$folder${target#/usr}" >/dev/null ||
+            fail "${page#"$folder"} names $target, which is not there"
+    done < <(
+        grep -roP --include='*.md' '/usr/(?!local/)[\w./*-]*\w' "$folder/usr/share/doc"
+        for page in "$folder"/usr/share/man/man1/*; do
+            zcat "$page" | sed 's/\\-/-/g' | grep -oP '/usr/(?!local/)[\w./*-]*\w' | sed "s#^#$page:#" ||
+                true # a manual may name none
+        done
+    )
 }
 
 look_at_service() {
@@ -173,31 +196,56 @@ look_at_service() {
 }
 
 # As the unit has it, but with what is named left out: each missing right shows by itself.
-service_with() { # CAPABILITIES GROUPS COMMAND
+service_with() { # CAPABILITIES GROUPS COMMAND; GROUPS beside its own, as setpriv takes them
     printf "cd /etc/dspcard/firmware && setpriv --reuid dspcard --regid dspcard %s \
         --inh-caps=-all%s --ambient-caps=-all%s --bounding-set=-all%s --no-new-privs %s" \
         "$2" "$1" "$1" "$1" "$3"
 }
 
+# Devices as on a PC with cards, and something in the place of udev which does with them what the rule
+# says, as long as there is one. There is nothing behind them here, so a device that may be opened says
+# so, and port permission cannot be tried.
+make_devices() {
+    mkdir -p "$root/run/udev"
+    touch "$root/run/udev/control"
+    cat >"$root/usr/bin/udevadm" <<'TEXT'
+#!/bin/sh
+echo "udevadm $*" >>/tmp/udevadm
+case $* in trigger*--subsystem-match=mem*) ;; *) exit 0 ;; esac
+cd /dev && chown root:kmem mem port && chmod 0640 mem port
+sed -n 's/^SUBSYSTEM=="mem", KERNEL=="\([^"]*\)", GROUP="\([^"]*\)", MODE="\([^"]*\)"$/\1 \2 \3/p' \
+    /lib/udev/rules.d/60-dspcard.rules | while read -r devices group mode; do
+    for device in $(echo "$devices" | tr '|' ' '); do chgrp "$group" "$device" && chmod "$mode" "$device"; done
+done
+TEXT
+    chmod 755 "$root/usr/bin/udevadm"
+    shell "devices as on a PC with cards" 'rm -f /dev/port /dev/mem && mknod -m 0640 /dev/port c 1 4 &&
+        mknod -m 0640 /dev/mem c 1 1 && chown root:kmem /dev/port /dev/mem'
+}
+
+# expect_devices OWNERS MODE
+expect_devices() {
+    shell "whose the devices are" 'stat -c "%U:%G %a %n" /dev/port /dev/mem'
+    [[ $(grep -c "^$1 $2 " "$work/log") == 2 ]] || fail "/dev/port and /dev/mem are not $1 $2"
+}
+
 check_rights() {
-    local all=--init-groups
-    # As on a PC with cards: the devices as udev leaves them. There is nothing behind them here, so
-    # a device that may be opened says so, and port permission cannot be tried.
-    shell "the devices, as the udev rule has them" 'grep -q "GROUP=\"dspcard\", MODE=\"0660\"" \
-        /lib/udev/rules.d/60-dspcard.rules && rm -f /dev/port /dev/mem &&
-        mknod /dev/port c 1 4 && mknod /dev/mem c 1 1 &&
-        chown root:dspcard /dev/port /dev/mem && chmod 0660 /dev/port /dev/mem'
-    shell "cardcheck with the rights of the service" \
-        "$(service_with ,+sys_rawio "$all" 'cardcheck -v || true')"
+    local with=,+sys_rawio groups='--groups dspcard-ports' device
+    expect_devices root:dspcard-ports 660
+    awk '/udevadm trigger/ { given = 1 } /deb-systemd-invoke/ { exit !given }' \
+        "$root/var/lib/dpkg/info/dspcard.postinst" || fail "the service is started before it has the devices"
+    grep -q '^SupplementaryGroups=dspcard-ports$' "$root/lib/systemd/system/$unit" ||
+        fail "the service is not in the group of the devices"
+    shell "cardcheck with the rights of the service" "$(service_with "$with" "$groups" 'cardcheck -v || true')"
     expect "cardcheck" '^PASS  privilege: user [0-9]+ with CAP_SYS_RAWIO'
     expect "the devices may be opened" '^(PASS  /dev/mem|FAIL  /dev/mem: the kernel has nothing behind)'
     expect "the devices may be opened" '^(PASS  /dev/port|FAIL  /dev/port: the kernel has nothing behind)'
-    shell "without the capability" "$(service_with '' "$all" 'cardcheck || true')"
+    shell "without the capability" "$(service_with '' "$groups" 'cardcheck || true')"
     expect "cardcheck" '^FAIL  privilege: user [0-9]+ without CAP_SYS_RAWIO'
-    shell "without the group of the devices" 'chown root:kmem /dev/port /dev/mem; chmod 0640 /dev/port /dev/mem;
-        '"$(service_with ,+sys_rawio "$all" 'cardcheck || true')"
-    expect "cardcheck" '^FAIL  /dev/mem: user [0-9]+ may not read and write it: it is root:kmem 0640'
-    expect "cardcheck" '^FAIL  /dev/port: user [0-9]+ may not read and write it: it is root:kmem 0640'
+    shell "without the group of the devices" "$(service_with "$with" --clear-groups 'cardcheck || true')"
+    for device in /dev/mem /dev/port; do
+        expect "cardcheck" "^FAIL  $device: user [0-9]+ may not read and write it: it is root:dspcard-ports 0660"
+    done
     shell "as nobody" "setpriv --reuid nobody --regid nogroup --clear-groups cardcheck || true"
     expect "cardcheck" '^FAIL  privilege: user 65534 without CAP_SYS_RAWIO'
 }
@@ -207,10 +255,14 @@ record_as_service() {
         cp /usr/share/dspcard/firmware/* /etc/dspcard/firmware
         install -d -o dspcard -g dspcard -m 0750 /var/lib/dspcard'
     shell "recording calls for 15 s, as the service's user" "umask 027; $(service_with ,+sys_rawio \
-        --init-groups "cardsim --cards 4,8 --traffic --seed 1 -- dspcard-record --config /etc/dspcard/recorder.conf")"
+        '--groups dspcard-ports' "cardsim --cards 4,8 --traffic --seed 1 -- dspcard-record --config /etc/dspcard/recorder.conf")"
     shell "every call has its file, and every file its call" \
         'dspcard-calls check --folder /var/lib/dspcard/recordings && dspcard-calls --folder /var/lib/dspcard/recordings'
     say "  $(grep -c complete "$work/log") complete calls"
+    expect "calls" complete
+    shell "whoever is in group dspcard finds and reads them" 'setpriv --reuid nobody --regid nogroup \
+        --groups dspcard sh -c "dspcard-calls --folder /var/lib/dspcard/recordings &&
+            cat /var/lib/dspcard/recordings/*/*.raw >/dev/null"'
     expect "calls" complete
 }
 
@@ -230,16 +282,22 @@ upgrade_to() {
 }
 
 check_installed() {
+    local needed package
     make_root target
-    cp "$packages"/*.deb "$root/tmp"
     list_files >"$work/clean"
+    mapfile -t needed < <(for package in "$packages"/*.deb; do dpkg-deb -f "$package" Depends; done |
+        tr , '\n' | sed -nE 's/^ *([a-z0-9.+-]+).*/\1/p' | grep -v dspcard | sort -u)
     install "installing what the packages depend on, and a compiler for the client's page" \
-        openjdk-17-jdk-headless libpicocli-java libxerial-sqlite-jdbc-java libjackson2-core-java \
-        libzstd1 util-linux systemd
+        openjdk-17-jdk-headless util-linux systemd "${needed[@]}"
+    make_devices
     list_files >"$work/before"
-    # shellcheck disable=SC2016 # for the shell inside
-    shell "installing the packages" 'apt-get install -y --no-install-recommends /tmp/*.deb'
-    expect "a user of its own" 'dspcard'
+    mkdir -p "$root/tmp/build/package"
+    cp "$packages"/*.deb "$root/tmp/build/package"
+    shell "installing what a card PC needs, as README says" "cd /tmp && $(sed -nE \
+        's#^sudo (apt-get install)( .*build/package/.*)#\1 -y --no-install-recommends\2#p' README.md)"
+    [[ -x $root/usr/bin/dspcard-record && ! -e $root/usr/bin/cardsim ]] ||
+        fail "README has the simulation installed, or no recorder"
+    shell "installing all packages" 'apt-get install -y --no-install-recommends /tmp/build/package/*.deb'
     for page in "$root"/usr/bin/{card,dspcard-}*; do
         zgrep -q '^\.SH EXIT STATUS' "$root/usr/share/man/man1/${page##*/}.1.gz" ||
             fail "no man page with the exit status of ${page##*/}"
@@ -252,6 +310,11 @@ check_installed() {
     shell "the bench program" \
         'cd /usr/share/dspcard/firmware && cardsim --virtual-time --seconds 60 -- dspcard-bench'
     expect "the bench program" 'Transfer Count = 100'
+    # shellcheck disable=SC2016 # backticks are Markdown
+    shell "the commands of the page of traces" "$(sed -n '/^```sh$/,/^```$/p' \
+        "$root/usr/share/doc/dspcard/docs/traces.md" | grep -vE '^(```|sudo)')"
+    expect "the sample trace" 'compared with simulated cards made as those of the trace'
+    expect "the sample trace" ', 0 deviations'
     shell "the commands of the client's page" "$(sed -n '/^With the packages/,/^Either/p' docs/client.md |
         grep -vE '^(```|sudo|[WE]|$)')"
     expect "the client's page" '^line [0-9]*: call since'
@@ -261,9 +324,11 @@ check_installed() {
     grep -q '^seconds=15$' "$root/etc/dspcard/recorder.conf" || fail "the upgrade changed the settings"
     inside "removing" apt-get remove -y dspcard dspcard-sim libdspcard-java libdspcard-java-doc
     [[ -f $root/etc/dspcard/recorder.conf ]] || fail "removed, and the settings are gone"
+    expect_devices root:kmem 640
     inside "purging" dpkg --purge dspcard dspcard-sim libdspcard-java libdspcard-java-doc
     diff "$work/recorded" <(cd "$root/var/lib/dspcard" && find . -type f | sort) >&2 ||
         fail "purged, and the recordings are not what they were"
+    [[ -f $root/etc/dspcard/firmware/LOAD_4CH.TXT ]] || fail "purged, and the firmware is gone"
     list_files | grep -vE '^\./(var/lib/dspcard|etc/dspcard/firmware|etc/dspcard$|etc/(passwd|group|shadow|gshadow)-?$|etc/\.pwd\.lock)' >"$work/after"
     grep -vE '^\./etc/((passwd|group|shadow|gshadow)-?|\.pwd\.lock)$' "$work/before" >"$work/before.kept"
     diff "$work/before.kept" "$work/after" >&2 || fail "purged, and the files are not what they were"
@@ -277,11 +342,15 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/package-check.XXXXXX")
 chmod 755 "$work"
 
 run "reuse lint" reuse lint
+licence=$(readlink LICENSE) && licence=$(basename "$licence" .txt)
+diff LICENSE <(awk -v RS= "/^License: $licence\n /" debian/copyright | sed '1d; s/^ //; s/^\.$//') >&2 ||
+    fail "debian/copyright and LICENSE have not the same text"
 for architecture in "${architectures[@]}"; do
     personality=$([[ $architecture == i386 ]] && echo linux32 || echo linux64)
     say "$architecture"
     build_packages
     look_at_packages
+    look_at_pages
     look_at_service
     check_installed
 done

@@ -12,7 +12,7 @@
 namespace cardcheck {
 
 // The group that may read and write the devices, as the package's rule for udev has it.
-constexpr const char* kDeviceGroup = "dspcard";
+constexpr const char* kDeviceGroup = "dspcard-ports";
 
 // What the kernel says about this process and itself.
 struct Rights {
