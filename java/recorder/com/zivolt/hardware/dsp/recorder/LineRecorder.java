@@ -175,6 +175,7 @@ public final class LineRecorder implements Callable<Integer> {
         while (!stopping && !fatal
                 && (options.seconds() == null || secondsSince(start) < options.seconds())) {
             Thread.sleep(LOOK_MS);
+            recorder.progress().tell(console::news);
             var cards = client.cards();
             if (!found && (!cards.isEmpty()
                     || System.nanoTime() - start > CARDS_FOUND_WITHIN_NANOS)) {

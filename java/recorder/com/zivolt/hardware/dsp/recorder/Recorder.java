@@ -34,6 +34,7 @@ final class Recorder implements Closeable {
     private final Consumer<CallRow> callEnded;
     private final Consumer<String> news;
     private final EventQueue queue = new EventQueue();
+    private final Progress progress = new Progress();
     private final CallKeeper keeper;
     private final Thread thread = new Thread(this::run, "recorder");
     private final Map<Outcome, AtomicLong> outcomes = new EnumMap<>(Outcome.class);
@@ -125,6 +126,10 @@ final class Recorder implements Closeable {
         return thread.isAlive();
     }
 
+    Progress progress() {
+        return progress;
+    }
+
     boolean isLogFailing() {
         return log.isFailing();
     }
@@ -158,6 +163,7 @@ final class Recorder implements Closeable {
         try {
             step.run();
         } catch (IOException | InterruptedException | RuntimeException failure) {
+            progress.troubled(reason(failure));
             if (!trouble.equals(reason(failure))) {
                 fail("go on as usual", failure);
             }
@@ -188,6 +194,7 @@ final class Recorder implements Closeable {
             retention.look(log, room);
         }
         seen.update(keeper);
+        progress.turned();
     }
 
     private void tellLost() {
@@ -196,6 +203,9 @@ final class Recorder implements Closeable {
             long bytes = queue.takeLostBytes(card);
             lost |= bytes > 0;
             keeper.lose(card, bytes);
+        }
+        if (lost) {
+            progress.lostAudio();
         }
         if (lost && !losing) {
             failures.incrementAndGet();
@@ -292,6 +302,7 @@ final class Recorder implements Closeable {
             step.run();
             return true;
         } catch (IOException | RuntimeException failure) {
+            progress.lostAudio();
             if (!isForLackOfRoom(failure) && call.failsFirst()) {
                 fail(what + " " + call.file(), failure);
             }

@@ -38,7 +38,9 @@ final class Status {
         if (recorder.isLogFailing()) {
             problems.add("the call log cannot be written");
         }
-        if (!recorder.isAlive()) {
+        if (recorder.isAlive()) {
+            problems.addAll(recorder.progress().problems(System.nanoTime()));
+        } else {
             problems.add("the recording has ended");
         }
         return problems;
