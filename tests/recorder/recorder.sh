@@ -132,9 +132,11 @@ failures() {
     fails 1 'not running' 'card_running{card="1"}' 'card 1: not running' 1 \
         --fault counter-stuck@60-66/1 --fault dead-after-boot@2/1 "${record[@]}"
     (($(calls_of 0) > 0 && $(calls_of 1) > 0))
-    fails 0 'not running' 'healthy' 'card 0: not running' 3 --fault dead-after-boot \
+    fails 0 'not running' 'healthy' 'card 0: not running' 3 --fault dead-after-boot/0 \
         "${record[@]}" --exit-when-silent 0.1
     grep -q 'without it no line of any card has calls' "$work/said"
+    fails 1 'not running' 'healthy' 'card 1: not running' 3 --fault dead-after-boot/1 \
+        "${record[@]}" --exit-when-silent 0.1 --expect 4,8
     fails "1 has 8" 'lines, not 4' 'healthy' 'card 1 has 8 lines, not 4' 1 "${record[@]}" --expect 4,4
 }
 

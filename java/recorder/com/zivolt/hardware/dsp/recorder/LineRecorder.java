@@ -34,7 +34,7 @@ import picocli.CommandLine.Mixin;
             "0:recorded; also after Ctrl-C and SIGTERM",
             "1:a card that must be there did not deliver at the end, or something could not be written",
             "2:wrong usage",
-            "3:no card delivered for as long as --exit-when-silent says"})
+            "3:card 0 or an expected card did not deliver for as long as --exit-when-silent says"})
 public final class LineRecorder implements Callable<Integer> {
     private static final int SILENT = 3;
     private static final long LOOK_MS = 100;
@@ -182,12 +182,15 @@ public final class LineRecorder implements Callable<Integer> {
                 found = true;
                 cardNews.found(cards);
             }
-            if (cards.stream().anyMatch(card -> card.state() == CardState.RUNNING)) {
+            if (cardNews.notDelivering(cards).isEmpty()) {
                 delivered = System.nanoTime();
             }
             if (options.silentSeconds() != null
                     && secondsSince(delivered) >= options.silentSeconds()) {
-                console.news("NO CARD DELIVERS: ending, so that a supervisor can start all anew");
+                console.news("%s: ending, so that a supervisor can start all anew".formatted(
+                        cards.stream().noneMatch(card -> card.state() == CardState.RUNNING)
+                                ? "NO CARD DELIVERS" : "CARD %d DOES NOT DELIVER".formatted(
+                                        cardNews.notDelivering(cards).get(0))));
                 return SILENT;
             }
         }

@@ -78,7 +78,8 @@ final class RecorderOptions {
     private String expected;
 
     @Option(names = "--exit-when-silent", paramLabel = "MINUTES",
-            description = "End with status 3 when no card has delivered for so long.")
+            description = "End with status 3 when card 0, without which no line has calls, or a card of"
+                    + " --expect has not delivered for so long.")
     private Double silentMinutes;
 
     @Option(names = "--reserve", paramLabel = "SIZE", defaultValue = "1G",
