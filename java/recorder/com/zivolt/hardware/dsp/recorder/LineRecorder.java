@@ -52,6 +52,7 @@ public final class LineRecorder implements Callable<Integer> {
     private Console console;
     private Recorder recorder;
     private CardNews cardNews;
+    private boolean monitoring;
 
     private LineRecorder() {
     }
@@ -147,8 +148,9 @@ public final class LineRecorder implements Callable<Integer> {
         recorder.handle(event);
         if (event instanceof CardEvent.CardStateChanged changed) {
             cardNews.handle(changed);
-            if (changed.card() == 0 && changed.before() == CardState.STARTING
-                    && changed.state() == CardState.RUNNING && options.monitored() != null) {
+            if (changed.card() == 0 && changed.state() == CardState.RUNNING && !monitoring
+                    && options.monitored() != null) {
+                monitoring = true;
                 monitor();  // card 0 has taken the settings, which monitoring could hold back
             }
         } else if (event instanceof CardEvent.CardError error) {
