@@ -140,9 +140,13 @@ failures() {
     fails "1 has 8" 'lines, not 4' 'healthy' 'card 1 has 8 lines, not 4' 1 "${record[@]}" --expect 4,4
 }
 
-# Seven lock-ups and a new boot, on cards that forget their settings: calls by sound come again.
+# Seven lock-ups and a new boot, on cards that forget their settings: calls by sound come again. The
+# lines have their levels, since the file that takes them is said to be the journal.
 reboot() {
     local again
+    touch "$work/said"
+    JOURNAL_STREAM=$(stat -c %d:%i "$work/said")
+    export JOURNAL_STREAM
     start "${on_cards[@]}" --traffic --seed 1 --fault counter-stuck@60-66/1 -- "${recorder[@]}" \
         --trigger vox-1 --expect 4,8
     await 'CARD 1 restarting'
@@ -153,6 +157,8 @@ reboot() {
     sleep 3
     [[ $(health) == '{"healthy":true'* ]]
     stop
+    grep -q '^<3>recorder: .* CARD 1 restarting' "$work/said"
+    grep -q '^recorder: .* card 1 runs again' "$work/said"
     "${calls[@]}" --folder "$work/calls" --from "$again" --format csv | cut -d, -f3 | sort -u |
         tr '\n' ' ' | grep -q '0 1'
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"

@@ -251,7 +251,8 @@ public final class LineRecorder implements Callable<Integer> {
     private static int explain(Exception failure, CommandLine command,
             CommandLine.ParseResult arguments) throws Exception {
         if (failure instanceof IOException) {
-            System.err.println("dspcard-record: " + Recorder.reason(failure));
+            System.err.println((Journal.takes(2) ? Journal.level("CANNOT start") : "")
+                    + "dspcard-record: " + Recorder.reason(failure));
             return 1;
         }
         throw failure;
