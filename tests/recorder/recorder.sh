@@ -190,6 +190,19 @@ page() {
     ! grep -q '<img' "$work/page"
 }
 
+# Commands have none of the capabilities that a recorder without root's rights was given.
+capabilities() {
+    local user=(setpriv --reuid nobody --clear-groups --inh-caps=+sys_rawio --ambient-caps=+sys_rawio)
+    "${user[@]}" test -r "$lib/dspcard-recorder.jar" || {
+        echo 'skipped: only root may give capabilities, to a user who may read what was built'
+        exit 77
+    }
+    chown nobody "$work"
+    expect 0 'calls recorded' "${user[@]}" "${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" \
+        --seconds 3 --folder "$work/calls" --on-call-end 'grep CapPrm /proc/self/status >>../caps'
+    [[ $(sort -u "$work/caps") == $'CapPrm:\t0000000000000000' ]]
+}
+
 # On a terminal the table is painted over nothing else's lines, and all is as before at the end.
 terminal() {
     command -v script >/dev/null || {
