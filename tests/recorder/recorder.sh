@@ -87,6 +87,8 @@ record() {
     [[ $(health) == '{"healthy":true'* ]]
     [[ $(curl -s -o "$work/page" -w '%{http_code} %{content_type}' "$url/") == '200 text/html'* ]]
     [[ $(curl -s -X POST -o /dev/null -w '%{http_code}' "$url/") == 405 ]]
+    [[ $(curl -s "$url/calls?from=yesterday") == "'yesterday' is no time like"* ]]
+    [[ $(curl -s -o /dev/null -w '%{http_code}' "$url/day?date=2026-99-99") == 400 ]]
     [[ $(curl -s -H 'Host: elsewhere.example' -o /dev/null -w '%{http_code}' "$url/calls") == 403 ]]
     stop
     grep -q 'COMMAND for the call of line 7.*ended with status 1' "$work/said"
