@@ -69,6 +69,9 @@ misuse() {
     [[ ! -e $work/none ]] # nothing is made without the driver's library
     expect 1 'no calls were recorded here' "${calls[@]}" check --folder "$work"
     expect 2 'is no time like' "${calls[@]}" --from yesterday
+    expect 2 'table, csv or json' "${calls[@]}" --format xml
+    expect 2 '0 or more' "${calls[@]}" --limit -5
+    expect 2 '--from is for the list' "${calls[@]}" --from 2026-01-01 check --folder "$work"
     expect 0 'dspcard [0-9.]*$' "${recorder[@]}" --version
 }
 
@@ -158,6 +161,7 @@ reboot() {
     again=$(grep 'runs again' "$work/said" | tail -n 1 | cut -d' ' -f2)
     sleep 3
     [[ $(health) == '{"healthy":true'* ]]
+    timeout 30 "${calls[@]}" --folder "$work/calls" --follow | head -n 1
     stop
     grep -q '^<3>recorder: .* CARD 1 restarting' "$work/said"
     grep -q '^recorder: .* card 1 runs again' "$work/said"
