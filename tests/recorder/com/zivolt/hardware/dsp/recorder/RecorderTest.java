@@ -193,6 +193,9 @@ class RecorderTest {
         close();
         assertEquals(List.of(true, true, false, false, false), removed());
         assertEquals(List.of(), problems(true));
+        for (CallRow row : rows(new CallFilter().line(2))) {
+            Files.createFile(path.resolve(row.file() + ".wav"));
+        }
         open(null, Long.MAX_VALUE);
         retention.look(log, room);
         close();
