@@ -56,11 +56,14 @@ health() { curl -s "$url/health"; }
 misuse() {
     printf 'triger = vox-1\n' >"$work/config"
     expect 2 "there is no option triger" "${recorder[@]}" --config "$work/config"
+    printf '# gr\374n\n' >"$work/config"
+    expect 2 'is not in UTF-8' "${recorder[@]}" --config "$work/config"
     printf 'folder = %s\nline = 3=vox-2,low,5 16=never\n' "$work/none" >"$work/config"
     expect 2 'Lines are 0 to 15, not 16' "${recorder[@]}" --config "$work/config"
     expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
     expect 2 '4, 8 or none' "${recorder[@]}" --expect 4,5
-    expect 2 'such as 500M' "${recorder[@]}" --reserve plenty
+    printf 'expect = 4,8 \nreserve = plenty\n' >"$work/config"
+    expect 2 'such as 500M' "${recorder[@]}" --config "$work/config"
     expect 2 '127.0.0.1:9273' "${recorder[@]}" --status 9273
     expect 1 'nowhere' "${recorder[@]}" --play "$work/nowhere"
     expect 1 "$work/missing: no such file" "$java" "-Ddspcard.library=$work/missing" -jar \
@@ -246,7 +249,7 @@ wav() {
         exit 77
     }
     local line file
-    line=$(grep '^sox ' "${0%/*}/../../docs/recorder.md")
+    line=$(grep '|| sox ' "${0%/*}/../../docs/recorder.md")
     start "${on_cards[@]}" --scenario "$scenario" --audio pleasant -- "${recorder[@]}"
     await 'line 7: call ended'
     stop

@@ -10,6 +10,7 @@ import java.io.Reader;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.UnknownHostException;
+import java.nio.charset.CharacterCodingException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
@@ -158,6 +159,8 @@ final class RecorderOptions {
             Properties properties = new Properties();
             try (Reader reader = Files.newBufferedReader(Path.of(file))) {
                 properties.load(reader);
+            } catch (CharacterCodingException other) {
+                throw new ParameterException(line, "--config: %s is not in UTF-8".formatted(file));
             } catch (IOException | IllegalArgumentException unreadable) {
                 throw new ParameterException(line, "--config: " + Recorder.reason(unreadable));
             }
@@ -166,6 +169,7 @@ final class RecorderOptions {
                     throw new ParameterException(line, "%s: there is no option %s"
                             .formatted(file, name));
                 }
+                properties.setProperty(name, properties.getProperty(name).strip());
             }
             return properties;
         }
