@@ -89,6 +89,7 @@ record() {
     curl -s "$url/calls?search=498" | grep -q '"caller":"0191 498 0123","digits":"5#"'
     curl -s "$url/day" | grep -q '"7":\[\[.*"11":\[\['
     [[ $(metric 'line_recording{card="1",line="11"}') == 1 ]]
+    (($(metric 'line_transfers_total{card="1",line="11"}') > 5))
     [[ $(metric 'calls_total{outcome="complete"}') == 2 ]]
     [[ $(health) == '{"healthy":true'* ]]
     [[ $(curl -s -o "$work/page" -w '%{http_code} %{content_type}' "$url/") == '200 text/html'* ]]

@@ -1,6 +1,7 @@
 package com.zivolt.hardware.dsp.recorder;
 
 import com.zivolt.hardware.dsp.client.AudioBlock;
+import java.time.Duration;
 import java.time.Instant;
 import java.util.function.BiConsumer;
 
@@ -39,6 +40,8 @@ final class LineCalls {
     private long ringStart_ms;
     private long rang_ms;
     private boolean mayHaveGivenUp;
+    private long transfers;
+    private long missed;
     private String dialled = "";
     private long dialled_ms;
 
@@ -60,6 +63,16 @@ final class LineCalls {
     /** The caller who rings; null when nobody does. */
     Call ring() {
         return ring;
+    }
+
+    /** Transfers whose audio belongs to a call, since the start. */
+    long transfers() {
+        return transfers;
+    }
+
+    /** Transfers that were missed within calls, since the start. */
+    long missed() {
+        return missed;
     }
 
     void triggerRose(Instant time, long smooth_ms, boolean running) {
@@ -140,9 +153,18 @@ final class LineCalls {
         if (ending) {
             finish();
         } else if (call != null) {
+            ++transfers;
             call.hear(block, time, smooth_ms);
         }
         timePasses(smooth_ms);
+    }
+
+    /** Of a call that began before they were missed. */
+    void miss(long count, Duration about, long smooth_ms) {
+        if (call != null && call.age_ms(smooth_ms) >= about.toMillis()) {
+            missed += count;
+            call.miss(count, about);
+        }
     }
 
     void timePasses(long smooth_ms) {
