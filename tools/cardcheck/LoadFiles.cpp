@@ -1,6 +1,8 @@
 #include "LoadFiles.h"
 
+#include <fcntl.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -55,13 +57,29 @@ bool isLoadFileName(const std::string& name) {
            name.compare(name.size() - 4, 4, kEnd) == 0;
 }
 
+// The user may not read the file or folder.
+Fault faultOfUnreadable(const std::string& path, const std::string& mode) {
+    return {path + " cannot be read: it is " + ownersAndMode(path),
+            "let the user that runs the driver read it: chmod " + mode + " " + path +
+                ", or chown it to that user (dspcard for the service)"};
+}
+
+Fault faultOfFolder() {
+    const bool isReadable = faccessat(AT_FDCWD, ".", R_OK | X_OK, AT_EACCESS) == 0;
+    return isReadable ? Fault() : faultOfUnreadable(workingDirectory(), "a+rx");
+}
+
 // Why a file cannot be opened, which the driver does not ask.
 Fault faultOfMissing(const std::string& name) {
     std::error_code unreadable;
+    if (Fault fault = faultOfFolder(); fault.isThere()) {
+        return fault;
+    }
+    if (fs::is_regular_file(name, unreadable)) {
+        return faultOfUnreadable(name, "a+r");
+    }
     if (fs::exists(name, unreadable)) {
-        return {name + (fs::is_regular_file(name, unreadable) ? " cannot be read"
-                                                              : " is not a regular file"),
-                "see with ls -l what it is and who may read it"};
+        return {name + " is not a regular file", "see with ls -l what it is"};
     }
     const std::vector<std::string> names = filesHere();
     const auto similar = std::find_if(names.begin(), names.end(), [&name](const auto& other) {
@@ -235,8 +253,12 @@ void checkLoadFiles(Report& report, const std::vector<std::string>& names,
                     const FoundCards& found) {
     const std::vector<std::string> wanted = names.empty() ? namesWanted(found) : names;
     if (wanted.empty()) {
-        report.fail("load files", "no LOAD_*.TXT in " + workingDirectory(),
-                    "start in the folder with the cards' firmware, or name the load files");
+        const Fault fault = faultOfFolder();
+        report.fail("load files",
+                    fault.isThere() ? fault.cause : "no LOAD_*.TXT in " + workingDirectory(),
+                    fault.isThere() ? fault.fix
+                                    : "start in the folder with the cards' firmware, or name the "
+                                      "load files");
     }
     for (const std::string& name : wanted) {
         LoadFileCheck(report, name).run();

@@ -20,9 +20,14 @@ void Report::fail(const std::string& name, const std::string& cause, const std::
     out << "FAIL  " << name << ": " << cause << "\nFix: " << fix << std::endl;
 }
 
+void Report::warn(const std::string& name, const std::string& cause, const std::string& fix) {
+    ++warned;
+    out << "WARN  " << name << ": " << cause << "\nFix: " << fix << std::endl;
+}
+
 void Report::summarise() {
-    out << "cardcheck: " << passed << " passed, " << failed << " failed, " << skipped << " skipped"
-        << std::endl;
+    out << "cardcheck: " << passed << " passed, " << failed << " failed, " << skipped
+        << " skipped, " << counted(static_cast<unsigned>(warned), "warning") << std::endl;
 }
 
 std::string hex(unsigned long value, int digits) {

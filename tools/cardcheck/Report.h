@@ -2,7 +2,7 @@
 //
 //     PASS  card 0: 4 channels at 0x300
 //     FAIL  /dev/port: there is none
-//     Fix: mknod -m 600 /dev/port c 1 4; ...
+//     Fix: mknod /dev/port c 1 4 && ...
 #pragma once
 
 #include <ostream>
@@ -17,6 +17,8 @@ class Report {
     void pass(const std::string& name, const std::string& seen);
     void skip(const std::string& name, const std::string& why);
     void fail(const std::string& name, const std::string& cause, const std::string& fix);
+    // The driver works as it is, but not as well as it could.
+    void warn(const std::string& name, const std::string& cause, const std::string& fix);
 
     bool hasFailed() const { return failed > 0; }
     // One line with the count of the rows.
@@ -27,6 +29,7 @@ class Report {
     int passed = 0;
     int failed = 0;
     int skipped = 0;
+    int warned = 0;
 };
 
 // "0x0080", with at least that many digits.

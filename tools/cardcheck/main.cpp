@@ -51,9 +51,10 @@ void declareOptions(CLI::App& app, CommandLine& line) {
     app.set_version_flag("--version", "cardcheck " CARDCHECK_VERSION, "show the version");
     app.formatter(std::make_shared<HelpFormat>());
     app.footer(
-        "Checks port permission, privilege, kernel lockdown, /dev/port, /dev/mem, the\n"
-        "cards, their memory and their load files. A row a check: PASS, FAIL or SKIP;\n"
-        "each FAIL names its cause and the fix.\n"
+        "Checks port permission, privilege, kernel lockdown, precedence, /dev/port,\n"
+        "/dev/mem, the cards, their memory and their load files. A row a check: PASS,\n"
+        "FAIL, WARN (it works, but not as well as it could) or SKIP; each FAIL and WARN\n"
+        "names its cause and the fix.\n"
         "\n"
         "The check of the cards resets their DSPs and leaves them in reset: calls that\n"
         "another program records at that time are lost.\n"
