@@ -3,6 +3,7 @@
 # cards' load files are.
 #   recorder.sh STORY CARDSIM SCENARIO JAVA LIBRARY_FOLDER
 set -euxo pipefail # what fails stands at the end of the trace
+arguments=("${@:2}")
 story=$1 cardsim=$2 scenario=$3 java=$4 lib=$5
 recorder=("$java" -Xmx64m -jar "$lib/dspcard-recorder.jar")
 calls=("$java" -cp "$lib/dspcard-recorder.jar" com.zivolt.hardware.dsp.recorder.CallsProgram)
@@ -71,11 +72,27 @@ misuse() {
     expect 1 'there is no folder' "${calls[@]}" --folder "$work/none"
     [[ ! -e $work/none ]] # nothing is made without the driver's library
     expect 1 'no calls were recorded here' "${calls[@]}" check --folder "$work"
+    expect 1 'no calls were recorded here' "${calls[@]}" recover --folder "$work"
     expect 2 'is no time like' "${calls[@]}" --from yesterday
     expect 2 'table, csv or json' "${calls[@]}" --format xml
     expect 2 '0 or more' "${calls[@]}" --limit -5
     expect 2 '--from is for the list' "${calls[@]}" --from 2026-01-01 check --folder "$work"
     expect 0 'dspcard [0-9.]*$' "${recorder[@]}" --version
+}
+
+# A folder of another user: the recorder may not write there, and root makes nothing in it.
+rights() {
+    ((EUID == 0)) && command -v setpriv >/dev/null || {
+        echo 'skipped: only root can be another user, by setpriv (Debian package util-linux)'
+        exit 77
+    }
+    local nobody=(setpriv --reuid 65534 --clear-groups)
+    chmod 755 "$work" && mkdir -m 755 "$work/ours" "$work/theirs" "$work/theirs/20261123Z"
+    chown -R nobody "$work/theirs"
+    expect 2 'nothing may be written in the folder' "${nobody[@]}" "${recorder[@]}" --folder "$work/ours"
+    expect 1 'sudo -u nobody' "${calls[@]}" recover --folder "$work/theirs"
+    [[ ! -e $work/theirs/calls.db ]]
+    expect 0 '0 rows made' "${nobody[@]}" "${calls[@]}" recover --folder "$work/theirs"
 }
 
 # Calls, their audio on the speaker, commands at their ends; Ctrl-C in the midst of a call.
@@ -104,6 +121,9 @@ record() {
         awk -F, 'NR > 1 { print $2, $4, $5, $6, $10 }' | sort)
     awk '$(NF - 1) != $NF || NF < 4 { exit 1 }' "$work/ended"
     [[ $(wc -l <"$work/ended") == 3 ]]
+    expect 0 '3 recordings in the log, 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+    dd if=/dev/zero of="$work/calls/calls.db" bs=4096 seek=5 count=1 conv=notrunc # an index
+    expect 0 '3 rows made' "${calls[@]}" recover --folder "$work/calls"
     expect 0 '3 recordings in the log, 0 things wrong' "${calls[@]}" check --folder "$work/calls"
     { set +x; } 2>/dev/null # two long lines of digits: the monitored line is heard
     hex "$work/speaker" | grep -F "$(hex -N 300 "$work"/calls/*/line07*.raw)" >/dev/null
@@ -172,6 +192,70 @@ reboot() {
     "${calls[@]}" --folder "$work/calls" --from "$again" --format csv | cut -d, -f3 | sort -u |
         tr '\n' ' ' | grep -q '0 1'
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+}
+
+# A disk that is full from the start, then has room, then is full again at the next start: each time
+# calls are logged, and everybody can know. The disk is a small one in memory.
+full() {
+    ((EUID == 0)) && unshare --mount true || {
+        echo 'skipped: no small disk can be mounted here'
+        exit 77
+    }
+    unshare --mount "$0" on_full_disk "${arguments[@]}"
+}
+
+on_full_disk() {
+    local status=0 record=("${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" --reserve 1M)
+    mkdir "$work/calls"
+    mount -t tmpfs -o size=20m tmpfs "$work/calls"
+    head -c 100M /dev/zero >"$work/calls/filling" || true
+    start "${record[@]}" --seconds 12
+    await 'THE DISK IS FULL'
+    [[ $(metric disk_full) == 1 && $(metric write_failures_total) != 0 ]]
+    [[ $(curl -s -o /dev/null -w '%{http_code}' "$url/health") == 503 ]]
+    health | grep -qF '"the disk is full"'
+    rm "$work/calls/filling"
+    await 'the disk has room again'
+    await 'call ended, [0-9]* bytes in'
+    [[ $(health) == '{"healthy":true'* ]]
+    wait "$started" || status=$?
+    ((status == 1))
+    [[ $(grep -c 'DISK IS FULL' "$work/said") == 1 ]]
+    head -c 100M /dev/zero >"$work/calls/filling" || true
+    start "${record[@]}"
+    await 'call ended, no recording'
+    [[ $(metric write_failures_total) == 1 ]]
+    stop
+    (($("${calls[@]}" --folder "$work/calls" --outcome disk-full --format csv | wc -l) > 3))
+    expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
+    umount "$work/calls"
+}
+
+# A disk that takes audio, and fails to force it: the calls say so.
+unforced() {
+    command -v cc >/dev/null || {
+        echo 'skipped: there is no C compiler'
+        exit 77
+    }
+    cc -shared -fPIC -o "$work/failing.so" -x c - <<'C'
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+static int fails(int file) {
+    char link[40], name[4096] = "";
+    sprintf(link, "/proc/self/fd/%d", file);
+    return readlink(link, name, sizeof name - 1) < 0 || strstr(name, ".part") ? (errno = EIO, -1) : 0;
+}
+int fsync(int file) { return fails(file); }
+int fdatasync(int file) { return fails(file); }
+C
+    start env LD_PRELOAD="$work/failing.so" "${on_cards[@]}" --scenario "$scenario" -- "${recorder[@]}"
+    await 'CANNOT close'
+    await 'line 7: call ended'
+    health | grep -qF 'could not be written'
+    stop
+    [[ $("${calls[@]}" --folder "$work/calls" --outcome not-written --format csv | wc -l) == 4 ]]
 }
 
 # The page in a browser: it shows what the lines said as text; the picture is kept beside this test.

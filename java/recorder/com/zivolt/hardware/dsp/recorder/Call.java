@@ -34,6 +34,7 @@ final class Call {
     private SpoolFile spool;
     private long unwritten;
     private boolean hadNoRoom;
+    private boolean mayBeLost;
     private String checksum;
     private boolean named;
     private boolean failureTold;
@@ -137,7 +138,7 @@ final class Call {
     /** Ends it at the last moment that anything was heard of it. */
     void endAsHeard(Outcome how) {
         outcome = how != Outcome.COMPLETE && how != Outcome.PROCESS_END && how != Outcome.CARD
-                || unwritten == 0 ? how : hadNoRoom ? Outcome.DISK_FULL : Outcome.NOT_WRITTEN;
+                || unwritten == 0 && !mayBeLost ? how : hadNoRoom ? Outcome.DISK_FULL : Outcome.NOT_WRITTEN;
         changed = true;
     }
 
@@ -208,6 +209,16 @@ final class Call {
     void loseWaiting(boolean noRoom) {
         lose(audio.stream().mapToLong(AudioBlock::length).sum());
         audio.clear();
+        lost(noRoom);
+    }
+
+    /** What was written could not be forced to the disk; a later try that succeeds proves nothing. */
+    void mayBeLost(boolean noRoom) {
+        mayBeLost = true;
+        lost(noRoom);
+    }
+
+    private void lost(boolean noRoom) {
         hadNoRoom |= noRoom;
         if (outcome.isOver()) {
             endAsHeard(outcome);

@@ -4,7 +4,9 @@ import java.io.Closeable;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
+import java.nio.file.attribute.BasicFileAttributes;
 import java.sql.Connection;
 import java.sql.PreparedStatement;
 import java.sql.ResultSet;
@@ -15,13 +17,15 @@ import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.concurrent.atomic.AtomicLong;
 import java.util.function.Consumer;
 import org.sqlite.SQLiteErrorCode;
 
 /**
  * The call log, written by the recorder. Rows are put and then committed together; those that
- * cannot be committed wait for the next time. A file that is no log of this version, or turns out to
- * be damaged, is moved aside and a new one begun. Used by one thread.
+ * cannot be committed wait for the next time, also as long as there is no log at all. A file that is no
+ * log of this version, or turns out to be damaged, is moved aside and a new one begun. Used by one
+ * thread.
  */
 final class CallLog implements Closeable {
     /** About 10 MB; a row is lost only when the disk takes nothing for so many changes. */
@@ -34,21 +38,28 @@ final class CallLog implements Closeable {
     private final Consumer<String> news;
     private final Map<Long, CallRow> waiting = new LinkedHashMap<>();
     private final Map<Long, CallRow> unfinished = new LinkedHashMap<>();
+    private final AtomicLong failures = new AtomicLong();
     private Connection log;
+    private Object openFile;
     private long nextId = 1;
     private volatile boolean failing;
     private long tried;
-    private boolean movedAside;
     private long lost;
 
-    CallLog(RecordingFolder folder, DiskRoom room, Consumer<String> news) throws IOException {
+    /** When it cannot be opened that is told, and tried again with each commit. */
+    CallLog(RecordingFolder folder, DiskRoom room, Consumer<String> news) {
         this.folder = folder;
         this.room = room;
         this.news = news;
         try {
-            open();
-        } catch (SQLException unusable) {
-            moveAsideAndOpen(unusable);
+            try {
+                openOrBegin();
+            } catch (SQLException failure) {
+                mend(failure);
+            }
+        } catch (SQLException | IOException failure) {
+            fails("CANNOT open the call log, calls are recorded without it as long", failure);
+            nextId = System.currentTimeMillis();  // above all that can be in it
         }
     }
 
@@ -57,18 +68,36 @@ final class CallLog implements Closeable {
         return nextId++;
     }
 
-    /** Whether a file was moved aside, so that there may be recordings without a row. */
-    boolean wasMovedAside() {
-        return movedAside;
-    }
-
-    /** Whether the last commit failed. */
+    /** Whether the last commit failed; for any thread. */
     boolean isFailing() {
         return failing;
     }
 
-    int waiting() {
-        return waiting.size();
+    /** How often it could not be written, was damaged or was gone; for any thread. */
+    long failures() {
+        return failures.get();
+    }
+
+    /** To be called every second or so: begins it anew when its file is gone. */
+    void look() {
+        if (log != null && isGone()) {
+            failures.incrementAndGet();
+            news.accept("calls.db IS GONE, removed or moved while it was written: it is begun anew;"
+                    + " dspcard-calls recover makes rows of the recordings");
+            closeQuietly();
+            unfinished.forEach(waiting::putIfAbsent);
+        }
+        if (log == null) {
+            commit();
+        }
+    }
+
+    /** Reads all of it; when it is damaged anywhere it is moved aside and a new one begun. */
+    void readAll() throws IOException {
+        rows(() -> {
+            CallTable.requireSound(log);
+            return List.of();
+        });
     }
 
     /** The row of a call as it is now; in the log once {@link #commit} has returned true. */
@@ -87,7 +116,7 @@ final class CallLog implements Closeable {
 
     /** Forces all rows that were put to the disk; false when they must wait. */
     boolean commit() {
-        if (waiting.isEmpty()) {
+        if (waiting.isEmpty() && log != null && !failing) {
             return true;
         }
         if (failing && System.nanoTime() - tried < AGAIN_NANOS) {
@@ -108,20 +137,18 @@ final class CallLog implements Closeable {
             failing = false;
             lost = 0;
         } catch (SQLException | IOException failure) {
-            if (!failing) {
-                news.accept("CANNOT write the call log, its rows wait: " + reason(failure));
-            }
-            failing = true;
+            fails("CANNOT write the call log, its rows wait", failure);
         }
-        tried = System.nanoTime();
         return !failing;
     }
 
     /** Rows of calls that are not over. */
     List<CallRow> unfinished() throws IOException {
-        List<CallRow> rows = new ArrayList<>();
-        ask(() -> CallFilter.goingOn(log, rows::add));
-        return rows;
+        return rows(() -> {
+            List<CallRow> found = new ArrayList<>();
+            CallFilter.goingOn(log, found::add);
+            return found;
+        });
     }
 
     /** Recordings that are there, the oldest first. */
@@ -130,11 +157,18 @@ final class CallLog implements Closeable {
                 + " ORDER BY start_ms LIMIT " + most);
     }
 
-    /** Recordings that were removed last, as far as the oldest ones are removed first. */
+    /** The latest recording that is there; none in a new log. */
+    List<CallRow> newestKept() throws IOException {
+        return rows("SELECT * FROM call WHERE sha256 IS NOT NULL AND removed_ms IS NULL"
+                + " ORDER BY start_ms DESC LIMIT 1");
+    }
+
+    /** Recordings that were removed last: before all but the oldest ones that are there. */
     List<CallRow> removedLast(int most) throws IOException {
         return rows("SELECT * FROM call WHERE removed_ms IS NOT NULL AND start_ms <= coalesce("
-                + "(SELECT min(start_ms) FROM call WHERE sha256 IS NOT NULL AND removed_ms IS NULL),"
-                + " 9e18) ORDER BY start_ms DESC LIMIT " + most);
+                + "(SELECT start_ms FROM call WHERE sha256 IS NOT NULL AND removed_ms IS NULL"
+                + " ORDER BY start_ms LIMIT 1 OFFSET " + most + "), 9e18)"
+                + " ORDER BY start_ms DESC LIMIT " + most);
     }
 
     /** Calls of the line that began at that moment, whatever their file is called. */
@@ -148,6 +182,19 @@ final class CallLog implements Closeable {
         tried -= AGAIN_NANOS;
         commit();
         closeQuietly();
+    }
+
+    private void openOrBegin() throws SQLException, IOException {
+        try {
+            open();
+        } catch (SQLException failure) {
+            closeQuietly();
+            if (!isDamaged(failure)) {
+                throw failure;
+            }
+            moveAside(failure);
+            open();
+        }
     }
 
     private void open() throws SQLException, IOException {
@@ -165,7 +212,32 @@ final class CallLog implements Closeable {
             folder.force();
         }
         CallTable.requireReadable(log);
+        openFile = keyOf(file);
         nextId = Math.max(nextId, CallTable.number(log, "SELECT max(id) FROM call") + 1);
+    }
+
+    private boolean isGone() {
+        try {
+            return !keyOf(folder.path().resolve(CallTable.FILE)).equals(openFile);
+        } catch (NoSuchFileException gone) {
+            return true;
+        } catch (IOException unknown) {
+            return false;
+        }
+    }
+
+    private static Object keyOf(Path file) throws IOException {
+        return Files.readAttributes(file, BasicFileAttributes.class, LinkOption.NOFOLLOW_LINKS)
+                .fileKey();
+    }
+
+    private void fails(String what, Exception failure) {
+        if (!failing) {
+            failures.incrementAndGet();
+            news.accept(what + ": " + reason(failure));
+        }
+        failing = true;
+        tried = System.nanoTime();
     }
 
     private void write() throws SQLException {
@@ -183,6 +255,7 @@ final class CallLog implements Closeable {
     }
 
     private void execute(String command) throws SQLException {
+        requireOpen();
         try (Statement statement = log.createStatement()) {
             statement.execute(command);
         }
@@ -193,9 +266,7 @@ final class CallLog implements Closeable {
         if (isKind(failure, SQLiteErrorCode.SQLITE_BUSY)) {
             throw failure;  // somebody else writes to it, and has been waited for
         } else if (isDamaged(failure)) {
-            closeQuietly();
-            moveAsideAndOpen(failure);
-            unfinished.forEach(waiting::putIfAbsent);
+            moveAside(failure);
         } else if (isKind(failure, SQLiteErrorCode.SQLITE_FULL) || room.isUsedUp()) {
             room.wasFull();
             if (!room.giveToLog()) {
@@ -203,15 +274,14 @@ final class CallLog implements Closeable {
             }
         } else {
             closeQuietly();
-            open();
+        }
+        if (log == null) {
+            openOrBegin();
         }
     }
 
-    private void moveAsideAndOpen(SQLException unusable) throws IOException {
+    private void moveAside(SQLException unusable) throws IOException {
         closeQuietly();
-        if (!isDamaged(unusable)) {
-            throw new IOException("the call log cannot be opened: " + reason(unusable), unusable);
-        }
         String aside = CallTable.FILE + ".aside-" + Utc.stamp(Instant.now());
         for (String part : new String[] {"", "-wal", "-shm"}) {
             Path path = folder.path().resolve(CallTable.FILE + part);
@@ -219,39 +289,47 @@ final class CallLog implements Closeable {
                 Files.move(path, folder.path().resolve(aside + part));
             }
         }
-        movedAside = true;
+        failures.incrementAndGet();
+        unfinished.forEach(waiting::putIfAbsent);
         news.accept("CANNOT use calls.db: %s; moved aside as %s, a new one is begun; dspcard-calls"
                 .formatted(reason(unusable), aside) + " recover makes rows of the recordings");
-        try {
-            open();
-        } catch (SQLException failure) {
-            throw new IOException("no call log can be made: " + reason(failure), failure);
-        }
     }
 
     private interface Question {
-        void ask() throws IOException, SQLException;
+        List<CallRow> ask() throws IOException, SQLException;
     }
 
-    private void ask(Question question) throws IOException {
+    private List<CallRow> rows(Question question) throws IOException {
         try {
-            question.ask();
+            try {
+                requireOpen();
+                return question.ask();
+            } catch (SQLException failure) {
+                mend(failure);
+                return question.ask();
+            }
         } catch (SQLException failure) {
             throw new IOException("the call log cannot be read: " + reason(failure), failure);
         }
     }
 
     private List<CallRow> rows(String query) throws IOException {
-        List<CallRow> rows = new ArrayList<>();
-        ask(() -> {
+        return rows(() -> {
+            List<CallRow> rows = new ArrayList<>();
             try (Statement statement = log.createStatement();
                     ResultSet result = statement.executeQuery(query)) {
                 while (result.next()) {
                     rows.add(CallTable.row(result));
                 }
             }
+            return rows;
         });
-        return rows;
+    }
+
+    private void requireOpen() throws SQLException {
+        if (log == null) {
+            throw new SQLException("it is not open");
+        }
     }
 
     private void rollBack() {
@@ -270,6 +348,7 @@ final class CallLog implements Closeable {
         } catch (SQLException useless) {
             // it is opened anew, or the process ends
         }
+        log = null;
     }
 
     private static boolean isDamaged(SQLException failure) {

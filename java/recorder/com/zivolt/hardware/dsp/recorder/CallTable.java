@@ -13,6 +13,7 @@ import java.util.List;
 import java.util.Properties;
 import java.util.stream.Collectors;
 import org.sqlite.SQLiteConfig;
+import org.sqlite.SQLiteErrorCode;
 import org.sqlite.SQLiteOpenMode;
 
 /**
@@ -147,6 +148,16 @@ final class CallTable {
         }
     }
 
+    /** @throws NoLogException when any page of it is damaged; reads them all */
+    static void requireSound(Connection log) throws SQLException {
+        try (Statement statement = log.createStatement();
+                ResultSet result = statement.executeQuery("PRAGMA integrity_check(1)")) {
+            if (!result.next() || !"ok".equals(result.getString(1))) {
+                throw new NoLogException("it is damaged");
+            }
+        }
+    }
+
     static long number(Connection log, String question) throws SQLException {
         try (Statement statement = log.createStatement();
                 ResultSet result = statement.executeQuery(question)) {
@@ -166,6 +177,15 @@ final class CallTable {
     }
 
     static CallRow row(ResultSet result) throws SQLException {
+        try {
+            return wholeRow(result);
+        } catch (IllegalArgumentException | NullPointerException never) {
+            throw new SQLException("a row holds what nobody wrote: " + never.getMessage(), null,
+                    SQLiteErrorCode.SQLITE_CORRUPT.code);
+        }
+    }
+
+    private static CallRow wholeRow(ResultSet result) throws SQLException {
         long removed = result.getLong("removed_ms");
         return new CallRow(result.getLong("id"), result.getInt("line"), result.getInt("card"),
                 Direction.ofCode(result.getString("direction")), result.getString("caller"),

@@ -165,22 +165,37 @@ public final class CallsProgram implements Callable<Integer> {
     }
 
     @Command(name = "recover", description = "Makes a row for each recording that has none, as after"
-            + " a damaged log was moved aside. Not while a recorder runs.")
+            + " a damaged log was moved aside, which it does itself. As the folder's owner, and not"
+            + " while a recorder runs.")
     int recover() throws IOException, SQLException {
         requireNoListOption();
         requireFolder();
+        requireOwner();
+        if (!RecordingFolder.isFile(folder.resolve(CallTable.FILE))
+                && RecordingFolder.days(folder).isEmpty()) {
+            throw new IOException("no calls were recorded here: " + folder
+                    + " has neither a log nor recordings");
+        }
         try (RecordingFolder recordings = RecordingFolder.open(folder)) {
             DiskRoom room = new DiskRoom(recordings, 0, System.out::println);
             CallLog log = new CallLog(recordings, room, System.out::println);
-            new TakeUp(recordings, log, System.out::println).run();
+            log.readAll();
+            new TakeUp(recordings, log, System.out::println).runForAllDays();
             int made = 0;
+            boolean done = true;
             for (Path day : RecordingFolder.days(recordings.path())) {
                 for (String name : RecordingFolder.recordings(day)) {
-                    made += recover(log, name) ? 1 : 0;
+                    try {
+                        made += recover(log, name) ? 1 : 0;
+                    } catch (IOException unreadable) {
+                        System.out.printf("CANNOT make a row of %s: %s%n", name,
+                                Recorder.reason(unreadable));
+                        done = false;
+                    }
                 }
                 log.commit();
             }
-            boolean done = log.commit();
+            done &= log.commit();
             log.close();
             System.out.printf("%d rows made%n", made);
             return done ? 0 : 1;
@@ -310,6 +325,16 @@ public final class CallsProgram implements Callable<Integer> {
     private void requireFolder() throws IOException {
         if (!Files.isDirectory(folder)) {
             throw new IOException("there is no folder " + folder);
+        }
+    }
+
+    /** The recorder could not write what is made here by another. */
+    private void requireOwner() throws IOException {
+        int own = (Integer) Files.getAttribute(Path.of("/proc/self"), "unix:uid");
+        if (own == 0 && (Integer) Files.getAttribute(folder, "unix:uid") != own) {
+            String owner = Files.getOwner(folder).getName();
+            throw new IOException("%s belongs to %s: sudo -u %s dspcard-calls recover --folder %s"
+                    .formatted(folder, owner, owner, folder));
         }
     }
 

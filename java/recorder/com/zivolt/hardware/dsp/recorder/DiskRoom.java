@@ -24,6 +24,7 @@ final class DiskRoom {
     private static final String LOG_ROOM_FILE = "room-for-the-log";
     private static final int GIVEN_AT_ONCE = 1 << 18;
     private static final int PIECE = 1 << 16;
+    private static final String TRIED_FILE = "room-for-a-file";
 
     private final RecordingFolder folder;
     private final long reserve;
@@ -31,6 +32,7 @@ final class DiskRoom {
     private volatile long free;
     private volatile boolean full;
     private volatile boolean low;
+    private volatile long timesFull;
 
     DiskRoom(RecordingFolder folder, long reserve, Consumer<String> news) {
         this.folder = folder;
@@ -52,21 +54,26 @@ final class DiskRoom {
         return low;
     }
 
+    /** How often it became full. */
+    long timesFull() {
+        return timesFull;
+    }
+
     /** To be called every second or so. */
     void look() throws IOException {
         free = measure();
-        if (full && free > 2L * LOG_ROOM) {
+        if (full && free > 2L * LOG_ROOM && takesAFile()) {
             full = false;
             news.accept("the disk has room again, %s: audio is recorded again"
                     .formatted(size(free)));
-        }
-        if (!full && free > 2L * LOG_ROOM) {
-            keepRoomForLog();
         }
         if (low != free < reserve && (free < reserve || free > reserve + reserve / 20)) {
             low = !low;
             news.accept(low ? "WARNING: the disk has only %s left".formatted(size(free))
                     : "the disk has %s again".formatted(size(free)));
+        }
+        if (!full && free > 2L * LOG_ROOM) {
+            keepRoomForLog();
         }
     }
 
@@ -88,6 +95,7 @@ final class DiskRoom {
     void wasFull() {
         if (!full) {
             full = true;
+            timesFull = timesFull + 1;  // this thread alone writes it
             news.accept("THE DISK IS FULL: calls are logged, their audio is not recorded");
         }
     }
@@ -117,6 +125,28 @@ final class DiskRoom {
         return usable;
     }
 
+    /** A quota, or a file system that takes no more files, does not show in what is free. */
+    private boolean takesAFile() throws IOException {
+        try {
+            try (FileChannel channel = FileChannel.open(folder.ownFile(TRIED_FILE),
+                    Set.of(StandardOpenOption.WRITE, LinkOption.NOFOLLOW_LINKS))) {
+                fill(channel, 2 * LOG_ROOM);
+                channel.force(false);
+            }
+            return true;
+        } catch (IOException stillFull) {
+            return false;
+        } finally {
+            Files.deleteIfExists(folder.path().resolve(TRIED_FILE));
+        }
+    }
+
+    private static void fill(FileChannel channel, int bytes) throws IOException {
+        for (int written = 0; written < bytes; written += PIECE) {
+            channel.write(ByteBuffer.allocate(PIECE));
+        }
+    }
+
     private void keepRoomForLog() throws IOException {
         Path file = folder.path().resolve(LOG_ROOM_FILE);
         if (sizeOf(file) == LOG_ROOM) {
@@ -125,9 +155,7 @@ final class DiskRoom {
         folder.ownFile(LOG_ROOM_FILE);
         try (FileChannel channel = FileChannel.open(file, Set.of(StandardOpenOption.WRITE,
                 StandardOpenOption.TRUNCATE_EXISTING, LinkOption.NOFOLLOW_LINKS))) {
-            for (int written = 0; written < LOG_ROOM; written += PIECE) {
-                channel.write(ByteBuffer.allocate(PIECE));
-            }
+            fill(channel, LOG_ROOM);
         }
     }
 

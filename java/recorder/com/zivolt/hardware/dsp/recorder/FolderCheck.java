@@ -69,7 +69,15 @@ final class FolderCheck {
         }
     }
 
-    private String faultOf(CallRow row) throws IOException {
+    private String faultOf(CallRow row) {
+        try {
+            return differenceOf(row);
+        } catch (IOException unreadable) {
+            return "cannot be read: " + Recorder.reason(unreadable);
+        }
+    }
+
+    private String differenceOf(CallRow row) throws IOException {
         boolean there = RecordingFolder.isRecording(folder, row.file());
         if (row.removed() != null) {
             return there ? "is there, though the log says it was removed" : null;

@@ -7,6 +7,7 @@ import com.zivolt.hardware.dsp.client.Registration;
 import java.io.Closeable;
 import java.io.IOException;
 import java.nio.file.Files;
+import java.time.InstantSource;
 import java.util.ArrayDeque;
 import java.util.Deque;
 import java.util.List;
@@ -33,7 +34,7 @@ import picocli.CommandLine.Mixin;
         exitCodeList = {
             "0:recorded; also after Ctrl-C and SIGTERM",
             "1:a card that must be there did not deliver at the end, or something could not be written",
-            "2:wrong usage",
+            "2:wrong usage, or nothing may be written in the folder",
             "3:card 0 or an expected card did not deliver for as long as --exit-when-silent says"})
 public final class LineRecorder implements Callable<Integer> {
     private static final int SILENT = 3;
@@ -108,12 +109,10 @@ public final class LineRecorder implements Callable<Integer> {
         started.push(console);
         console.news("recording into " + folder.path());
         DiskRoom room = new DiskRoom(folder, options.reserve(), console::news);
-        room.look();
         CallLog log = new CallLog(folder, room, console::news);
         new TakeUp(folder, log, console::news).run();
         Retention retention = new Retention(folder, options.keep(), options.keepFree(),
-                console::news);
-        retention.takeUp(log);
+                InstantSource.system(), console::news);
         CallEndCommand command = options.onCallEnd() == null ? null
                 : new CallEndCommand(options.onCallEnd(), folder.path(), console::news);
         recorder = new Recorder(folder, room, log, retention, seen,
@@ -253,7 +252,7 @@ public final class LineRecorder implements Callable<Integer> {
         if (failure instanceof IOException) {
             System.err.println((Journal.takes(2) ? Journal.level("CANNOT start") : "")
                     + "dspcard-record: " + Recorder.reason(failure));
-            return 1;
+            return failure instanceof RecordingFolder.ForbiddenException ? 2 : 1;
         }
         throw failure;
     }

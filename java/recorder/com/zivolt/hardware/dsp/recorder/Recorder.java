@@ -8,6 +8,7 @@ import java.nio.file.FileSystemException;
 import java.time.Instant;
 import java.util.ArrayList;
 import java.util.EnumMap;
+import java.util.HashMap;
 import java.util.Iterator;
 import java.util.List;
 import java.util.Map;
@@ -26,6 +27,7 @@ final class Recorder implements Closeable {
     private static final long WAIT_MS = 100;
     private static final long FORCE_NANOS = 5_000_000_000L;
     private static final long LOOK_NANOS = 1_000_000_000L;
+    private static final long TOLD_AGAIN_NANOS = 10_000_000_000L;
 
     private final RecordingFolder folder;
     private final DiskRoom room;
@@ -41,10 +43,9 @@ final class Recorder implements Closeable {
     private final AtomicLong failures = new AtomicLong();
     private final CallsSeen seen;
     private final List<CallRow> logged = new ArrayList<>();
+    private final Map<String, Long> troubles = new HashMap<>();
     private volatile boolean ending;
     private boolean losing;
-    private String trouble = "";
-    private boolean troubled;
     private long forced;
     private long looked;
 
@@ -117,9 +118,9 @@ final class Recorder implements Closeable {
         return outcomes.get(outcome).get();
     }
 
-    /** Things that could not be written. */
+    /** Things that could not be written; the log and a full disk are one each time. */
     long failures() {
-        return failures.get();
+        return failures.get() + log.failures() + room.timesFull();
     }
 
     boolean isAlive() {
@@ -138,13 +139,17 @@ final class Recorder implements Closeable {
         return room;
     }
 
+    Retention retention() {
+        return retention;
+    }
+
     private void run() {
         forced = System.nanoTime();
         looked = forced;
+        guarded(room::look);
+        guarded(() -> retention.takeUp(log));
         while (!ending) {
             guarded(this::turn);
-            trouble = troubled ? trouble : "";
-            troubled = false;
         }
         guarded(this::turn);
         guarded(() -> {
@@ -164,11 +169,11 @@ final class Recorder implements Closeable {
             step.run();
         } catch (IOException | InterruptedException | RuntimeException failure) {
             progress.troubled(reason(failure));
-            if (!trouble.equals(reason(failure))) {
+            long now = System.nanoTime();
+            troubles.values().removeIf(last -> now - last > TOLD_AGAIN_NANOS);
+            if (troubles.put(reason(failure), now) == null) {
                 fail("go on as usual", failure);
             }
-            trouble = reason(failure);
-            troubled = true;
         }
     }
 
@@ -190,8 +195,9 @@ final class Recorder implements Closeable {
         }
         if (now - looked > LOOK_NANOS) {
             looked = now;
-            room.look();
-            retention.look(log, room);
+            guarded(room::look);
+            guarded(log::look);
+            guarded(() -> retention.look(log, room));
         }
         seen.update(keeper);
         progress.turned();
@@ -231,11 +237,13 @@ final class Recorder implements Closeable {
         for (Call call : keeper.calls()) {
             writeAudio(call);
             if (call.spool() != null && call.checksum() == null) {
-                if (call.outcome().isOver()) {
-                    attempt(call, "close", call.spool()::finish);
+                boolean over = call.outcome().isOver();
+                if (over && !attempt(call, "close", call.spool()::finish)
+                        || !over && force && !attempt(call, "force", call.spool()::force)) {
+                    call.mayBeLost(room.isFull());
+                }
+                if (over) {
                     call.closedWith(call.spool().checksum());
-                } else if (force) {
-                    attempt(call, "force", call.spool()::force);
                 }
             }
         }

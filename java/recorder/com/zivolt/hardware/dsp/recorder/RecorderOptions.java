@@ -93,7 +93,8 @@ final class RecorderOptions {
     private Integer keepDays;
 
     @Option(names = "--keep-free", paramLabel = "SIZE",
-            description = "Remove the oldest recordings when the disk has less room.")
+            description = "Remove the oldest recordings when the disk has less room, but"
+                    + " none of the last 24 hours.")
     private String keepFree;
 
     @Option(names = "--on-call-end", paramLabel = "COMMAND",

@@ -9,8 +9,10 @@ import java.nio.channels.FileChannel;
 import java.nio.channels.FileLock;
 import java.nio.channels.OverlappingFileLockException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.AccessDeniedException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.FileAlreadyExistsException;
+import java.nio.file.FileSystemException;
 import java.nio.file.Files;
 import java.nio.file.OpenOption;
 import java.nio.file.Path;
@@ -18,6 +20,7 @@ import java.nio.file.StandardOpenOption;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermission;
 import java.nio.file.attribute.PosixFilePermissions;
+import java.time.DateTimeException;
 import java.time.Instant;
 import java.util.ArrayList;
 import java.util.Comparator;
@@ -59,12 +62,32 @@ final class RecordingFolder implements Closeable {
         this.lock = lock;
     }
 
+    /** Nothing may be written there, which no further try mends. */
+    static final class ForbiddenException extends IOException {
+        private static final long serialVersionUID = 1;
+
+        ForbiddenException(FileSystemException reason) {
+            super("nothing may be written in the folder: " + reason, reason);
+        }
+    }
+
     /**
      * Makes the folder when it is not there.
      *
+     * @throws ForbiddenException when whoever runs this may not write there
      * @throws IOException when it cannot be used; when another recorder has it, that says which
      */
     static RecordingFolder open(Path path) throws IOException {
+        try {
+            return made(path);
+        } catch (FileSystemException failure) {
+            boolean forbidden = failure instanceof AccessDeniedException
+                    || String.valueOf(failure.getReason()).contains("Read-only file system");
+            throw forbidden ? new ForbiddenException(failure) : failure;
+        }
+    }
+
+    private static RecordingFolder made(Path path) throws IOException {
         if (Files.exists(path) && !Files.isDirectory(path)) {
             throw new IOException(path + " is no folder");
         }
@@ -138,12 +161,19 @@ final class RecordingFolder implements Closeable {
                 Files.delete(made);
             }
             changed.add(file.getParent());
-            if (!Utc.day(Instant.now()).equals(file.getParent().getFileName().toString())
-                    && isEmpty(file.getParent())) {
-                changed.remove(file.getParent());
-                Files.delete(file.getParent());
-                changed.add(path);
+            if (!Utc.day(Instant.now()).equals(file.getParent().getFileName().toString())) {
+                removeIfEmpty(file.getParent());
             }
+        }
+    }
+
+    private void removeIfEmpty(Path day) {
+        try {
+            Files.delete(day);
+            changed.remove(day);
+            changed.add(path);
+        } catch (IOException needed) {
+            // or may not be removed, which harms nobody
         }
     }
 
@@ -188,9 +218,13 @@ final class RecordingFolder implements Closeable {
         String plain = name.substring(name.lastIndexOf('/') + 1);
         Matcher parts = NAME.matcher(plain.endsWith(PART)
                 ? plain.substring(0, plain.length() - PART.length()) : plain);
-        return parts.matches()
-                ? new NameFacts(Integer.parseInt(parts.group(1)), Utc.ofStamp(parts.group(2)))
-                : null;
+        try {
+            return parts.matches()
+                    ? new NameFacts(Integer.parseInt(parts.group(1)), Utc.ofStamp(parts.group(2)))
+                    : null;
+        } catch (DateTimeException noSuchDay) {
+            return null;
+        }
     }
 
     @Override
@@ -204,9 +238,7 @@ final class RecordingFolder implements Closeable {
         try {
             FileLock taken = channel.tryLock();
             if (taken != null) {
-                channel.truncate(0);
-                channel.write(StandardCharsets.US_ASCII.encode(
-                        Long.toString(ProcessHandle.current().pid())));
+                tellHolder(channel);
                 return channel;
             }
         } catch (OverlappingFileLockException ours) {
@@ -219,6 +251,17 @@ final class RecordingFolder implements Closeable {
                 + StandardCharsets.US_ASCII.decode(holder.flip()) + ", has " + file.getParent());
     }
 
+    /** For whoever finds it locked. */
+    private static void tellHolder(FileChannel channel) {
+        try {
+            channel.truncate(0);
+            channel.write(StandardCharsets.US_ASCII.encode(
+                    Long.toString(ProcessHandle.current().pid())));
+        } catch (IOException full) {
+            // it is locked without
+        }
+    }
+
     private boolean isTaken(String name) {
         return name.equals(lastName) || Files.exists(path.resolve(name), NOFOLLOW_LINKS)
                 || Files.exists(path.resolve(name + PART), NOFOLLOW_LINKS);
@@ -226,12 +269,6 @@ final class RecordingFolder implements Closeable {
 
     private static boolean isFolder(Path folder) {
         return Files.isDirectory(folder, NOFOLLOW_LINKS);
-    }
-
-    private static boolean isEmpty(Path folder) throws IOException {
-        try (DirectoryStream<Path> files = Files.newDirectoryStream(folder)) {
-            return !files.iterator().hasNext();
-        }
     }
 
     private static void requireFolder(Path folder) throws IOException {

@@ -56,6 +56,7 @@ final class Status {
         if (recorder.failures() > 0) {
             warnings.add("%d times something could not be written".formatted(recorder.failures()));
         }
+        warnings.addAll(recorder.retention().warnings());
         if (recorder.dropped() > 0) {
             warnings.add("%d events were dropped, they came too fast".formatted(
                     recorder.dropped()));

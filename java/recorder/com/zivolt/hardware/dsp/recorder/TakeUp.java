@@ -19,6 +19,7 @@ final class TakeUp {
     private final RecordingFolder folder;
     private final CallLog log;
     private final Consumer<String> news;
+    private int taken;
 
     TakeUp(RecordingFolder folder, CallLog log, Consumer<String> news) {
         this.folder = folder;
@@ -27,29 +28,71 @@ final class TakeUp {
     }
 
     /** How many calls and callers were taken up. */
-    int run() throws IOException {
-        int taken = 0;
-        for (CallRow row : log.unfinished()) {
-            log.put(row.outcome() == Outcome.RINGING
-                    ? row.finished(Outcome.MISSED, null, 0, null) : closed(row));
-            ++taken;
+    int run() {
+        return run(DAYS);
+    }
+
+    /** The same, however long ago files without a row were left. */
+    int runForAllDays() {
+        return run(Integer.MAX_VALUE);
+    }
+
+    /** What cannot be taken up is told, and left as it is. */
+    private int run(int latestDays) {
+        if (log.isFailing()) {
+            return 0;  // whoever has a log again takes them up
         }
-        List<Path> days = RecordingFolder.days(folder.path());
-        for (Path day : days.subList(0, Math.min(DAYS, days.size()))) {
-            for (String name : RecordingFolder.recordings(day)) {
-                if (name.endsWith(RecordingFolder.PART)) {
-                    log.put(closed(rowOf(plain(name)), plain(name)));
-                    ++taken;
-                }
+        taken = 0;
+        guarded("the calls that the log says go on", () -> {
+            for (CallRow row : log.unfinished()) {
+                takeUp("call " + row.id(), () -> row.outcome() == Outcome.RINGING
+                        ? row.finished(Outcome.MISSED, null, 0, null) : closed(row));
             }
-        }
-        folder.force();
+        });
+        guarded("files without a row", () -> {
+            for (Path day : RecordingFolder.days(folder.path()).stream().limit(latestDays).toList()) {
+                guarded("the files of " + day, () -> takeUp(day));
+            }
+        });
+        guarded("the folder", folder::force);
         log.commit();
         if (taken > 0) {
             news.accept("taken up what an earlier recorder left: %d calls were cut off or missed"
                     .formatted(taken));
         }
         return taken;
+    }
+
+    private void takeUp(Path day) throws IOException {
+        for (String name : RecordingFolder.recordings(day)) {
+            if (name.endsWith(RecordingFolder.PART)) {
+                takeUp(name, () -> closed(rowOf(plain(name)), plain(name)));
+            }
+        }
+    }
+
+    private interface Closer {
+        CallRow close() throws IOException;
+    }
+
+    private void takeUp(String what, Closer closer) {
+        guarded(what, () -> {
+            log.put(closer.close());
+            ++taken;
+        });
+    }
+
+    private interface Step {
+        void run() throws IOException;
+    }
+
+    private void guarded(String what, Step step) {
+        try {
+            step.run();
+        } catch (IOException | RuntimeException failure) {
+            news.accept("CANNOT take up %s: %s".formatted(Printable.escaped(what),
+                    Recorder.reason(failure)));
+        }
     }
 
     private CallRow closed(CallRow row) throws IOException {
@@ -60,8 +103,12 @@ final class TakeUp {
 
     /** Gives the file its name, unless it has it already. */
     private CallRow closed(CallRow row, String name) throws IOException {
+        boolean part = isThere(name + RecordingFolder.PART);
+        // First of all, so that a file that cannot be read keeps its name.
+        String checksum = SpoolFile.checksum(folder.path().resolve(part
+                ? name + RecordingFolder.PART : name));
         String free = name;
-        if (isThere(name + RecordingFolder.PART)) {
+        if (part) {
             if (isThere(name)) {
                 free = folder.freeName(row.line(), row.start());
                 Files.move(folder.path().resolve(name + RecordingFolder.PART),
@@ -71,7 +118,7 @@ final class TakeUp {
         }
         Path file = folder.path().resolve(free);
         Outcome how = row.outcome().isOver() ? row.outcome() : Outcome.PROCESS_END;
-        return row.finished(how, free, Files.size(file), SpoolFile.checksum(file));
+        return row.finished(how, free, Files.size(file), checksum);
     }
 
     private CallRow rowOf(String name) throws IOException {

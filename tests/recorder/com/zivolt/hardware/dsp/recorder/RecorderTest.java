@@ -7,6 +7,8 @@ import com.zivolt.hardware.dsp.client.*;
 import com.zivolt.hardware.dsp.client.CardEvent.*;
 import java.io.IOException;
 import java.io.StringWriter;
+import java.nio.ByteBuffer;
+import java.nio.channels.FileChannel;
 import java.nio.file.*;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.sql.*;
@@ -34,6 +36,7 @@ class RecorderTest {
     private CallLog log;
     private Retention retention;
     private Recorder recorder;
+    private Instant now = START;
     private int second;
 
     @AfterEach
@@ -96,6 +99,7 @@ class RecorderTest {
         String open = rows(new CallFilter().line(2)).get(0).file();
         Files.move(image.resolve(open + ".part"), image.resolve(open));  // named, but no row yet
         Files.writeString(image.resolve("20260301Z/line00-20260301T235959.500Z.raw.part"), "seven..");
+        Files.createFile(image.resolve("20260301Z/line00-20261332T000000.000Z.raw.part"));
         close();
         path = image;
         begin("image");
@@ -136,13 +140,56 @@ class RecorderTest {
         }
         Files.delete(path.resolve("calls.db"));
         Files.createSymbolicLink(path.resolve("calls.db"), temporary.resolve("elsewhere"));
-        assertThrows(IOException.class, () -> begin("log"));
+        begin("log");
+        play(new CallStarted(at(), 3), audio(), audio());
+        awaitThat(() -> told.toString().contains("CANNOT open the call log"));
         assertFalse(Files.exists(temporary.resolve("elsewhere")), "a link was followed");
-        folder.close();
         Files.delete(path.resolve("calls.db"));
+        awaitThat(() -> told.contains("the call log is written again"));
+        Files.delete(path.resolve("calls.db"));
+        awaitThat(() -> told.toString().contains("calls.db IS GONE"));
+        play(new CallEnded(at(), 3), audio());
+        awaitThat(() -> ended.size() == 5);
+        assertEquals(2, recorder.failures());
+        close();
+        assertEquals(1200, rows(new CallFilter().line(3)).get(0).bytes());
         folder = RecordingFolder.open(path);
         assertTrue(assertThrows(IOException.class, () -> RecordingFolder.open(path))
                 .getMessage().contains("process " + ProcessHandle.current().pid()));
+    }
+
+    @Test
+    void aLogWithAnyPageDamagedCostsNoCall() throws Exception {
+        begin("sound");
+        play(new CallStarted(at(), 1), audio(), new CallEnded(at(), 1), audio(),
+                new CallStarted(at(), 2), new CallerIdentified(at(), 2, "A"), audio());
+        awaitThat(() -> ended.size() == 1 && rows(new CallFilter()).size() == 2);
+        long pages;
+        try (Connection other = CallTable.openForWriting(path.resolve("calls.db"))) {
+            CallTable.number(other, "PRAGMA wal_checkpoint(TRUNCATE)");
+            pages = CallTable.number(other, "PRAGMA page_count");
+        }
+        Path sound = path;
+        Path image = temporary.resolve("image");
+        copy(sound, image);
+        close();
+        assertTrue(pages > 5, "each index has one");
+        for (int page = 0; page < pages; ++page) {
+            path = temporary.resolve("page " + page);
+            copy(image, path);
+            ByteBuffer zeros = ByteBuffer.allocate(4096);
+            try (FileChannel db = FileChannel.open(path.resolve("calls.db"),
+                    StandardOpenOption.WRITE)) {
+                db.write(zeros, page * 4096L);
+            }
+            begin("page " + page);
+            play(new CallStarted(at(), 3), audio(), new CallEnded(at(), 3), audio());
+            close();
+            assertEquals(List.of(Outcome.COMPLETE), rows(new CallFilter().line(3)).stream()
+                    .map(CallRow::outcome).toList(), page + ": " + told);
+            assertTrue(told.removeIf(line -> line.startsWith("CANNOT use calls.db")), "" + page);
+            assertEquals(List.of(), told.stream().filter(line -> line.startsWith("CANNOT")).toList());
+        }
     }
 
     @Test
@@ -160,6 +207,7 @@ class RecorderTest {
             statement.execute("ROLLBACK");
             awaitThat(() -> ended.size() == 1);
         }
+        assertEquals(1, recorder.failures());
         close();
         assertTrue(told.contains("the call log is written again"));
         assertEquals(Outcome.COMPLETE, rows(new CallFilter()).get(0).outcome());
@@ -188,16 +236,29 @@ class RecorderTest {
             play(new CallStarted(at(), call % 4), audio(), new CallEnded(at(), call % 4), audio());
         }
         close();
-        open(Duration.between(START, Instant.now()).minusSeconds(4), 0);
+        open(null, 0);
+        now = START.plus(Duration.ofHours(23));
+        look(null, room.free() + 1);
+        assertEquals(Collections.nCopies(5, false), removed());
+        assertTrue(told.toString().contains("only recordings of the last day are left"));
+        now = START.plus(Duration.ofDays(2));
+        look(null, room.free() + 1);
+        assertEquals(List.of(true, false, false, false, false), removed());
+        assertTrue(retention.warnings().get(0).startsWith("for want of room 1 recordings"));
+        look(Duration.ofHours(1), 0);
+        assertEquals(List.of(true, false, false, false, false), removed(), "by a wrong clock");
+        Path second = path.resolve(rows(new CallFilter()).get(1).file());
+        Files.delete(second);
+        Files.createDirectories(second.resolve("not to be removed"));
+        look(Duration.ofDays(2).minusSeconds(6), 0);
+        assertEquals(List.of(true, false, true, false, false), removed());
+        assertTrue(retention.warnings().get(0).startsWith("1 recordings cannot be removed"));
+        now = now.plus(Duration.ofHours(1));
         retention.look(log, room);
-        close();
-        assertEquals(List.of(true, true, false, false, false), removed());
-        assertEquals(List.of(), problems(true));
-        for (CallRow row : rows(new CallFilter().line(2))) {
-            Files.createFile(path.resolve(row.file() + ".wav"));
-        }
-        open(null, Long.MAX_VALUE);
-        retention.look(log, room);
+        assertEquals(List.of(true, false, true, false, false), removed(), "the clock was set");
+        Files.delete(second.resolve("not to be removed"));
+        Files.createFile(path.resolve(rows(new CallFilter()).get(3).file() + ".wav"));
+        look(null, Long.MAX_VALUE);
         close();
         assertEquals(Collections.nCopies(5, true), removed());
         assertFalse(Files.exists(path.resolve("20260301Z")));
@@ -228,6 +289,31 @@ class RecorderTest {
             assertEquals(question.getValue(), rows(question.getKey()).stream()
                     .map(row -> "" + row.line()).collect(Collectors.joining()));
         }
+        List<Integer> lines = new ArrayList<>();
+        try (Connection reader = CallTable.openForReading(path.resolve("calls.db"));
+                Connection writer = CallTable.openForWriting(path.resolve("calls.db"))) {
+            new CallFilter().from(START).all(reader, 2, row -> {
+                lines.add(row.line());
+                CallTable.number(writer, "UPDATE call SET missed = missed RETURNING missed");
+                assertEquals(0, CallTable.number(writer, "PRAGMA wal_checkpoint(RESTART)"),
+                        "a taker that pauses holds up the journal");
+            });
+        }
+        assertEquals(List.of(0, 1, 2, 3), lines);
+    }
+
+    @Test
+    void twoThousandCallsAMinuteAreKept() throws Exception {
+        begin("many");
+        for (int call = 0; call < 500; ++call) {  // for a quarter of one is waited
+            play(new CallStarted(at(), call % 4), audio(), new CallEnded(at(), call % 4));
+        }
+        play(audio());
+        awaitThat(() -> recorder.count(Outcome.COMPLETE) == 500);
+        assertEquals(0, recorder.failures() + recorder.dropped());
+        close();
+        assertTrue(rows(new CallFilter()).stream().allMatch(row -> row.bytes() == 600));
+        assertEquals(List.of(), problems(true));
     }
 
     @Test
@@ -262,7 +348,12 @@ class RecorderTest {
         room = new DiskRoom(folder, 0, told::add);
         room.look();
         log = new CallLog(folder, room, told::add);
-        retention = new Retention(folder, keep, keepFree, told::add);
+        retention = new Retention(folder, keep, keepFree, () -> now, told::add);
+    }
+
+    private void look(Duration keep, long keepFree) throws IOException {
+        retention = new Retention(folder, keep, keepFree, () -> now, told::add);
+        retention.look(log, room);
     }
 
     private void close() throws IOException {
