@@ -82,10 +82,10 @@ misuse() {
 
 # A folder of another user: the recorder may not write there, and root makes nothing in it.
 rights() {
-    ((EUID == 0)) && command -v setpriv >/dev/null || {
+    if ((EUID != 0)) || ! command -v setpriv >/dev/null; then
         echo 'skipped: only root can be another user, by setpriv (Debian package util-linux)'
         exit 77
-    }
+    fi
     local nobody=(setpriv --reuid 65534 --clear-groups)
     chmod 755 "$work" && mkdir -m 755 "$work/ours" "$work/theirs" "$work/theirs/20261123Z"
     chown -R nobody "$work/theirs"
@@ -197,17 +197,17 @@ reboot() {
 # A disk that is full from the start, then has room, then is full again at the next start: each time
 # calls are logged, and everybody can know. The disk is a small one in memory.
 full() {
-    ((EUID == 0)) && unshare --mount true || {
+    if ((EUID != 0)) || ! unshare --mount true; then
         echo 'skipped: no small disk can be mounted here'
         exit 77
-    }
+    fi
     unshare --mount "$0" on_full_disk "${arguments[@]}"
 }
 
 on_full_disk() {
-    local status=0 record=("${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" --reserve 1M)
+    local i status=0 record=("${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" --reserve 1M)
     mkdir "$work/calls"
-    mount -t tmpfs -o size=20m tmpfs "$work/calls"
+    mount -t tmpfs -o size=20m,nr_inodes=400 tmpfs "$work/calls"
     head -c 100M /dev/zero >"$work/calls/filling" || true
     start "${record[@]}" --seconds 12
     await 'THE DISK IS FULL'
@@ -225,6 +225,12 @@ on_full_disk() {
     start "${record[@]}"
     await 'call ended, no recording'
     [[ $(metric write_failures_total) == 1 ]]
+    for ((i = 0; i < 400; ++i)); do
+        : >"$work/calls/more$i" || break
+    done
+    : >"$work/calls/filling" # bytes enough, and none for another file
+    sleep 3
+    ((i < 400 && $(grep -c 'has room again' "$work/said") == 0))
     stop
     (($("${calls[@]}" --folder "$work/calls" --outcome disk-full --format csv | wc -l) > 3))
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"

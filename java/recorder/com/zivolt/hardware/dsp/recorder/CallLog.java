@@ -46,7 +46,7 @@ final class CallLog implements Closeable {
     private long tried;
     private long lost;
 
-    /** When it cannot be opened that is told, and tried again with each commit. */
+    /** When it cannot be opened that is told, and tried again every second. */
     CallLog(RecordingFolder folder, DiskRoom room, Consumer<String> news) {
         this.folder = folder;
         this.room = room;
@@ -188,7 +188,6 @@ final class CallLog implements Closeable {
         try {
             open();
         } catch (SQLException failure) {
-            closeQuietly();
             if (!isDamaged(failure)) {
                 throw failure;
             }
@@ -207,13 +206,21 @@ final class CallLog implements Closeable {
             }
         }
         log = CallTable.openForWriting(file);
-        if (CallTable.isNew(log)) {
-            CallTable.make(log);
-            folder.force();
+        boolean usable = false;
+        try {
+            if (CallTable.isNew(log)) {
+                CallTable.make(log);
+                folder.force();
+            }
+            CallTable.requireReadable(log);
+            openFile = keyOf(file);
+            nextId = Math.max(nextId, CallTable.number(log, "SELECT max(id) FROM call") + 1);
+            usable = true;
+        } finally {
+            if (!usable) {
+                closeQuietly();
+            }
         }
-        CallTable.requireReadable(log);
-        openFile = keyOf(file);
-        nextId = Math.max(nextId, CallTable.number(log, "SELECT max(id) FROM call") + 1);
     }
 
     private boolean isGone() {
