@@ -257,10 +257,12 @@ class RecorderTest {
         retention.look(log, room);
         assertEquals(List.of(true, false, true, false, false), removed(), "the clock was set");
         Files.delete(second.resolve("not to be removed"));
-        Files.createFile(path.resolve(rows(new CallFilter()).get(3).file() + ".wav"));
+        Path made = path.resolve(rows(new CallFilter()).get(3).file() + ".wav");
+        Files.createFile(made);
         look(null, Long.MAX_VALUE);
         close();
         assertEquals(Collections.nCopies(5, true), removed());
+        assertFalse(Files.exists(made));
         assertFalse(Files.exists(path.resolve("20260301Z")));
         assertEquals(List.of(), problems(true));
     }
