@@ -41,6 +41,9 @@ class RecorderTest {
 
     @AfterEach
     void end() throws IOException {
+        if (disk.isHeldByCurrentThread()) {
+            disk.unlock();
+        }
         close();
     }
 
