@@ -57,11 +57,14 @@ health() { curl -s "$url/health"; }
 misuse() {
     printf 'triger = vox-1\n' >"$work/config"
     expect 2 "there is no option triger" "${recorder[@]}" --config "$work/config"
+    printf '# gr\374n\n' >"$work/config"
+    expect 2 'is not in UTF-8' "${recorder[@]}" --config "$work/config"
     printf 'folder = %s\nline = 3=vox-2,low,5 16=never\n' "$work/none" >"$work/config"
     expect 2 'Lines are 0 to 15, not 16' "${recorder[@]}" --config "$work/config"
     expect 2 "'loud' is none of" "${recorder[@]}" --beep loud
     expect 2 '4, 8 or none' "${recorder[@]}" --expect 4,5
-    expect 2 'such as 500M' "${recorder[@]}" --reserve plenty
+    printf 'expect = 4,8 \nreserve = plenty\n' >"$work/config"
+    expect 2 'such as 500M' "${recorder[@]}" --config "$work/config"
     expect 2 '127.0.0.1:9273' "${recorder[@]}" --status 9273
     expect 1 'nowhere' "${recorder[@]}" --play "$work/nowhere"
     expect 1 "$work/missing: no such file" "$java" "-Ddspcard.library=$work/missing" -jar \
@@ -71,6 +74,9 @@ misuse() {
     expect 1 'no calls were recorded here' "${calls[@]}" check --folder "$work"
     expect 1 'no calls were recorded here' "${calls[@]}" recover --folder "$work"
     expect 2 'is no time like' "${calls[@]}" --from yesterday
+    expect 2 'table, csv or json' "${calls[@]}" --format xml
+    expect 2 '0 or more' "${calls[@]}" --limit -5
+    expect 2 '--from is for the list' "${calls[@]}" --from 2026-01-01 check --folder "$work"
     expect 0 'dspcard [0-9.]*$' "${recorder[@]}" --version
 }
 
@@ -100,10 +106,13 @@ record() {
     curl -s "$url/calls?search=498" | grep -q '"caller":"0191 498 0123","digits":"5#"'
     curl -s "$url/day" | grep -q '"7":\[\[.*"11":\[\['
     [[ $(metric 'line_recording{card="1",line="11"}') == 1 ]]
+    (($(metric 'line_transfers_total{card="1",line="11"}') > 5))
     [[ $(metric 'calls_total{outcome="complete"}') == 2 ]]
     [[ $(health) == '{"healthy":true'* ]]
     [[ $(curl -s -o "$work/page" -w '%{http_code} %{content_type}' "$url/") == '200 text/html'* ]]
     [[ $(curl -s -X POST -o /dev/null -w '%{http_code}' "$url/") == 405 ]]
+    [[ $(curl -s "$url/calls?from=yesterday") == "'yesterday' is no time like"* ]]
+    [[ $(curl -s -o /dev/null -w '%{http_code}' "$url/day?date=2026-99-99") == 400 ]]
     [[ $(curl -s -H 'Host: elsewhere.example' -o /dev/null -w '%{http_code}' "$url/calls") == 403 ]]
     stop
     grep -q 'COMMAND for the call of line 7.*ended with status 1' "$work/said"
@@ -152,15 +161,21 @@ failures() {
     fails 1 'not running' 'card_running{card="1"}' 'card 1: not running' 1 \
         --fault counter-stuck@60-66/1 --fault dead-after-boot@2/1 "${record[@]}"
     (($(calls_of 0) > 0 && $(calls_of 1) > 0))
-    fails 0 'not running' 'healthy' 'card 0: not running' 3 --fault dead-after-boot \
+    fails 0 'not running' 'healthy' 'card 0: not running' 3 --fault dead-after-boot/0 \
         "${record[@]}" --exit-when-silent 0.1
     grep -q 'without it no line of any card has calls' "$work/said"
+    fails 1 'not running' 'healthy' 'card 1: not running' 3 --fault dead-after-boot/1 \
+        "${record[@]}" --exit-when-silent 0.1 --expect 4,8
     fails "1 has 8" 'lines, not 4' 'healthy' 'card 1 has 8 lines, not 4' 1 "${record[@]}" --expect 4,4
 }
 
-# Seven lock-ups and a new boot, on cards that forget their settings: calls by sound come again.
+# Seven lock-ups and a new boot, on cards that forget their settings: calls by sound come again. The
+# lines have their levels, since the file that takes them is said to be the journal.
 reboot() {
     local again
+    touch "$work/said"
+    JOURNAL_STREAM=$(stat -c %d:%i "$work/said")
+    export JOURNAL_STREAM
     start "${on_cards[@]}" --traffic --seed 1 --fault counter-stuck@60-66/1 -- "${recorder[@]}" \
         --trigger vox-1 --expect 4,8
     await 'CARD 1 restarting'
@@ -170,7 +185,10 @@ reboot() {
     again=$(grep 'runs again' "$work/said" | tail -n 1 | cut -d' ' -f2)
     sleep 3
     [[ $(health) == '{"healthy":true'* ]]
+    timeout 30 "${calls[@]}" --folder "$work/calls" --follow | head -n 1
     stop
+    grep -q '^<3>recorder: .* CARD 1 restarting' "$work/said"
+    grep -q '^recorder: .* card 1 runs again' "$work/said"
     "${calls[@]}" --folder "$work/calls" --from "$again" --format csv | cut -d, -f3 | sort -u |
         tr '\n' ' ' | grep -q '0 1'
     expect 0 ' 0 things wrong' "${calls[@]}" check --folder "$work/calls"
@@ -272,6 +290,20 @@ page() {
     ! grep -q '<img' "$work/page"
 }
 
+# Commands have none of the capabilities that a recorder without root's rights was given. Here it is
+# another one than for real cards, which cardsim takes from everybody.
+capabilities() {
+    local user=(setpriv --reuid nobody --clear-groups --inh-caps=+chown --ambient-caps=+chown)
+    "${user[@]}" test -r "$lib/dspcard-recorder.jar" || {
+        echo 'skipped: only root may give capabilities, to a user who may read what was built'
+        exit 77
+    }
+    chown nobody "$work"
+    expect 0 'calls recorded' "${user[@]}" "${on_cards[@]}" --traffic --seed 1 -- "${recorder[@]}" \
+        --seconds 3 --folder "$work/calls" --on-call-end 'grep CapPrm /proc/self/status >>../caps'
+    [[ $(sort -u "$work/caps") == $'CapPrm:\t0000000000000000' ]]
+}
+
 # On a terminal the table is painted over nothing else's lines, and all is as before at the end.
 terminal() {
     command -v script >/dev/null || {
@@ -309,7 +341,7 @@ wav() {
         exit 77
     }
     local line file
-    line=$(grep '^sox ' "${0%/*}/../../docs/recorder.md")
+    line=$(grep '|| sox ' "${0%/*}/../../docs/recorder.md")
     start "${on_cards[@]}" --scenario "$scenario" --audio pleasant -- "${recorder[@]}"
     await 'line 7: call ended'
     stop

@@ -95,6 +95,15 @@ final class Call {
         changed = true;
     }
 
+    /** It was not his call; who it was. */
+    String takeCaller() {
+        String taken = caller;
+        caller = "";
+        direction = Direction.UNKNOWN;
+        changed = true;
+        return taken;
+    }
+
     void dialled(String more, boolean atBeginning) {
         digits = (digits + more).substring(0, Math.min(digits.length() + more.length(),
                 MOST_DIGITS));

@@ -2,7 +2,11 @@ package com.zivolt.hardware.dsp.recorder;
 
 import java.io.Closeable;
 import java.io.IOException;
+import java.io.UncheckedIOException;
+import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.Locale;
 import java.util.concurrent.ArrayBlockingQueue;
 import java.util.concurrent.RejectedExecutionException;
@@ -10,11 +14,14 @@ import java.util.concurrent.ThreadPoolExecutor;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicLong;
 import java.util.function.Consumer;
+import java.util.stream.Stream;
 
 /**
  * Runs the operator's command for each call that is over, with what is known of the call in its
  * environment: two at a time, a minute each at most, and never so many waiting that the recorder
- * could run out of anything. May be called from any thread.
+ * could run out of anything. A command has none of the capabilities that the recorder may have been
+ * given to drive the cards: what decodes a caller's audio must not reach the machine's memory. May be
+ * called from any thread.
  */
 final class CallEndCommand implements Closeable {
     private static final int AT_ONCE = 2;
@@ -22,7 +29,10 @@ final class CallEndCommand implements Closeable {
     private static final long LIMIT_S = 60;
     private static final long LAST_ONES_S = 20;
 
-    private final String command;
+    private static final Path OWN_STATUS = Path.of("/proc/self/status");
+    private static final Path SETPRIV = Path.of("/usr/bin/setpriv");
+
+    private final List<String> command;
     private final Path folder;
     private final Consumer<String> news;
     private final AtomicLong failures = new AtomicLong();
@@ -34,9 +44,27 @@ final class CallEndCommand implements Closeable {
             });
 
     CallEndCommand(String command, Path folder, Consumer<String> news) {
-        this.command = command;
         this.folder = folder;
         this.news = news;
+        this.command = new ArrayList<>(List.of("/bin/sh", "-c", command));
+        if (hasCapabilitiesToGive()) {
+            if (Files.isExecutable(SETPRIV)) {
+                this.command.addAll(0, List.of(SETPRIV.toString(), "--ambient-caps=-all",
+                        "--inh-caps=-all", "--"));
+            } else {
+                news.accept("WARNING: without %s the commands have the recorder's capabilities"
+                        .formatted(SETPRIV));
+            }
+        }
+    }
+
+    /** Those that a program started from here gets, whoever runs it; root has its own. */
+    private static boolean hasCapabilitiesToGive() {
+        try (Stream<String> facts = Files.lines(OWN_STATUS)) {
+            return facts.anyMatch(fact -> fact.matches("CapAmb:\\s*0*[1-9a-f].*"));
+        } catch (IOException | UncheckedIOException unknown) {
+            return false;
+        }
     }
 
     long failures() {
@@ -90,7 +118,7 @@ final class CallEndCommand implements Closeable {
     }
 
     private Process start(CallRow row) throws IOException {
-        ProcessBuilder builder = new ProcessBuilder("/bin/sh", "-c", command)
+        ProcessBuilder builder = new ProcessBuilder(command)
                 .directory(folder.toFile()).redirectErrorStream(true)
                 .redirectOutput(ProcessBuilder.Redirect.DISCARD)
                 .redirectInput(Path.of("/dev/null").toFile());

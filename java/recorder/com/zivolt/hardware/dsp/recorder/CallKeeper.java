@@ -184,12 +184,10 @@ final class CallKeeper {
         releaseHeld();  // what shows that the card runs is heard
     }
 
-    /** Of calls that began before they were missed. */
     private void miss(int card, long transfers, Duration time) {
         for (LineCalls line : lines.values()) {
-            if (cardNumberOf(line.number()) == card && line.call() != null
-                    && line.call().age_ms(held_ms) >= time.toMillis()) {
-                line.call().miss(transfers, time);
+            if (cardNumberOf(line.number()) == card) {
+                line.miss(transfers, time, held_ms);
             }
         }
     }

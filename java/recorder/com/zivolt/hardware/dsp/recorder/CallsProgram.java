@@ -1,8 +1,11 @@
 package com.zivolt.hardware.dsp.recorder;
 
 import java.io.BufferedWriter;
+import java.io.FileDescriptor;
+import java.io.FileOutputStream;
 import java.io.IOException;
 import java.io.OutputStreamWriter;
+import java.io.UncheckedIOException;
 import java.io.Writer;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -11,6 +14,7 @@ import java.sql.Connection;
 import java.sql.SQLException;
 import java.time.Duration;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
 import java.util.Set;
@@ -18,6 +22,7 @@ import java.util.TreeSet;
 import java.util.concurrent.Callable;
 import picocli.CommandLine;
 import picocli.CommandLine.Command;
+import picocli.CommandLine.Model.OptionSpec;
 import picocli.CommandLine.Option;
 import picocli.CommandLine.ParameterException;
 import picocli.CommandLine.ScopeType;
@@ -32,6 +37,8 @@ import picocli.CommandLine.ScopeType;
         exitCodeList = {"0:done", "1:something is wrong, or could not be read", "2:wrong usage"})
 public final class CallsProgram implements Callable<Integer> {
     private static final Duration FOLLOW_EVERY = Duration.ofSeconds(1);
+    /** So fails what is written to a pipe whose reader has had enough, "head" for instance. */
+    private static final String NOBODY_READS = "Broken pipe";
 
     enum Format { TABLE, CSV, JSON }
 
@@ -102,20 +109,52 @@ public final class CallsProgram implements Callable<Integer> {
 
     @Override
     public Integer call() throws IOException, SQLException, InterruptedException {
-        Format wanted = checked(() -> Format.valueOf(format.toUpperCase(Locale.ROOT)));
+        Format wanted = checked(this::wantedFormat);
         checked(this::filter);
+        if (limit < 0) {
+            throw new ParameterException(line, "--limit takes 0 or more, not " + limit);
+        }
         open().close();  // so that no heading stands above a refusal
-        Writer out = new BufferedWriter(new OutputStreamWriter(System.out, StandardCharsets.UTF_8));
-        try (CallWriter writer = writer(wanted, out)) {
+        // Not System.out, which says nothing when a pipe or disk takes no more.
+        Writer out = new BufferedWriter(new OutputStreamWriter(
+                new FileOutputStream(FileDescriptor.out), StandardCharsets.UTF_8));
+        try {
+            CallWriter writer = writer(wanted, out);
             list(writer, out);
+            writer.close();
+        } catch (UncheckedIOException failure) {
+            requireReader(failure.getCause());
+        } catch (IOException failure) {
+            requireReader(failure);
         }
         return 0;
+    }
+
+    private static void requireReader(IOException failure) throws IOException {
+        if (!NOBODY_READS.equals(failure.getMessage())) {
+            throw failure;
+        }
+    }
+
+    private Format wantedFormat() {
+        return Arrays.stream(Format.values()).filter(one -> one.name().equalsIgnoreCase(format))
+                .findFirst().orElseThrow(() -> new IllegalArgumentException(
+                        "--format takes table, csv or json, not '" + format + "'"));
+    }
+
+    /** What narrows down a list means nothing to the other commands. */
+    private void requireNoListOption() {
+        line.getParseResult().matchedOptions().stream().map(OptionSpec::longestName)
+                .filter(name -> !name.equals("--folder")).findFirst().ifPresent(name -> {
+                    throw new ParameterException(line, name + " is for the list of calls only");
+                });
     }
 
     @Command(name = "check", description = "Compares each row of the log with its file - that it is"
             + " there, its length, its checksum - and each file with its row.")
     int check(@Option(names = "--quick", description = "Without the checksums.") boolean quick)
             throws IOException, SQLException {
+        requireNoListOption();
         try (Connection log = open()) {
             FolderCheck check = new FolderCheck(folder, log, !quick, System.out::println);
             check.run();
@@ -129,6 +168,7 @@ public final class CallsProgram implements Callable<Integer> {
             + " a damaged log was moved aside, which it does itself. As the folder's owner, and not"
             + " while a recorder runs.")
     int recover() throws IOException, SQLException {
+        requireNoListOption();
         requireFolder();
         requireOwner();
         if (!RecordingFolder.isFile(folder.resolve(CallTable.FILE))

@@ -19,9 +19,15 @@ final class CallsSeen {
      * @param state idle, ringing or RECORDING
      * @param since when that began; null before anything has happened
      * @param calls that are over, since the start
+     * @param transfers whose audio belongs to a call, since the start
+     * @param missed transfers within calls, since the start
      */
     record Line(int number, int card, String state, Instant since, String caller, String digits,
-            long bytes, long calls) {
+            long bytes, long calls, long transfers, long missed) {
+        private Line countedAs(LineCalls line) {
+            return new Line(number, card, state, since, caller, digits, bytes, calls,
+                    line.transfers(), line.missed());
+        }
     }
 
     synchronized void update(CallKeeper keeper) {
@@ -33,10 +39,12 @@ final class CallsSeen {
             if (call != null) {
                 lines.put(line.number(), new Line(line.number(), card,
                         line.call() != null ? "RECORDING" : "ringing", call.start(), call.caller(),
-                        call.digits(), call.bytes(), calls));
+                        call.digits(), call.bytes(), calls, line.transfers(), line.missed()));
             } else if (before == null || !before.state().equals("idle")) {
                 lines.put(line.number(), new Line(line.number(), card, "idle", null, "", "", 0,
-                        calls));
+                        calls, line.transfers(), line.missed()));
+            } else {
+                lines.put(line.number(), before.countedAs(line));
             }
         }
     }
@@ -45,7 +53,8 @@ final class CallsSeen {
     synchronized void over(CallRow row) {
         Line before = lines.get(row.line());
         lines.put(row.line(), new Line(row.line(), row.card(), "idle", row.end(), row.caller(),
-                row.digits(), row.bytes(), before == null ? 1 : before.calls() + 1));
+                row.digits(), row.bytes(), before == null ? 1 : before.calls() + 1,
+                before == null ? 0 : before.transfers(), before == null ? 0 : before.missed()));
     }
 
     /** All lines that the cards have told of, in order. */

@@ -8,19 +8,24 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.Locale;
 import java.util.function.Consumer;
+import java.util.stream.IntStream;
 
 /**
  * Tells what becomes of the cards, each trouble once when it begins and once when it ends, and
  * knows which cards there must be. For any thread.
  */
 final class CardNews {
+    private static final int CARDS = 2;
+
     private final Consumer<String> news;
-    private final CardEvent.CardStateChanged[] trouble = new CardEvent.CardStateChanged[2];
+    private final CardEvent.CardStateChanged[] trouble = new CardEvent.CardStateChanged[CARDS];
+    private final List<Integer> required;
     private List<Integer> expected;
     private List<String> missing = List.of();
 
     /** @param expected how many lines each card must have, 0 for no card; null: whatever is found */
     CardNews(List<Integer> expected, Consumer<String> news) {
+        this.required = expected == null ? List.of() : expected;
         this.expected = expected;
         this.news = news;
     }
@@ -65,6 +70,18 @@ final class CardNews {
         wrong.stream().filter(what -> !missing.contains(what))
                 .forEach(what -> news.accept("EXPECTED otherwise: " + what));
         missing = wrong;
+    }
+
+    /**
+     * Cards that do not run and without which there is no point in going on: card 0, through which
+     * settings reach all cards, and those that were said to be expected.
+     */
+    List<Integer> notDelivering(List<CardStatus> cards) {
+        return IntStream.range(0, CARDS)
+                .filter(card -> card == 0 || card < required.size() && required.get(card) > 0)
+                .filter(card -> cards.stream().noneMatch(status -> status.card() == card
+                        && status.state() == CardState.RUNNING))
+                .boxed().toList();
     }
 
     /** What is wrong with the cards now; nothing when all that must be there run. */

@@ -24,6 +24,7 @@ final class Console implements Closeable {
 
     private final PrintStream out;
     private final TerminalTable table;
+    private final boolean toJournal = Journal.takes(1);
     private final BlockingQueue<String> lines = new ArrayBlockingQueue<>(MOST_WAITING);
     private final AtomicLong dropped = new AtomicLong();
     private final Thread thread = new Thread(this::run, "console");
@@ -40,7 +41,9 @@ final class Console implements Closeable {
 
     /** Says a line; never waits. */
     void news(String text) {
-        if (!lines.offer("recorder: " + Utc.seconds(Instant.now()) + " " + plain(text) + "\n")) {
+        String level = toJournal ? Journal.level(text) : "";
+        if (!lines.offer(level + "recorder: " + Utc.seconds(Instant.now()) + " " + plain(text)
+                + "\n")) {
             dropped.incrementAndGet();
         }
     }

@@ -1,6 +1,7 @@
 package com.zivolt.hardware.dsp.recorder;
 
 import com.zivolt.hardware.dsp.client.AudioBlock;
+import java.time.Duration;
 import java.time.Instant;
 import java.util.function.BiConsumer;
 
@@ -8,12 +9,15 @@ import java.util.function.BiConsumer;
  * One line: the call on it, and the rule for whose call a caller and digits belong to. A caller
  * belongs to the call that goes on, if that has none yet, and is one on hold otherwise: missed. With no
  * call going on he is kept for a call that begins within 60 s; after that, or when another caller
- * comes first, he was missed. Digits belong to the call that goes on, to its last transfer
- * included, or to one that begins within 10 s. Whatever a call ends with is gone with it. Without
- * threads, files or clock.
+ * comes first, he was missed. So was he when he has not been identified for 10 s and the call begins
+ * with digits: it goes out. Digits belong to the call that goes on, to its last transfer included, or
+ * to one that begins within 10 s. Whatever a call ends with is gone with it. Without threads, files
+ * or clock.
  */
 final class LineCalls {
     static final long CALLER_WAITS_MS = 60_000;
+    /** Who has not been identified for so long does not ring when somebody dials. */
+    static final long CALLER_RINGS_MS = 10_000;
     static final long DIGITS_WAIT_MS = 10_000;
     /** So soon after its beginning a call that goes out is dialled. */
     static final long BEGINNING_MS = 5_000;
@@ -32,7 +36,12 @@ final class LineCalls {
     private Instant endTime;
     private long end_ms;
     private Call ring;
+    private Instant ringStart;
+    private long ringStart_ms;
     private long rang_ms;
+    private boolean mayHaveGivenUp;
+    private long transfers;
+    private long missed;
     private String dialled = "";
     private long dialled_ms;
 
@@ -54,6 +63,16 @@ final class LineCalls {
     /** The caller who rings; null when nobody does. */
     Call ring() {
         return ring;
+    }
+
+    /** Transfers whose audio belongs to a call, since the start. */
+    long transfers() {
+        return transfers;
+    }
+
+    /** Transfers that were missed within calls, since the start. */
+    long missed() {
+        return missed;
     }
 
     void triggerRose(Instant time, long smooth_ms, boolean running) {
@@ -95,6 +114,8 @@ final class LineCalls {
                 call.calledBy(text);
             } else if (!call.caller().equals(text)) {
                 missed(ring(text, time, smooth_ms));
+            } else {
+                mayHaveGivenUp = false;
             }
             return;
         }
@@ -104,6 +125,8 @@ final class LineCalls {
         }
         if (ring == null) {
             ring = ring(text, time, smooth_ms);
+            ringStart = time;
+            ringStart_ms = smooth_ms;
         }
         rang_ms = smooth_ms;
     }
@@ -111,7 +134,14 @@ final class LineCalls {
     void heardDigits(String digits, long smooth_ms) {
         news.accept(number, "digits " + Printable.escaped(digits));
         if (call != null) {
-            call.dialled(digits, call.age_ms(smooth_ms) <= BEGINNING_MS);
+            boolean atBeginning = call.age_ms(smooth_ms) <= BEGINNING_MS;
+            if (atBeginning && mayHaveGivenUp) {
+                Call caller = maker.make(Outcome.RINGING, ringStart, ringStart_ms);
+                caller.calledBy(call.takeCaller());
+                missed(caller);
+            }
+            mayHaveGivenUp = false;
+            call.dialled(digits, atBeginning);
             return;
         }
         dialled = digitsWait(smooth_ms) ? dialled + digits : digits;
@@ -123,9 +153,18 @@ final class LineCalls {
         if (ending) {
             finish();
         } else if (call != null) {
+            ++transfers;
             call.hear(block, time, smooth_ms);
         }
         timePasses(smooth_ms);
+    }
+
+    /** Of a call that began before they were missed. */
+    void miss(long count, Duration about, long smooth_ms) {
+        if (call != null && call.age_ms(smooth_ms) >= about.toMillis()) {
+            missed += count;
+            call.miss(count, about);
+        }
     }
 
     void timePasses(long smooth_ms) {
@@ -155,6 +194,13 @@ final class LineCalls {
             return;  // reported once more because recording was started again
         }
         timePasses(smooth_ms);
+        boolean dialling = digitsWait(smooth_ms);
+        mayHaveGivenUp = ring != null && smooth_ms - rang_ms > CALLER_RINGS_MS;
+        if (mayHaveGivenUp && dialling) {
+            missed(ring);
+            ring = null;
+            mayHaveGivenUp = false;
+        }
         if (ring != null) {
             call = ring;
             ring = null;
@@ -162,7 +208,7 @@ final class LineCalls {
         } else {
             call = maker.make(Outcome.OPEN, time, smooth_ms);
         }
-        if (digitsWait(smooth_ms)) {
+        if (dialling) {
             call.dialled(dialled, true);
         }
         dialled = "";

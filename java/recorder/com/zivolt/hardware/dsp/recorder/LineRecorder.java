@@ -35,7 +35,7 @@ import picocli.CommandLine.Mixin;
             "0:recorded; also after Ctrl-C and SIGTERM",
             "1:a card that must be there did not deliver at the end, or something could not be written",
             "2:wrong usage, or nothing may be written in the folder",
-            "3:no card delivered for as long as --exit-when-silent says"})
+            "3:card 0 or an expected card did not deliver for as long as --exit-when-silent says"})
 public final class LineRecorder implements Callable<Integer> {
     private static final int SILENT = 3;
     private static final long LOOK_MS = 100;
@@ -53,6 +53,7 @@ public final class LineRecorder implements Callable<Integer> {
     private Console console;
     private Recorder recorder;
     private CardNews cardNews;
+    private boolean monitoring;
 
     private LineRecorder() {
     }
@@ -146,8 +147,9 @@ public final class LineRecorder implements Callable<Integer> {
         recorder.handle(event);
         if (event instanceof CardEvent.CardStateChanged changed) {
             cardNews.handle(changed);
-            if (changed.card() == 0 && changed.before() == CardState.STARTING
-                    && changed.state() == CardState.RUNNING && options.monitored() != null) {
+            if (changed.card() == 0 && changed.state() == CardState.RUNNING && !monitoring
+                    && options.monitored() != null) {
+                monitoring = true;
                 monitor();  // card 0 has taken the settings, which monitoring could hold back
             }
         } else if (event instanceof CardEvent.CardError error) {
@@ -174,18 +176,22 @@ public final class LineRecorder implements Callable<Integer> {
         while (!stopping && !fatal
                 && (options.seconds() == null || secondsSince(start) < options.seconds())) {
             Thread.sleep(LOOK_MS);
+            recorder.progress().tell(console::news);
             var cards = client.cards();
             if (!found && (!cards.isEmpty()
                     || System.nanoTime() - start > CARDS_FOUND_WITHIN_NANOS)) {
                 found = true;
                 cardNews.found(cards);
             }
-            if (cards.stream().anyMatch(card -> card.state() == CardState.RUNNING)) {
+            if (cardNews.notDelivering(cards).isEmpty()) {
                 delivered = System.nanoTime();
             }
             if (options.silentSeconds() != null
                     && secondsSince(delivered) >= options.silentSeconds()) {
-                console.news("NO CARD DELIVERS: ending, so that a supervisor can start all anew");
+                console.news("%s: ending, so that a supervisor can start all anew".formatted(
+                        cards.stream().noneMatch(card -> card.state() == CardState.RUNNING)
+                                ? "NO CARD DELIVERS" : "CARD %d DOES NOT DELIVER".formatted(
+                                        cardNews.notDelivering(cards).get(0))));
                 return SILENT;
             }
         }
@@ -244,7 +250,8 @@ public final class LineRecorder implements Callable<Integer> {
     private static int explain(Exception failure, CommandLine command,
             CommandLine.ParseResult arguments) throws Exception {
         if (failure instanceof IOException) {
-            System.err.println("dspcard-record: " + Recorder.reason(failure));
+            System.err.println((Journal.takes(2) ? Journal.level("CANNOT start") : "")
+                    + "dspcard-record: " + Recorder.reason(failure));
             return failure instanceof RecordingFolder.ForbiddenException ? 2 : 1;
         }
         throw failure;

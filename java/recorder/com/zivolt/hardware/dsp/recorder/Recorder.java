@@ -36,6 +36,7 @@ final class Recorder implements Closeable {
     private final Consumer<CallRow> callEnded;
     private final Consumer<String> news;
     private final EventQueue queue = new EventQueue();
+    private final Progress progress = new Progress();
     private final CallKeeper keeper;
     private final Thread thread = new Thread(this::run, "recorder");
     private final Map<Outcome, AtomicLong> outcomes = new EnumMap<>(Outcome.class);
@@ -126,6 +127,10 @@ final class Recorder implements Closeable {
         return thread.isAlive();
     }
 
+    Progress progress() {
+        return progress;
+    }
+
     boolean isLogFailing() {
         return log.isFailing();
     }
@@ -163,6 +168,7 @@ final class Recorder implements Closeable {
         try {
             step.run();
         } catch (IOException | InterruptedException | RuntimeException failure) {
+            progress.troubled(reason(failure));
             long now = System.nanoTime();
             troubles.values().removeIf(last -> now - last > TOLD_AGAIN_NANOS);
             if (troubles.put(reason(failure), now) == null) {
@@ -194,6 +200,7 @@ final class Recorder implements Closeable {
             guarded(() -> retention.look(log, room));
         }
         seen.update(keeper);
+        progress.turned();
     }
 
     private void tellLost() {
@@ -202,6 +209,9 @@ final class Recorder implements Closeable {
             long bytes = queue.takeLostBytes(card);
             lost |= bytes > 0;
             keeper.lose(card, bytes);
+        }
+        if (lost) {
+            progress.lostAudio();
         }
         if (lost && !losing) {
             failures.incrementAndGet();
@@ -300,6 +310,7 @@ final class Recorder implements Closeable {
             step.run();
             return true;
         } catch (IOException | RuntimeException failure) {
+            progress.lostAudio();
             if (!isForLackOfRoom(failure) && call.failsFirst()) {
                 fail(what + " " + call.file(), failure);
             }

@@ -10,6 +10,7 @@ import java.io.Reader;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.UnknownHostException;
+import java.nio.charset.CharacterCodingException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
@@ -78,7 +79,8 @@ final class RecorderOptions {
     private String expected;
 
     @Option(names = "--exit-when-silent", paramLabel = "MINUTES",
-            description = "End with status 3 when no card has delivered for so long.")
+            description = "End with status 3 when card 0, without which no line has calls, or a card of"
+                    + " --expect has not delivered for so long.")
     private Double silentMinutes;
 
     @Option(names = "--reserve", paramLabel = "SIZE", defaultValue = "1G",
@@ -158,6 +160,8 @@ final class RecorderOptions {
             Properties properties = new Properties();
             try (Reader reader = Files.newBufferedReader(Path.of(file))) {
                 properties.load(reader);
+            } catch (CharacterCodingException other) {
+                throw new ParameterException(line, "--config: %s is not in UTF-8".formatted(file));
             } catch (IOException | IllegalArgumentException unreadable) {
                 throw new ParameterException(line, "--config: " + Recorder.reason(unreadable));
             }
@@ -166,6 +170,7 @@ final class RecorderOptions {
                     throw new ParameterException(line, "%s: there is no option %s"
                             .formatted(file, name));
                 }
+                properties.setProperty(name, properties.getProperty(name).strip());
             }
             return properties;
         }

@@ -147,11 +147,19 @@ final class RecordingFolder implements Closeable {
         }
     }
 
-    /** Removes a recording, and the folder of its day with the last one. */
+    /**
+     * Removes a recording with what was made of it, whose names have more behind a dot, and the folder
+     * of its day with the last one.
+     */
     void remove(String name) throws IOException {
         Path file = path.resolve(name);
         if (isFolder(file.getParent())) {
             Files.deleteIfExists(file);
+            String first = file.getFileName() + ".";
+            for (Path made : children(file.getParent(), other -> isFile(other)
+                    && other.getFileName().toString().startsWith(first), Comparator.naturalOrder())) {
+                Files.delete(made);
+            }
             changed.add(file.getParent());
             if (!Utc.day(Instant.now()).equals(file.getParent().getFileName().toString())) {
                 removeIfEmpty(file.getParent());

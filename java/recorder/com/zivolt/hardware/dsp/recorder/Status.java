@@ -38,7 +38,9 @@ final class Status {
         if (recorder.isLogFailing()) {
             problems.add("the call log cannot be written");
         }
-        if (!recorder.isAlive()) {
+        if (recorder.isAlive()) {
+            problems.addAll(recorder.progress().problems(System.nanoTime()));
+        } else {
             problems.add("the recording has ended");
         }
         return problems;
@@ -134,6 +136,11 @@ final class Status {
         lines.forEach(line -> out.value(line, line.state().equals("RECORDING") ? 1 : 0));
         out.family("line_calls_total", "counter", "Calls and missed callers of the line.");
         lines.forEach(line -> out.value(line, line.calls()));
+        out.family("line_transfers_total", "counter", "Transfers whose audio belongs to a call.");
+        lines.forEach(line -> out.value(line, line.transfers()));
+        out.family("line_missed_transfers_total", "counter",
+                "Transfers that were missed within calls.");
+        lines.forEach(line -> out.value(line, line.missed()));
         out.family("calls_total", "counter", "Calls and missed callers, by how they ended.");
         for (Outcome outcome : Outcome.values()) {
             if (outcome.isOver() && outcome != Outcome.RECOVERED) {

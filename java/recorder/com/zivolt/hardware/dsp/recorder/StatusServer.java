@@ -18,6 +18,7 @@ import java.sql.Connection;
 import java.sql.SQLException;
 import java.time.Duration;
 import java.time.Instant;
+import java.time.temporal.ChronoUnit;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.BitSet;
@@ -103,30 +104,34 @@ final class StatusServer implements Closeable {
 
     private void answer(HttpExchange exchange) throws IOException {
         try (exchange) {
-            String path = exchange.getRequestURI().getPath();
             if (!List.of("GET", "HEAD").contains(exchange.getRequestMethod())) {
                 send(exchange, 405, "text/plain", "read only\n".getBytes(UTF_8));
             } else if (!isForUs(exchange)) {
                 send(exchange, 403, "text/plain", "ask by address\n".getBytes(UTF_8));
             } else {
-                switch (path) {
-                    case "/" -> send(exchange, 200, "text/html; charset=utf-8", page);
-                    case "/metrics" -> send(exchange, 200,
-                            "text/plain; version=0.0.4; charset=utf-8",
-                            status.metrics().getBytes(UTF_8));
-                    case "/health" -> sendJson(exchange, status.problems().isEmpty() ? 200 : 503,
-                            status::writeHealth);
-                    case "/state" -> sendJson(exchange, 200, status::writeState);
-                    case "/calls" -> sendJson(exchange, 200,
-                            out -> writeCalls(out, parameters(exchange)));
-                    case "/day" -> sendJson(exchange, 200,
-                            out -> writeDay(out, parameters(exchange)));
-                    default -> send(exchange, 404, "text/plain",
-                            "there are /, /metrics and /health\n".getBytes(UTF_8));
-                }
+                answerWhatIsAsked(exchange);
+            }
+        }
+    }
+
+    private void answerWhatIsAsked(HttpExchange exchange) throws IOException {
+        try {
+            switch (exchange.getRequestURI().getPath()) {
+                case "/" -> send(exchange, 200, "text/html; charset=utf-8", page);
+                case "/metrics" -> send(exchange, 200, "text/plain; version=0.0.4; charset=utf-8",
+                        status.metrics().getBytes(UTF_8));
+                case "/health" -> sendJson(exchange, status.problems().isEmpty() ? 200 : 503,
+                        status::writeHealth);
+                case "/state" -> sendJson(exchange, 200, status::writeState);
+                case "/calls" -> sendJson(exchange, 200,
+                        out -> writeCalls(out, parameters(exchange)));
+                case "/day" -> sendJson(exchange, 200, out -> writeDay(out, parameters(exchange)));
+                default -> send(exchange, 404, "text/plain",
+                        "there are /, /metrics and /health\n".getBytes(UTF_8));
             }
         } catch (IllegalArgumentException wrong) {
-            send(exchange, 400, "text/plain", (wrong.getMessage() + "\n").getBytes(UTF_8));
+            send(exchange, 400, "text/plain", (Printable.escaped(wrong.getMessage()) + "\n")
+                    .getBytes(UTF_8));
         }
     }
 
@@ -164,8 +169,9 @@ final class StatusServer implements Closeable {
     /** For each line the minutes of the day that had a call, as beginnings and ends. */
     private void writeDay(JsonGenerator out, Map<String, String> asked)
             throws IOException, SQLException {
-        Instant day = Utc.parse(asked.getOrDefault("date", Utc.text(Instant.now()))
-                .substring(0, 10));
+        String date = asked.getOrDefault("date", "");
+        Instant day = date.isEmpty() ? Instant.now().truncatedTo(ChronoUnit.DAYS)
+                : Utc.parse(date).truncatedTo(ChronoUnit.DAYS);
         Map<Integer, BitSet> lines = new TreeMap<>();
         try (Connection reader = CallTable.openForReading(log)) {
             new CallFilter().from(day.minus(LONGEST_CALL)).before(day.plus(Duration.ofDays(1)))

@@ -45,6 +45,9 @@ final class Utc {
     /** A day (its beginning), or a time with or without the zone. */
     static Instant parse(String text) {
         try {
+            if (!text.matches("\\d{4}-.*")) {
+                throw new DateTimeParseException("no year of four digits", text, 0);
+            }
             return text.length() <= "2026-11-23".length()
                     ? LocalDate.parse(text).atStartOfDay(ZoneOffset.UTC).toInstant()
                     : LocalDateTime.parse(text.replaceFirst("Z$", "")).toInstant(ZoneOffset.UTC);

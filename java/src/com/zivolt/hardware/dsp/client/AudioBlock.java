@@ -28,7 +28,8 @@ public final class AudioBlock {
      * @return the block
      */
     public static AudioBlock of(byte[] audio) {
-        return new AudioBlock(audio.clone(), 0, audio.length);
+        byte[] copy = Objects.requireNonNull(audio, "audio").clone();
+        return new AudioBlock(copy, 0, copy.length);
     }
 
     /**
@@ -67,7 +68,7 @@ public final class AudioBlock {
      * @throws IOException when {@code out} throws it
      */
     public void writeTo(OutputStream out) throws IOException {
-        out.write(shared, offset, length);
+        Objects.requireNonNull(out, "out").write(shared, offset, length);
     }
 
     @Override

@@ -129,7 +129,9 @@ public sealed interface CardEvent {
          */
         public AudioRecorded {
             Objects.requireNonNull(time, "time");
-            blocks = List.copyOf(Objects.requireNonNull(blocks, "blocks"));
+            Objects.requireNonNull(blocks, "blocks").forEach(
+                    block -> Objects.requireNonNull(block, "block"));
+            blocks = List.copyOf(blocks);
             int lines = blocks.size();
             require(lines == 4 || lines == 8, "A card has 4 or 8 lines, not %d", lines);
             require(firstLine >= 0 && firstLine + lines <= LineSettings.LINES,

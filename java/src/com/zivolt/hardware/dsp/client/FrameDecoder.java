@@ -8,6 +8,7 @@ import java.time.Instant;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Objects;
 
 /**
  * Turns the frames that {@link com.zivolt.hardware.dsp.cppint.CardBridge#getPacket} delivers into
@@ -31,7 +32,7 @@ public final class FrameDecoder {
      *     says, of an unknown type, or with values that no card reports
      */
     public static CardEvent decode(byte[] frame) {
-        if (frame.length < HEADER_LENGTH) {
+        if (Objects.requireNonNull(frame, "frame").length < HEADER_LENGTH) {
             throw new BadFrameException("A frame of %d bytes is shorter than its header of %d"
                     .formatted(frame.length, HEADER_LENGTH));
         }
@@ -45,7 +46,7 @@ public final class FrameDecoder {
         }
         byte[] payload = Arrays.copyOfRange(frame, HEADER_LENGTH, frame.length);
         try {
-            return event(type, time, Arrays.copyOfRange(frame, HEADER_LENGTH, frame.length));
+            return event(type, time, payload);
         } catch (IllegalArgumentException impossible) {
             throw new BadFrameException("A frame of type %d: %s"
                     .formatted(type, impossible.getMessage()));

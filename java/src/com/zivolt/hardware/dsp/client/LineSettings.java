@@ -31,7 +31,7 @@ public final class LineSettings {
      * @throws IllegalArgumentException when the table has another length or impossible values
      */
     public static LineSettings ofBytes(byte[] table) {
-        if (table.length != 3 * LINES) {
+        if (Objects.requireNonNull(table, "table").length != 3 * LINES) {
             throw new IllegalArgumentException("Settings are a table of %d bytes, not %d"
                     .formatted(3 * LINES, table.length));
         }

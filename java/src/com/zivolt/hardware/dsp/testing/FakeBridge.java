@@ -13,6 +13,7 @@ import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Objects;
 import java.util.Queue;
 
 /**
@@ -41,7 +42,7 @@ public final class FakeBridge implements CardBridge {
      * @param linesOfCards of none, one or two cards, card 0 first: 4 or 8
      */
     public FakeBridge(int... linesOfCards) {
-        if (linesOfCards.length > 2
+        if (Objects.requireNonNull(linesOfCards, "linesOfCards").length > 2
                 || Arrays.stream(linesOfCards).anyMatch(lines -> lines != 4 && lines != 8)) {
             throw new IllegalArgumentException("There are up to two cards of 4 or 8 lines, not "
                     + Arrays.toString(linesOfCards));
@@ -87,6 +88,14 @@ public final class FakeBridge implements CardBridge {
      * @param settings of all lines
      */
     public record SettingsApplied(LineSettings settings) implements Command {
+        /**
+         * Checks the value.
+         *
+         * @param settings not null
+         */
+        public SettingsApplied {
+            Objects.requireNonNull(settings, "settings");
+        }
     }
 
     /**
@@ -95,6 +104,14 @@ public final class FakeBridge implements CardBridge {
      * @param audio up to 600 bytes
      */
     public record AudioPlayed(AudioBlock audio) implements Command {
+        /**
+         * Checks the value.
+         *
+         * @param audio not null
+         */
+        public AudioPlayed {
+            Objects.requireNonNull(audio, "audio");
+        }
     }
 
     /**
@@ -114,7 +131,7 @@ public final class FakeBridge implements CardBridge {
      *     makes by itself
      */
     public synchronized void report(CardEvent event) {
-        frames.add(frame(event));
+        frames.add(frame(Objects.requireNonNull(event, "event")));
     }
 
     private static byte[] frame(CardEvent event) {

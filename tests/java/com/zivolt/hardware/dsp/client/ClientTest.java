@@ -103,8 +103,15 @@ class ClientTest {
         Stream.<Executable>of(() -> builder.line(0, null), () -> client.play(null),
                 () -> new LineSetting(null, Beep.OFF, 3), () -> client.apply(null),
                 () -> client.poll(null), () -> client.listen(null), () -> new CallEnded(null, 1),
-                () -> new DigitsHeard(TIME, 1, null), () -> new AudioRecorded(TIME, 0, null))
-                .forEach(wrong -> assertThrows(NullPointerException.class, wrong));
+                () -> new DigitsHeard(TIME, 1, null), () -> new AudioRecorded(TIME, 0, null),
+                () -> new AudioRecorded(TIME, 0, Collections.singletonList(null)),
+                () -> AudioBlock.of(null), () -> blocks.get(0).writeTo(null),
+                () -> FrameDecoder.decode(null), () -> LineSettings.ofBytes(null),
+                () -> new FakeBridge((int[]) null), () -> bridge.report(null),
+                () -> new SettingsApplied(null), () -> new AudioPlayed(null),
+                () -> new CardClient(null), () -> client.onListenerFailure(null))
+                .map(wrong -> assertThrows(NullPointerException.class, wrong).getMessage())
+                .forEach(what -> assertTrue(what.matches("\\w+"), "our name of it: " + what));
         assertEquals(6, bridge.commands().size(), "something wrong was sent");
     }
 

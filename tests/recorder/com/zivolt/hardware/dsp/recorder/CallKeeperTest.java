@@ -32,6 +32,13 @@ class CallKeeperTest {
                 "unknown - - complete 3");
         assertCalls("a caller who gave up", "1 caller A, 70 up, 72 down, 75 up, 76 down",
                 "in A - missed 0", "unknown - - complete 2", "unknown - - complete 1");
+        assertCalls("a caller who gave up, and somebody dials",
+                "1 caller A, 40 up, 42 digits 01, 43 digits 2, 50 down, 60 up, 62 digits 3, 65 down",
+                "out - 012 complete 10", "in A - missed 0", "out - 3 complete 5");
+        assertCalls("and dials before the sound triggers", "1 caller A, 39 digits 01, 40 up, 50 down",
+                "in A - missed 0", "out - 01 complete 10");
+        assertCalls("answered late, and a menu", "1 caller A, 40 up, 46 digits 5, 50 down",
+                "in A 5 complete 10");
         assertCalls("another caller first", "1 caller A, 5 caller B, 6 up, 8 down",
                 "in A - missed 0", "in B - complete 2");
         assertCalls("told twice while it rings", "1 caller A, 50 caller A, 70 up, 72 down",

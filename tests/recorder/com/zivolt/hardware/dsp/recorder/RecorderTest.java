@@ -15,6 +15,7 @@ import java.sql.*;
 import java.time.*;
 import java.util.*;
 import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.locks.ReentrantLock;
 import java.util.stream.*;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
@@ -28,6 +29,7 @@ class RecorderTest {
     Path temporary;
     private final Queue<String> told = new ConcurrentLinkedQueue<>();
     private final Queue<CallRow> ended = new ConcurrentLinkedQueue<>();
+    private final ReentrantLock disk = new ReentrantLock();
     private Path path;
     private RecordingFolder folder;
     private DiskRoom room;
@@ -39,6 +41,9 @@ class RecorderTest {
 
     @AfterEach
     void end() throws IOException {
+        if (disk.isHeldByCurrentThread()) {
+            disk.unlock();
+        }
         close();
     }
 
@@ -213,6 +218,21 @@ class RecorderTest {
     }
 
     @Test
+    void othersLearnThatTheRecordingStandsStillOrLosesAudio() throws Exception {
+        begin("still");
+        disk.lock();
+        play(new CallStarted(at(), 1), audio(), new CallEnded(at(), 1), audio());
+        awaitThat(() -> trouble(8).equals("[the recording has stood still for 10 s]"));
+        disk.unlock();
+        awaitThat(() -> trouble(8).equals("[]"));
+        Files.move(path, temporary.resolve("gone"));
+        play(new CallStarted(at(), 1), audio(), new CallEnded(at(), 1), audio());
+        awaitThat(() -> trouble(0).matches(".*not be written.*, .*not go on.*still.*"));
+        assertTrue(trouble(50).contains("audio could not be written in the last minute"));
+        Files.move(temporary.resolve("gone"), path);
+    }
+
+    @Test
     void theOldestRecordingsAreRemovedFirstAndTheirRowsSaySo() throws Exception {
         begin("kept");
         for (int call = 0; call < 5; ++call) {
@@ -241,9 +261,12 @@ class RecorderTest {
         retention.look(log, room);
         assertEquals(List.of(true, false, true, false, false), removed(), "the clock was set");
         Files.delete(second.resolve("not to be removed"));
+        Path made = path.resolve(rows(new CallFilter()).get(3).file() + ".wav");
+        Files.createFile(made);
         look(null, Long.MAX_VALUE);
         close();
         assertEquals(Collections.nCopies(5, true), removed());
+        assertFalse(Files.exists(made));
         assertFalse(Files.exists(path.resolve("20260301Z")));
         assertEquals(List.of(), problems(true));
     }
@@ -317,7 +340,11 @@ class RecorderTest {
         path = temporary.resolve(name);
         open(null, 0);
         new TakeUp(folder, log, told::add).run();
-        recorder = new Recorder(folder, room, log, retention, new CallsSeen(), ended::add, told::add);
+        recorder = new Recorder(folder, room, log, retention, new CallsSeen(), row -> {
+            disk.lock();  // hangs while the test has it
+            disk.unlock();
+            ended.add(row);
+        }, told::add);
         recorder.start(() -> told.add("failed"));
         recorder.handle(new CardStateChanged(START, 0, CardState.STARTING, CardState.RUNNING, ""));
     }
@@ -385,6 +412,11 @@ class RecorderTest {
             new FolderCheck(path, reader, checksums, problems::add).run();
         }
         return problems;
+    }
+
+    /** What is wrong when nothing happens for so long. */
+    private String trouble(long later_s) {
+        return recorder.progress().problems(System.nanoTime() + later_s * 1_000_000_000L).toString();
     }
 
     private interface WriterMaker {
