@@ -114,6 +114,12 @@ make_root() {
         cp -a "$work/$architecture-clean" "$root"
     fi
     mount -t proc proc "$root/proc"
+    mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
+}
+
+drop_root() {
+    umount "$root/dev/pts" "$root/proc"
+    rm -rf --one-file-system "$root"
 }
 
 build_packages() {
@@ -137,8 +143,7 @@ build_packages() {
     packages=$work/$architecture-packages
     mkdir "$packages"
     cp "$root"/packages/*.{deb,dsc,tar.*,changes,buildinfo} "$packages"
-    umount "$root/proc"
-    rm -rf --one-file-system "$root"
+    drop_root
 }
 
 look_at_packages() {
@@ -332,8 +337,7 @@ check_installed() {
     list_files | grep -vE '^\./(var/lib/dspcard|etc/dspcard/firmware|etc/dspcard$|etc/(passwd|group|shadow|gshadow)-?$|etc/\.pwd\.lock)' >"$work/after"
     grep -vE '^\./etc/((passwd|group|shadow|gshadow)-?|\.pwd\.lock)$' "$work/before" >"$work/before.kept"
     diff "$work/before.kept" "$work/after" >&2 || fail "purged, and the files are not what they were"
-    umount "$root/proc"
-    rm -rf --one-file-system "$root"
+    drop_root
 }
 
 ((EUID == 0)) || fail "debootstrap and chroot need root"

@@ -306,8 +306,8 @@ capabilities() {
 
 # On a terminal the table is painted over nothing else's lines, and all is as before at the end.
 terminal() {
-    command -v script >/dev/null || {
-        echo 'skipped: script (Debian package bsdutils) is not installed'
+    script -qec true /dev/null || {
+        echo 'skipped: no terminal can be made here, by script (Debian package bsdutils) and /dev/pts'
         exit 77
     }
     local command
