@@ -22,7 +22,8 @@ class Bytes : public Source {
     explicit Bytes(const std::string& content) : bytes(content) {}
     std::uint64_t size() const override { return bytes.size(); }
     std::size_t read(std::uint64_t offset, void* to, std::size_t count) const override {
-        const std::size_t there = bytes.size() - std::min<std::size_t>(offset, bytes.size());
+        const std::size_t there =
+            bytes.size() - static_cast<std::size_t>(std::min<std::uint64_t>(offset, bytes.size()));
         std::copy_n(bytes.data() + bytes.size() - there, std::min(count, there),
                     static_cast<char*>(to));
         return std::min(count, there);

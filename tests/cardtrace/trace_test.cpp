@@ -162,7 +162,7 @@ TEST_F(Trace, NamesWhereAnotherHostDoesSomethingElse) {
 
 TEST_F(Trace, LeavesOutWhatItMustNotTell) {
     recordLockUp("--audio pleasant");
-    const std::size_t length = fs::file_size(folder / "trace");
+    const std::uintmax_t length = fs::file_size(folder / "trace");
     const auto numbers =
         run("$cardtrace show $files/trace | grep -o 'caller 0191[0-9]*' | sort -u").out;
     ASSERT_THAT(numbers, HasSubstr("caller 0191"));
