@@ -235,7 +235,7 @@ expect_devices() {
 }
 
 check_rights() {
-    local with=,+sys_rawio groups='--groups dspcard-ports' device
+    local with=,+sys_rawio groups='--groups dspcard-ports' device program
     expect_devices root:dspcard-ports 660
     awk '/udevadm trigger/ { given = 1 } /deb-systemd-invoke/ { exit !given }' \
         "$root/var/lib/dpkg/info/dspcard.postinst" || fail "the service is started before it has the devices"
@@ -250,6 +250,19 @@ check_rights() {
     shell "without the group of the devices" "$(service_with "$with" --clear-groups 'cardcheck || true')"
     for device in /dev/mem /dev/port; do
         expect "cardcheck" "^FAIL  $device: user [0-9]+ may not read and write it: it is root:dspcard-ports 0660"
+    done
+    # The real devices have nothing behind them here; such as can be opened stand where they stood.
+    # shellcheck disable=SC2016 # for the shell inside
+    shell "devices that can be opened" 'for device in /dev/mem /dev/port; do
+        mknod $device.new c 1 5 && chown --reference=$device $device.new &&
+        chmod --reference=$device $device.new && mv $device.new $device || exit 1; done'
+    for program in "dspcard-bench" "dspcard-record --folder /tmp/no-cards --seconds 3"; do
+        shell "$program with the rights of the service" "$(service_with "$with" "$groups" "timeout 12 $program || true")"
+        expect "the devices are opened" '^Doing port test for board 0'
+        ! grep "Couldn't access" "$work/log" >&2 || fail "$program cannot open the devices"
+        shell "$program without the group" "$(service_with "$with" --clear-groups "timeout 12 $program || true")"
+        expect "what is missing" "^Couldn't access /dev/mem"
+        expect "what is missing" "^Couldn't access /dev/port errno=13"
     done
     shell "as nobody" "setpriv --reuid nobody --regid nogroup --clear-groups cardcheck || true"
     expect "cardcheck" '^FAIL  privilege: user 65534 without CAP_SYS_RAWIO'
