@@ -255,7 +255,8 @@ check_rights() {
     # shellcheck disable=SC2016 # for the shell inside
     shell "devices that can be opened" 'for device in /dev/mem /dev/port; do
         mknod $device.new c 1 5 && chown --reference=$device $device.new &&
-        chmod --reference=$device $device.new && mv $device.new $device || exit 1; done'
+        chmod --reference=$device $device.new && mv $device $device.real &&
+        mv $device.new $device || exit 1; done'
     for program in "dspcard-bench" "dspcard-record --folder /tmp/no-cards --seconds 3"; do
         shell "$program with the rights of the service" "$(service_with "$with" "$groups" "timeout 12 $program || true")"
         expect "the devices are opened" '^Doing port test for board 0'
@@ -264,6 +265,7 @@ check_rights() {
         expect "what is missing" "^Couldn't access /dev/mem"
         expect "what is missing" "^Couldn't access /dev/port errno=13"
     done
+    shell "the real devices again" 'mv /dev/mem.real /dev/mem && mv /dev/port.real /dev/port'
     shell "as nobody" "setpriv --reuid nobody --regid nogroup --clear-groups cardcheck || true"
     expect "cardcheck" '^FAIL  privilege: user 65534 without CAP_SYS_RAWIO'
 }
