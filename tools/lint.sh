@@ -2,7 +2,7 @@
 # Checks the style of everything: format and clang-tidy for C++, shellcheck for scripts. Installs
 # what is missing from Debian's packages first.
 #
-#   tools/lint.sh [--all]     --all: clang-tidy for the tests as well
+#   tools/lint.sh [--all]     --all: clang-tidy for tests, trials and fuzzers as well
 #
 # Exit status: 0 clean, 1 not (what is wrong stands above).
 set -euo pipefail
@@ -16,7 +16,7 @@ mapfile -t files < <(git ls-files --cached --others --exclude-standard)
 mapfile -t cpp < <(printf '%s\n' "${files[@]}" | grep -E '\.(h|cpp)$')
 mapfile -t scripts < <(grep -lE '^#!.*[ /](ba)?sh$' "${files[@]}")
 unclean=()
-where="^$PWD/(?!tests/)"
+where="^$PWD/(?!tests/|trials/|fuzz/)"
 [[ ${1-} != --all ]] || where="^$PWD/"
 
 # check NAME COMMAND...: runs it, and shows what it says only when it finds something.
@@ -32,8 +32,8 @@ check() {
     fi
 }
 
-# Every file that is compiled, and the headers that it includes; with --all the tests too, which take
-# as long as all others.
+# Every file that is compiled, and the headers that it includes; with --all tests, trials and fuzzers
+# too, which take as long as all others.
 tidy() {
     run-clang-tidy -quiet -j "$(nproc)" -p build "$where" 2>&1 |
         sed -E '/^clang-tidy|^[0-9]+ (warning|error)s? (generated|treated)|^$/d'
