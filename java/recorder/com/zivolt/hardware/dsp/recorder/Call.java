@@ -137,8 +137,13 @@ final class Call {
 
     /** Ends it at the last moment that anything was heard of it. */
     void endAsHeard(Outcome how) {
-        outcome = how != Outcome.COMPLETE && how != Outcome.PROCESS_END && how != Outcome.CARD
-                || unwritten == 0 && !mayBeLost ? how : hadNoRoom ? Outcome.DISK_FULL : Outcome.NOT_WRITTEN;
+        boolean tellsTheEnd =
+                how == Outcome.COMPLETE || how == Outcome.PROCESS_END || how == Outcome.CARD;
+        boolean audioIsMissing = unwritten > 0 || mayBeLost;
+        outcome = how;
+        if (tellsTheEnd && audioIsMissing) {  // which matters more
+            outcome = hadNoRoom ? Outcome.DISK_FULL : Outcome.NOT_WRITTEN;
+        }
         changed = true;
     }
 

@@ -122,7 +122,7 @@ final class RecorderOptions {
     @Option(names = "--version", versionHelp = true, description = "Show the version.")
     private boolean version;
 
-    /** The command line of the program that has these options mixed in, and the file that the arguments may name. */
+    /** Of the program that has these options mixed in, and of the file that the arguments may name. */
     CommandLine commandLine(Object command, String[] args) {
         line = new CommandLine(command)
                 .registerConverter(Trigger.class, text -> constant(Trigger.class, text))
